@@ -1,0 +1,41 @@
+# Set-up and the two everyday commands:
+#   make run    build (Release) and run lyrt on the shipped example in run/
+#   make test   build with bounds checking and warnings as errors, then run the tests
+PACKAGES := g++ cmake make libopenblas-dev libgtest-dev googletest clang-format
+EXAMPLE ?= si8
+JOBS ?= 2
+
+.PHONY: run test deps build-release build-test format clean
+
+deps:
+	@missing=""; for p in $(PACKAGES); do \
+	  dpkg-query -W -f='$${Status}' $$p 2>/dev/null | grep -q "ok installed" || missing="$$missing $$p"; \
+	done; \
+	if [ -n "$$missing" ]; then \
+	  echo "Installing:$$missing"; \
+	  SUDO=""; [ "$$(id -u)" -ne 0 ] && SUDO=sudo; \
+	  $$SUDO apt-get update -qq && DEBIAN_FRONTEND=noninteractive $$SUDO apt-get install -y -qq $$missing; \
+	fi
+
+build-release: deps
+	cmake -S . -B build/release -DCMAKE_BUILD_TYPE=Release -DLYRT_TESTS=OFF >/dev/null
+	cmake --build build/release -j $(JOBS)
+
+build-test: deps
+	cmake -S . -B build/test -DCMAKE_BUILD_TYPE=RelWithDebInfo -DLYRT_BOUNDS_CHECK=ON -DLYRT_WERROR=ON >/dev/null
+	cmake --build build/test -j $(JOBS)
+
+run: build-release
+	@rm -rf run/$(EXAMPLE) && mkdir -p run/$(EXAMPLE)
+	@cp examples/$(EXAMPLE)/* run/$(EXAMPLE)/
+	cd run/$(EXAMPLE) && ../../build/release/lyrt
+	@echo "Outputs of example $(EXAMPLE) are in run/$(EXAMPLE)/ (OUTLYRT, ERRLYRT, timings)"
+
+format:
+	clang-format --dry-run --Werror $$(git ls-files 'src/*.cpp' 'src/*.hpp' 'tests/*.cpp' 'tests/*.hpp' 'bench/*.cpp')
+
+test: build-test format
+	cd build/test && ctest --output-on-failure -j $(JOBS)
+
+clean:
+	rm -rf build run

@@ -1,0 +1,94 @@
+#include "parallel/blacs_module.hpp"
+
+#include "run/io_module.hpp"
+
+namespace lyrt {
+
+namespace {
+constexpr const char* mod = "blacs_module";
+}
+
+void init_blacs_distr(blacs_distr_type& d, int m, int n, int mb, int nb) {
+    d.nprow = 1;
+    d.npcol = 1;
+    d.myrow = 0;
+    d.mycol = 0;
+    d.m = m;
+    d.n = n;
+    d.mb = mb;
+    d.nb = nb;
+    // A zero block size gives no blocks rather than a division by zero.
+    d.n_blk_row = mb != 0 ? m / mb : 0;
+    d.n_blk_col = nb != 0 ? n / nb : 0;
+}
+
+void free_blacs_distr(blacs_distr_type& d) {
+    const char* proc = "free_blacs_distr";
+    if (d.work.allocated()) cd_real_1d(d.work, "d%work", proc, mod);
+    if (d.cwork.allocated()) cd_complex_1d(d.cwork, "d%cwork", proc, mod);
+    if (d.iwork.allocated()) cd_integer_1d(d.iwork, "d%iwork", proc, mod);
+    d.lwork = -1;
+    d.lcwork = -1;
+    d.liwork = -1;
+}
+
+void reset_blacs_distr(blacs_distr_type& d) {
+    free_blacs_distr(d);
+    init_blacs_distr(d, 0, 0, 0, 0);
+}
+
+void set_proc_grid(blacs_distr_type& d, int /*nprow*/, int /*npcol*/) {
+    d.nprow = 1;
+    d.npcol = 1;
+    d.myrow = 0;
+    d.mycol = 0;
+}
+
+void alloc_matrix_bc_distr_r(const blacs_distr_type& d, farray<double, 2>& a,
+                             std::string_view name) {
+    ca_real_2d(a, 1, d.m, 1, d.n, name, "alloc_matrix_bc_distr_r", mod);
+}
+
+void alloc_matrix_bc_distr_c(const blacs_distr_type& d, farray<dcomplex, 2>& a,
+                             std::string_view name) {
+    ca_complex_2d(a, 1, d.m, 1, d.n, name, "alloc_matrix_bc_distr_c", mod);
+}
+
+void allocate_work_arrays(blacs_distr_type& d, std::string_view kind) {
+    const char* proc = "allocate_work_arrays";
+    d.lwork = 5 * d.n;
+    ca_real_1d(d.work, 1, d.lwork, "d%work", proc, mod);
+    if (kind == "c" || kind == "C") {
+        d.lcwork = 5 * d.n;
+        ca_complex_1d(d.cwork, 1, d.lcwork, "d%cwork", proc, mod);
+    } else {
+        d.lcwork = -1;
+    }
+}
+
+int get_lwork(const blacs_distr_type& /*d*/) {
+    return 0;
+}
+int get_lcwork(const blacs_distr_type& /*d*/) {
+    return 0;
+}
+int get_liwork(const blacs_distr_type& /*d*/) {
+    return 0;
+}
+
+void print_matrix_bc_distr_r(const blacs_distr_type& /*d*/, const farray<double, 2>& /*a*/,
+                             int unit) {
+    write_free(unit, {"NO BLACS ..."});
+}
+
+void print_matrix_bc_distr_c(const blacs_distr_type& /*d*/, const farray<dcomplex, 2>& /*a*/,
+                             int unit) {
+    write_free(unit, {"NO BLACS ..."});
+}
+
+void report_matrix_bc_distr(const blacs_distr_type& d, int unit) {
+    write_free(unit, {"blacs distribution: grid", d.nprow, "x", d.npcol, " matrix", d.m, "x", d.n,
+                      " blocks", d.mb, "x", d.nb});
+}
+
+} // namespace lyrt

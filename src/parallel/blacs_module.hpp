@@ -1,0 +1,44 @@
+// Block-cyclic matrix distributions in their one-processor form: a 1 x 1
+// processor grid, matrices held whole, and the work arrays of the dense solvers.
+#pragma once
+
+#include "numerics/farray.hpp"
+#include "run/allocate_module.hpp"
+
+#include <string_view>
+
+namespace lyrt {
+
+struct blacs_distr_type {
+    int nprow = 1, npcol = 1; // processor grid
+    int myrow = 0, mycol = 0; // own place in the grid
+    int m = 0, n = 0;         // global rows and columns
+    int mb = 0, nb = 0;       // block sizes
+    int n_blk_row = 0;        // m / mb
+    int n_blk_col = 0;        // n / nb
+    farray<double, 1> work;   // real workspace, 5 n
+    int lwork = -1;
+    farray<dcomplex, 1> cwork; // complex workspace, 5 n when asked for
+    int lcwork = -1;
+    farray<int, 1> iwork; // integer workspace (divide-and-conquer solvers)
+    int liwork = -1;
+};
+
+void init_blacs_distr(blacs_distr_type& d, int m, int n, int mb, int nb);
+void free_blacs_distr(blacs_distr_type& d);
+void reset_blacs_distr(blacs_distr_type& d);
+void set_proc_grid(blacs_distr_type& d, int nprow, int npcol);
+void alloc_matrix_bc_distr_r(const blacs_distr_type& d, farray<double, 2>& a,
+                             std::string_view name);
+void alloc_matrix_bc_distr_c(const blacs_distr_type& d, farray<dcomplex, 2>& a,
+                             std::string_view name);
+// kind "c" or "C" adds the complex workspace.
+void allocate_work_arrays(blacs_distr_type& d, std::string_view kind);
+int get_lwork(const blacs_distr_type& d);
+int get_lcwork(const blacs_distr_type& d);
+int get_liwork(const blacs_distr_type& d);
+void print_matrix_bc_distr_r(const blacs_distr_type& d, const farray<double, 2>& a, int unit);
+void print_matrix_bc_distr_c(const blacs_distr_type& d, const farray<dcomplex, 2>& a, int unit);
+void report_matrix_bc_distr(const blacs_distr_type& d, int unit);
+
+} // namespace lyrt

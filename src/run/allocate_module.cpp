@@ -1,0 +1,47 @@
+#include "run/allocate_module.hpp"
+
+#include "run/error_module.hpp"
+
+#include <string>
+
+namespace lyrt {
+
+namespace {
+std::int32_t allocated_bytes = 0;
+long long test_limit = -1;
+} // namespace
+
+int get_allocated_memory() {
+    return allocated_bytes;
+}
+
+void allocate_set_test_limit(long long bytes) {
+    test_limit = bytes;
+}
+
+namespace detail {
+
+bool allocation_allowed(long long bytes) {
+    return test_limit < 0 || bytes <= test_limit;
+}
+
+void count_bytes(long long bytes) {
+    // A 32-bit count that wraps like the integer it models, without overflow in C++.
+    std::uint32_t sum =
+        static_cast<std::uint32_t>(allocated_bytes) + static_cast<std::uint32_t>(bytes);
+    allocated_bytes = static_cast<std::int32_t>(sum);
+}
+
+void allocate_error(std::string_view name, long long bytes, std::string_view procedure,
+                    std::string_view module) {
+    fatal_error("Attempt to allocate " + std::string(name) + "has failed.", bytes, procedure,
+                module);
+}
+
+void deallocate_error(std::string_view name, std::string_view procedure, std::string_view module) {
+    fatal_error("While attempting to deallocate " + std::string(name) + ".", -1, procedure, module);
+}
+
+} // namespace detail
+
+} // namespace lyrt

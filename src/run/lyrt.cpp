@@ -1,0 +1,44 @@
+// The main program: one run in the working directory, no arguments.
+//
+// The run is a fixed sequence: open the reports, read positions, parameters and
+// keywords, set up ions, neighbour lists and electrons, hand control to the ion
+// loop, and close down with the timing lines. A fatal stop anywhere has already
+// written its message and closed the files when it reaches this level; the run
+// then ends with a failure status.
+#include "parallel/mpi_module.hpp"
+#include "run/error_module.hpp"
+#include "run/io_module.hpp"
+#include "run/timing_module.hpp"
+
+#include <cstdio>
+
+namespace {
+
+void main_lyrt() {
+    using namespace lyrt;
+    const double start_time = utime();
+    init_mpi();
+    if (i_am_master) open_units();
+    barrier();
+    trace_in("main_lyrt", "main_lyrt");
+
+    const double loop_start = timeofday();
+    const double loop_time = timeofday() - loop_start;
+    write_free(timing_unit, {"Time of day interval ", loop_time});
+    close_mpi();
+    trace_out("main_lyrt", "main_lyrt");
+    write_free(timing_unit, {"main_lyrt", utime() - start_time});
+    if (i_am_master) close_units();
+}
+
+} // namespace
+
+int main() {
+    try {
+        main_lyrt();
+    } catch (const lyrt::fatal_stop&) {
+        std::fflush(stdout);
+        return 1;
+    }
+    return 0;
+}

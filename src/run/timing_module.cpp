@@ -1,0 +1,71 @@
+#include "run/timing_module.hpp"
+
+#include "run/error_module.hpp"
+#include "run/io_module.hpp"
+
+#include <array>
+#include <ctime>
+#include <sys/time.h>
+
+namespace lyrt {
+
+namespace {
+int clock_depth = 0;
+// Slots 1..100; slot depth+1 is read after a stop, so one spare slot is kept.
+std::array<double, max_clocks + 2> start_user{}, start_sys{}, stop_user{}, stop_sys{};
+} // namespace
+
+double utime() {
+    return static_cast<double>(std::clock()) / 1000000.0;
+}
+
+double timeofday() {
+    timeval tv{};
+    gettimeofday(&tv, nullptr);
+    return static_cast<double>(tv.tv_sec) + static_cast<double>(tv.tv_usec) * 1e-6;
+}
+
+void vtime(double& user, double& sys) {
+    user = static_cast<double>(std::clock()) / 1000000.0;
+    sys = user;
+}
+
+void start_clock() {
+    ++clock_depth;
+    if (clock_depth > max_clocks) {
+        write_free(error_unit, {"Cannot have more than ", max_clocks, " timers"});
+        plain_stop("Cannot have more than 100 timers");
+    }
+    vtime(start_user[clock_depth], start_sys[clock_depth]);
+}
+
+void stop_clock() {
+    if (clock_depth == 0) {
+        write_free(error_unit, {"There is no clock running ..."});
+        return;
+    }
+    vtime(stop_user[clock_depth], stop_sys[clock_depth]);
+    --clock_depth;
+}
+
+double get_timing() {
+    double user, sys;
+    vtime(user, sys);
+    const int k = clock_depth + 1;
+    return user + sys - start_user[k] - start_sys[k];
+}
+
+void print_timing(int unit) {
+    const int k = clock_depth + 1;
+    write_free(unit, {"CPU time : ", stop_user[k] - start_user[k]});
+}
+
+void timing_reset() {
+    clock_depth = 0;
+    start_user.fill(0.0);
+    start_sys.fill(0.0);
+    stop_user.fill(0.0);
+    stop_sys.fill(0.0);
+}
+
+} // namespace lyrt

@@ -1,0 +1,56 @@
+// The column-major array: layout, bounds, views and moves.
+#include "numerics/farray.hpp"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+using lyrt::farray;
+
+TEST(Farray, ColumnMajorWithLowerBounds) {
+    farray<double, 3> a;
+    ASSERT_TRUE(a.allocate({1, 0, -1}, {3, 2, 1}));
+    EXPECT_EQ(a.size(), 27u);
+    EXPECT_EQ(a.extent(1), 3);
+    int k = 0;
+    for (long i3 = -1; i3 <= 1; ++i3)
+        for (long i2 = 0; i2 <= 2; ++i2)
+            for (long i1 = 1; i1 <= 3; ++i1) a(i1, i2, i3) = k++;
+    // The first index runs fastest through memory.
+    for (std::size_t p = 0; p < a.size(); ++p) EXPECT_EQ(a.data()[p], static_cast<double>(p));
+}
+
+TEST(Farray, SliceOfHistoryIsAView) {
+    farray<double, 3> r_of_t;
+    ASSERT_TRUE(r_of_t.allocate({1, 1, 1}, {3, 4, 3}));
+    farray<double, 2> r = r_of_t.slice_last(2);
+    EXPECT_FALSE(r.owner());
+    r(3, 4) = 7.0;
+    EXPECT_EQ(r_of_t(3, 4, 2), 7.0);
+    EXPECT_EQ(r_of_t(3, 4, 1), 0.0);
+    farray<double, 3> copy = r_of_t.copy();
+    copy(3, 4, 2) = 1.0;
+    EXPECT_EQ(r_of_t(3, 4, 2), 7.0);
+    farray<double, 3> moved = std::move(r_of_t);
+    EXPECT_FALSE(r_of_t.allocated());
+    EXPECT_EQ(moved(3, 4, 2), 7.0);
+}
+
+TEST(Farray, ZeroExtentIsAllocatedAndEmpty) {
+    farray<int, 2> a;
+    ASSERT_TRUE(a.allocate({1, 1}, {0, 5}));
+    EXPECT_TRUE(a.allocated());
+    EXPECT_EQ(a.size(), 0u);
+    EXPECT_EQ(a.extent(0), 0);
+}
+
+#ifdef LYRT_BOUNDS_CHECK
+TEST(FarrayDeathTest, OutOfBoundsIndexStops) {
+    farray<double, 2> a;
+    a.allocate({1, 1}, {2, 2});
+    EXPECT_DEATH(a(3, 1) = 1.0, "index 3 of dimension 1 outside 1:2");
+    EXPECT_DEATH(a(1, 0) = 1.0, "index 0 of dimension 2 outside 1:2");
+}
+#endif
+
+} // namespace

@@ -1,0 +1,180 @@
+// Index distributions: the worked examples, the invariants for many sizes, and
+// the one-process message layer.
+#include "parallel/blacs_module.hpp"
+#include "parallel/mpi_module.hpp"
+#include "parallel/pdist_module.hpp"
+#include "run/error_module.hpp"
+#include "run/io_module.hpp"
+
+#include <algorithm>
+#include <gtest/gtest.h>
+#include <vector>
+
+namespace {
+
+using namespace lyrt;
+
+std::vector<int> globals_of(const pdist_type& pd, int p) {
+    std::vector<int> g;
+    for (int k = 1; k <= pd.l_n_on_pe(p); ++k) g.push_back(pd.l2g_on_pe(k, p));
+    return g;
+}
+
+std::vector<int> local_list(const pdist_type& pd) {
+    return std::vector<int>(pd.l2g.begin(), pd.l2g.end());
+}
+
+TEST(PdistModule, WorkedExamplesOnTwoProcessors) {
+    for (int me = 0; me < 2; ++me) {
+        pdist_type bc, bl;
+        pdist_init(bc, 5, 2, 2, me, "bc");
+        pdist_init(bl, 5, 2, 2, me, "bl");
+        EXPECT_EQ(bc.method, "BC");
+        EXPECT_EQ(bl.method, "BL");
+        EXPECT_EQ(globals_of(bc, 0), (std::vector<int>{1, 2, 5}));
+        EXPECT_EQ(globals_of(bc, 1), (std::vector<int>{3, 4}));
+        EXPECT_EQ(globals_of(bl, 0), (std::vector<int>{1, 2, 3}));
+        EXPECT_EQ(globals_of(bl, 1), (std::vector<int>{4, 5}));
+        EXPECT_EQ(local_list(bc), me == 0 ? (std::vector<int>{1, 2, 5}) : (std::vector<int>{3, 4}));
+        EXPECT_EQ(bc.max_l_n, 3);
+        EXPECT_EQ(bc.g2l(5), me == 0 ? 3 : 0);
+        EXPECT_EQ(bc.pe_map(4), 1);
+        pdist_deallocate(bc);
+        pdist_deallocate(bl);
+    }
+}
+
+TEST(PdistModule, OneProcessorGivesIdentities) {
+    for (const char* method : {"bc", "bl"}) {
+        pdist_type pd;
+        pdist_init(pd, 7, 3, 1, 0, method);
+        EXPECT_EQ(pd.l_n, 7);
+        for (int i = 1; i <= 7; ++i) {
+            EXPECT_EQ(pd.l2g(i), i);
+            EXPECT_EQ(pd.g2l(i), i);
+            EXPECT_EQ(pd.map(i), i);
+            EXPECT_EQ(pd.pe_map(i), 0);
+        }
+    }
+}
+
+// For every size, block size and processor count, the columns of l2g_on_pe
+// partition 1..n and each processor's own maps agree with them.
+TEST(PdistModule, InvariantsHoldForManyShapes) {
+    for (const char* method : {"bc", "bl"})
+        for (int np = 1; np <= 4; ++np)
+            for (int bs = 1; bs <= 4; ++bs)
+                for (int n = 0; n <= 11; ++n) {
+                    std::vector<int> seen(static_cast<std::size_t>(n) + 1, 0);
+                    for (int me = 0; me < np; ++me) {
+                        pdist_type pd;
+                        pdist_init(pd, n, bs, np, me, method);
+                        int total = 0;
+                        for (int p = 0; p < np; ++p) total += pd.l_n_on_pe(p);
+                        ASSERT_EQ(total, n);
+                        for (int i = 1; i <= pd.l_n; ++i) {
+                            ASSERT_EQ(pd.pe_map(pd.l2g(i)), me);
+                            ASSERT_EQ(pd.g2l(pd.l2g(i)), i);
+                            ++seen[static_cast<std::size_t>(pd.l2g(i))];
+                        }
+                        if (std::string(method) == "bl") { // contiguous runs
+                            for (int i = 2; i <= pd.l_n; ++i)
+                                ASSERT_EQ(pd.l2g(i), pd.l2g(i - 1) + 1);
+                        }
+                    }
+                    for (int g = 1; g <= n; ++g) ASSERT_EQ(seen[static_cast<std::size_t>(g)], 1);
+                }
+}
+
+TEST(PdistModule, ProcessorMayHoldNothing) {
+    pdist_type pd;
+    pdist_init(pd, 2, 2, 3, 2, "bc");
+    EXPECT_EQ(pd.l_n, 0);
+    EXPECT_EQ(pd.l_n_on_pe(0), 2);
+}
+
+TEST(PdistModule, GenerateKeepsBlocksWhole) {
+    farray<int, 1> dim;
+    dim.allocate({1}, {3});
+    dim(1) = 4;
+    dim(2) = 1;
+    dim(3) = 4;
+    pdist_type blk, pd;
+    pdist_init(blk, 3, 1, 1, 0, "bl");
+    farray<int, 1> off, bdim;
+    off.allocate({1}, {3});
+    bdim.allocate({1}, {3});
+    pdist_generate(pd, blk, dim, &off, &bdim);
+    EXPECT_EQ(pd.n, 9);
+    for (int i = 1; i <= 9; ++i) {
+        EXPECT_EQ(pd.l2g(i), i);
+        EXPECT_EQ(pd.map(i), i);
+    }
+    EXPECT_EQ(off(2), 5);
+    EXPECT_EQ(off(3), 6);
+    EXPECT_EQ(bdim(3), 4);
+
+    // On two processors with blocks dealt round-robin, processor 1 holds block 2 whole.
+    pdist_type blk2, pd2;
+    pdist_init(blk2, 3, 1, 2, 1, "bc");
+    pdist_generate(pd2, blk2, dim, nullptr, nullptr);
+    EXPECT_EQ(local_list(pd2), (std::vector<int>{5}));
+    EXPECT_EQ(globals_of(pd2, 0), (std::vector<int>{1, 2, 3, 4, 6, 7, 8, 9}));
+
+    farray<int, 1> index, l_index, index_map;
+    index.allocate({1}, {9});
+    l_index.allocate({1}, {1});
+    index_map.allocate({1}, {9});
+    for (int i = 1; i <= 9; ++i) index(i) = 10 * i;
+    pdist_dist_index(pd2, index, l_index, &index_map);
+    EXPECT_EQ(l_index(1), 50);
+    EXPECT_EQ(index_map(5), 60); // position 5 of map is global 6
+}
+
+TEST(PdistModule, PrintShowsEveryMember) {
+    pdist_type pd;
+    pdist_init(pd, 3, 1, 1, 0, "bc");
+    testing::internal::CaptureStdout();
+    pdist_print(pd, stdout_unit);
+    const std::string out = testing::internal::GetCapturedStdout();
+    EXPECT_EQ(out.rfind(std::string(40, '-') + "\n", 0), 0u);
+    for (const char* label : {"pdist%n_proc  = ", "pdist%method  =  BC", "pdist%l2g =  1 2 3",
+                              "pdist%g2l = 1 2 3", "pdist%l2g_on_pe( 0 ) =  1 2 3"})
+        EXPECT_NE(out.find(label), std::string::npos) << label;
+}
+
+TEST(MessageLayer, OneProcessLeavesDataAsTheyAre) {
+    init_mpi();
+    EXPECT_EQ(n_proc, 1);
+    EXPECT_EQ(my_proc, 0);
+    EXPECT_TRUE(i_am_master);
+    double x = 2.5;
+    gsum_real(x);
+    EXPECT_EQ(x, 2.5);
+    farray<double, 2> a, b;
+    a.allocate({1, 1}, {2, 2});
+    b.allocate({1, 1}, {2, 2});
+    a(1, 2) = 3.0;
+    b(2, 1) = -1.0;
+    sendrecv_real_mat(a, 0, b, 0);
+    EXPECT_EQ(a(1, 2), 3.0);
+    EXPECT_EQ(b(2, 1), -1.0);
+    EXPECT_EQ(b(1, 2), 0.0);
+}
+
+TEST(MessageLayer, BlacsWorkspace) {
+    blacs_distr_type d;
+    init_blacs_distr(d, 10, 10, 3, 0);
+    EXPECT_EQ(d.n_blk_row, 3);
+    EXPECT_EQ(d.n_blk_col, 0);
+    allocate_work_arrays(d, "R");
+    EXPECT_EQ(d.lwork, 50);
+    EXPECT_EQ(d.lcwork, -1);
+    EXPECT_FALSE(d.cwork.allocated());
+    free_blacs_distr(d);
+    allocate_work_arrays(d, "c");
+    EXPECT_EQ(d.cwork.size(), 50u);
+    free_blacs_distr(d);
+}
+
+} // namespace

@@ -1,0 +1,183 @@
+// Fatal stops, warnings, the trace stack and accounted allocation.
+#include "run/allocate_module.hpp"
+#include "run/error_module.hpp"
+#include "run/io_module.hpp"
+#include "test_support.hpp"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+using namespace lyrt;
+using lyrt_test::read_lines;
+
+// Each test starts with an empty stack, fresh report files and no allocation limit.
+class ErrorModule : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        dir = lyrt_test::fresh_dir(::testing::UnitTest::GetInstance()->current_test_info()->name());
+        std::filesystem::current_path(dir);
+        io_reset();
+        trace_reset();
+        allocate_set_test_limit(-1);
+        open_units();
+    }
+    void TearDown() override {
+        allocate_set_test_limit(-1);
+        io_reset();
+        trace_reset();
+    }
+    std::filesystem::path dir;
+};
+
+TEST_F(ErrorModule, AllocationFailureStopsWithSizeAndName) {
+    allocate_set_test_limit(799);
+    farray<double, 2> r_of_t;
+    try {
+        ca_real_2d(r_of_t, 1, 3, 1, 33, "ions%r_of_t", "ions_allocate_physical", "ions_module");
+        // 3 x 33 reals are 792 bytes: under the limit.
+        cd_real_2d(r_of_t, "ions%r_of_t", "ions_allocate_physical", "ions_module");
+        ca_real_2d(r_of_t, 1, 2, 1, 50, "ions%r_of_t", "ions_allocate_physical", "ions_module");
+        FAIL() << "an 800-byte request above the limit must stop";
+    } catch (const fatal_stop& stop) {
+        EXPECT_EQ(stop.message, "Attempt to allocate ions%r_of_thas failed.");
+        EXPECT_EQ(stop.number, 800);
+        EXPECT_EQ(stop.procedure, "ions_allocate_physical");
+        EXPECT_EQ(stop.module, "ions_module");
+    }
+    auto err = read_lines(dir / "ERRLYRT");
+    ASSERT_GE(err.size(), 4u);
+    const std::size_t k = err.size() - 4;
+    EXPECT_EQ(err[k], " FATAL ERROR No  800");
+    EXPECT_EQ(err[k + 1], "Occured in procedure ions_allocate_physical in module ions_module");
+    EXPECT_EQ(err[k + 2], "        Attempt to allocate ions%r_of_thas failed.");
+    EXPECT_EQ(err[k + 3], " ABORTING LYRT !");
+    // The stop closed the report with its closing lines.
+    auto out = read_lines(dir / "OUTLYRT");
+    ASSERT_FALSE(out.empty());
+    EXPECT_EQ(out.back(), " -- LYRT end --");
+    EXPECT_FALSE(unit_is_open(report_unit));
+}
+
+TEST_F(ErrorModule, AllocationCountsBytesByTypeAndBounds) {
+    const int before = get_allocated_memory();
+    farray<int, 1> i1;
+    farray<bool, 2> l2;
+    farray<double, 3> r3;
+    farray<dcomplex, 1> c1;
+    ca_integer_1d(i1, 0, 9, "i1", "t", "t");          // 10 x 4
+    ca_logical_2d(l2, 1, 3, -1, 1, "l2", "t", "t");   // 9 x 4
+    ca_real_3d(r3, 1, 2, 1, 3, 0, 1, "r3", "t", "t"); // 12 x 8
+    ca_complex_1d(c1, 1, 5, "c1", "t", "t");          // 5 x 16
+    EXPECT_EQ(get_allocated_memory() - before, 40 + 36 + 96 + 80);
+    EXPECT_EQ(l2.lbound(1), -1);
+    EXPECT_EQ(r3.ubound(2), 1);
+    EXPECT_EQ(i1(0), 0); // zero-filled
+    cd_integer_1d(i1, "i1", "t", "t");
+    cd_logical_2d(l2, "l2", "t", "t");
+    cd_real_3d(r3, "r3", "t", "t");
+    cd_complex_1d(c1, "c1", "t", "t");
+    EXPECT_EQ(get_allocated_memory(), before);
+    EXPECT_FALSE(r3.allocated());
+}
+
+TEST_F(ErrorModule, DeallocatingAnUnallocatedArrayStops) {
+    farray<double, 1> a;
+    try {
+        cd_real_1d(a, "box%r", "box_free", "box_module");
+        FAIL();
+    } catch (const fatal_stop& stop) {
+        EXPECT_EQ(stop.message, "While attempting to deallocate box%r.");
+        EXPECT_EQ(stop.number, -1);
+    }
+}
+
+TEST_F(ErrorModule, WarningWritesThreeRecordsAndReturns) {
+    warning_error("something odd", "ions_init", "ions_module");
+    flush(error_unit);
+    auto err = read_lines(dir / "ERRLYRT");
+    ASSERT_GE(err.size(), 3u);
+    const std::size_t k = err.size() - 3;
+    EXPECT_EQ(err[k], " !!! WARNING !!!  ");
+    EXPECT_EQ(err[k].size(), 18u);
+    EXPECT_EQ(err[k + 1], "Occured in procedure ions_init in module ions_module");
+    EXPECT_EQ(err[k + 2], "        something odd");
+    EXPECT_TRUE(unit_is_open(report_unit));
+}
+
+TEST_F(ErrorModule, TraceComparesFiveCharacters) {
+    trace_in("ions_allocate", "ions_module");
+    EXPECT_EQ(trace_depth(), 1);
+    EXPECT_EQ(trace_procedure(1), std::string("ions_allocate") + std::string(19, ' '));
+    trace_out("ions_init", "ions_module"); // "ions_" matches
+    EXPECT_EQ(trace_depth(), 0);
+
+    trace_in("box_init", "box_module");
+    try {
+        trace_out("pbc_calc_nn_lists", "pbc_module");
+        FAIL();
+    } catch (const fatal_stop& stop) {
+        EXPECT_EQ(stop.number, 1);
+        EXPECT_EQ(stop.procedure, "trace_out");
+        EXPECT_EQ(stop.module, "error_module");
+        EXPECT_EQ(stop.message.rfind("Error stack is corrupted Last p_name = box_init", 0), 0u);
+        EXPECT_NE(stop.message.find("Calling p_name = pbc_calc_nn_listsm_name = pbc_module"),
+                  std::string::npos);
+    }
+    auto err = read_lines(dir / "ERRLYRT");
+    bool found = false;
+    for (const auto& line : err) found = found || line == " pstr(1:com_name_len)  =  box_i";
+    EXPECT_TRUE(found);
+}
+
+TEST_F(ErrorModule, TraceStackOverflowsAtOneHundred) {
+    for (int k = 1; k <= 99; ++k) trace_in("level_routine", "level_module");
+    EXPECT_EQ(trace_depth(), 99);
+    trace_in("routine_100", "module_100");
+    EXPECT_EQ(trace_depth(), 100);
+    EXPECT_EQ(trace_procedure(100), "Maxiumm depth of error stack rea");
+    EXPECT_EQ(trace_module(100), std::string("Error could be deeper ...") + std::string(7, ' '));
+    trace_in("routine_101", "module_101");
+    EXPECT_EQ(trace_depth(), 100);
+    // The level holding the overflow text matches no routine.
+    EXPECT_THROW(trace_out("routine_101", "module_101"), fatal_stop);
+}
+
+TEST_F(ErrorModule, TraceOutOnEmptyStackWarns) {
+    testing::internal::CaptureStdout();
+    trace_out("ions_init", "ions_module");
+    const std::string out = testing::internal::GetCapturedStdout();
+    EXPECT_EQ(trace_depth(), 0);
+    EXPECT_EQ(out, " Leaving ions_module:ions_init on PE= 0\n");
+    flush(error_unit);
+    auto err = read_lines(dir / "ERRLYRT");
+    ASSERT_GE(err.size(), 3u);
+    EXPECT_EQ(err[err.size() - 1], "        trace_out called with empty stack");
+}
+
+TEST_F(ErrorModule, TraceLinesShareTheirIndentation) {
+    testing::internal::CaptureStdout();
+    trace_in("outer", "mod_a");
+    trace_in("inner", "mod_b");
+    trace_out("inner", "mod_b");
+    trace_out("outer", "mod_a");
+    const std::string out = testing::internal::GetCapturedStdout();
+    EXPECT_EQ(out, " Entering mod_a:outer on PE= 0\n"
+                   " .Entering mod_b:inner on PE= 0\n"
+                   " .Leaving mod_b:inner on PE= 0\n"
+                   " Leaving mod_a:outer on PE= 0\n");
+}
+
+TEST_F(ErrorModule, PlainStopCarriesItsText) {
+    testing::internal::CaptureStdout();
+    try {
+        plain_stop("fit too poor, reduce dt");
+        FAIL();
+    } catch (const fatal_stop& stop) {
+        EXPECT_TRUE(stop.plain);
+        EXPECT_EQ(stop.message, "fit too poor, reduce dt");
+    }
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), " fit too poor, reduce dt\n");
+}
+
+} // namespace

@@ -1,0 +1,196 @@
+// File units, the report header and the run of the bare program.
+#include "run/io_module.hpp"
+#include "run/timing_module.hpp"
+#include "test_support.hpp"
+
+#include <cstring>
+#include <gtest/gtest.h>
+
+namespace {
+
+using namespace lyrt;
+using lyrt_test::read_lines;
+using lyrt_test::read_text;
+
+class IoModule : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        dir = lyrt_test::fresh_dir(::testing::UnitTest::GetInstance()->current_test_info()->name());
+        std::filesystem::current_path(dir);
+        io_reset();
+    }
+    void TearDown() override { io_reset(); }
+    std::filesystem::path dir;
+};
+
+TEST_F(IoModule, HeaderLayout) {
+    open_units();
+    close_units();
+    for (const char* name : {"OUTLYRT", "ERRLYRT"}) {
+        auto lines = read_lines(dir / name);
+        ASSERT_GE(lines.size(), 20u) << name;
+        EXPECT_EQ(lines[0].size(), 67u);
+        EXPECT_EQ(lines[0].substr(0, 23),
+                  "File Name: = " + std::string(name) + std::string(10 - std::strlen(name), ' '));
+        EXPECT_EQ(lines[0].substr(23, 24), "   Program Executed on: ");
+        EXPECT_EQ(lines[0][49], '/');
+        EXPECT_EQ(lines[0][52], '/');
+        EXPECT_EQ(lines[0].substr(55, 7), ",  at: ");
+        EXPECT_EQ(lines[0][64], ':');
+        const std::string rule(80, '=');
+        EXPECT_EQ(lines[1], rule);
+        for (int k = 2; k < 16; ++k) {
+            EXPECT_NE(lines[static_cast<std::size_t>(k)].find('#'), std::string::npos);
+            EXPECT_EQ(lines[static_cast<std::size_t>(k)][0], ' '); // indented
+        }
+        EXPECT_EQ(lines[16], rule);
+        EXPECT_EQ(lines[17], "   THIS IS THE SERIAL VERSION");
+        EXPECT_EQ(lines[18], "   COMPILED TO USE THE GAMMA POINT ONLY");
+        EXPECT_EQ(lines[19], rule);
+    }
+    auto out = read_lines(dir / "OUTLYRT");
+    ASSERT_EQ(out.size(), 23u);
+    EXPECT_EQ(out[20].rfind("    Program Terminated on: ", 0), 0u);
+    EXPECT_EQ(out[21], "");
+    EXPECT_EQ(out[22], " -- LYRT end --");
+    EXPECT_EQ(read_text(dir / "timings"), ""); // no header
+}
+
+TEST_F(IoModule, SequentialRecordsRewindBackspaceAndTruncation) {
+    ASSERT_EQ(unit_open(30, "seq.txt", "replace"), 0);
+    for (const char* r : {"one", "two", "three"}) unit_write(30, r);
+    EXPECT_EQ(file_count_lines(30), 3);
+    // file_count_lines leaves the unit rewound.
+    std::string rec;
+    ASSERT_EQ(unit_read(30, rec), 0);
+    EXPECT_EQ(rec, "one");
+    ASSERT_EQ(unit_read(30, rec), 0);
+    unit_backspace(30);
+    ASSERT_EQ(unit_read(30, rec), 0);
+    EXPECT_EQ(rec, "two");
+    // A write after the second record makes it the last one.
+    unit_write(30, "TWO-AND-A-HALF");
+    unit_close(30);
+    EXPECT_EQ(read_text(dir / "seq.txt"), "one\ntwo\nTWO-AND-A-HALF\n");
+
+    // Reading to the end and backspacing leaves the position at the end.
+    ASSERT_EQ(unit_open(30, "seq.txt", "old"), 0);
+    while (unit_read(30, rec) == 0) {
+    }
+    unit_backspace(30);
+    unit_write(30, "four");
+    unit_close(30);
+    EXPECT_EQ(read_text(dir / "seq.txt"), "one\ntwo\nTWO-AND-A-HALF\nfour\n");
+}
+
+TEST_F(IoModule, StatusAndPosition) {
+    EXPECT_NE(unit_open(31, "missing.txt", "old"), 0);
+    EXPECT_FALSE(unit_is_open(31));
+    ASSERT_EQ(unit_open(31, "data.txt", "replace"), 0);
+    unit_write(31, "first");
+    unit_close(31);
+    ASSERT_EQ(unit_open(31, "data.txt", "old", "append"), 0);
+    unit_write(31, "second");
+    unit_close(31);
+    EXPECT_EQ(read_text(dir / "data.txt"), "first\nsecond\n");
+    ASSERT_EQ(unit_open(31, "data.txt", "replace"), 0);
+    unit_close(31);
+    EXPECT_EQ(read_text(dir / "data.txt"), "");
+    // A last record without a line end still counts.
+    lyrt_test::write_text(dir / "tail.txt", "a\nb");
+    ASSERT_EQ(unit_open(32, "tail.txt", "old"), 0);
+    EXPECT_EQ(file_count_lines(32), 2);
+    EXPECT_EQ(file_count_lines(32), 2);
+    unit_close(32);
+    // An empty file has no records.
+    lyrt_test::write_text(dir / "empty.txt", "");
+    ASSERT_EQ(unit_open(33, "empty.txt", "old"), 0);
+    EXPECT_EQ(file_count_lines(33), 0);
+}
+
+TEST_F(IoModule, DirectAccessRecords) {
+    ASSERT_EQ(unit_open(34, "WFS", "replace", "asis", "direct", 24), 0);
+    EXPECT_EQ(unit_access(34), "DIRECT");
+    EXPECT_EQ(unit_recl(34), 24);
+    const double a[3] = {1.0, 2.0, 3.0}, b[3] = {-4.0, 5.5, 6.25};
+    ASSERT_EQ(unit_write_direct(34, 2, b, sizeof b), 0);
+    ASSERT_EQ(unit_write_direct(34, 1, a, sizeof a), 0);
+    double four[4] = {};
+    EXPECT_NE(unit_write_direct(34, 3, four, sizeof four), 0); // longer than a record
+    double r[3] = {};
+    ASSERT_EQ(unit_read_direct(34, 2, r, sizeof r), 0);
+    EXPECT_EQ(r[1], 5.5);
+    ASSERT_EQ(unit_read_direct(34, 1, r, sizeof r), 0);
+    EXPECT_EQ(r[2], 3.0);
+    EXPECT_NE(unit_read_direct(34, 7, r, sizeof r), 0);
+    unit_close(34);
+    EXPECT_EQ(std::filesystem::file_size(dir / "WFS"), 48u);
+}
+
+TEST_F(IoModule, UnitTableQueries) {
+    EXPECT_EQ(next_free_unit(), 1); // 0 is standard error
+    ASSERT_EQ(unit_open(1, "u1.txt", "replace"), 0);
+    EXPECT_EQ(next_free_unit(), 2);
+    EXPECT_EQ(unit_file_name(1), "u1.txt");
+    EXPECT_EQ(unit_form(1), "FORMATTED");
+    flush(45); // not open: nothing happens
+    EXPECT_FALSE(unit_is_open(45));
+    unit_write(1, "kept");
+    flush(1);
+    EXPECT_EQ(read_text(dir / "u1.txt"), "kept\n");
+    unit_write(1, "after flush");
+    unit_close(1);
+    EXPECT_EQ(read_text(dir / "u1.txt"), "kept\nafter flush\n");
+    // Writing to a unit nobody opened goes to fort.<n>.
+    unit_write(44, "stray");
+    unit_close(44);
+    EXPECT_EQ(read_text(dir / "fort.44"), "stray\n");
+}
+
+TEST_F(IoModule, ReopenAppendsToReports) {
+    open_units();
+    unit_write(report_unit, "before");
+    reopen_units();
+    unit_write(report_unit, "after");
+    close_units();
+    auto out = read_lines(dir / "OUTLYRT");
+    EXPECT_EQ(out[20], "before");
+    EXPECT_EQ(out[21], "after");
+}
+
+TEST_F(IoModule, NestingStopwatch) {
+    timing_reset();
+    open_units();
+    start_clock();
+    start_clock();
+    stop_clock();
+    EXPECT_GE(get_timing(), 0.0);
+    stop_clock();
+    stop_clock(); // no clock running: a message, no stop
+    close_units();
+    auto err = read_lines(dir / "ERRLYRT");
+    EXPECT_EQ(err.back(), " There is no clock running ...");
+    EXPECT_GT(timeofday(), 1.6e9);
+    double u, s;
+    vtime(u, s);
+    EXPECT_EQ(u, s);
+}
+
+// The bare program in an empty folder writes its reports and ends normally.
+TEST_F(IoModule, ProgramRunsInEmptyFolder) {
+    ASSERT_EQ(lyrt_test::run_lyrt_in(dir), 0);
+    auto out = read_lines(dir / "OUTLYRT");
+    ASSERT_GE(out.size(), 20u);
+    EXPECT_EQ(out[17], "   THIS IS THE SERIAL VERSION");
+    EXPECT_EQ(out.back(), " -- LYRT end --");
+    auto timings = read_lines(dir / "timings");
+    ASSERT_EQ(timings.size(), 2u);
+    EXPECT_EQ(timings[0].rfind(" Time of day interval ", 0), 0u);
+    EXPECT_EQ(timings[1].rfind(" main_lyrt ", 0), 0u);
+    auto std_out = read_lines(dir / "stdout.txt");
+    ASSERT_EQ(std_out.size(), 2u);
+    EXPECT_EQ(std_out[0], " Entering main_lyrt:main_lyrt on PE= 0");
+    EXPECT_EQ(std_out[1], " Leaving main_lyrt:main_lyrt on PE= 0");
+}
+
+} // namespace

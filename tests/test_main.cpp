@@ -1,0 +1,81 @@
+// Test driver shared by all suites: every test process works in a fresh
+// temporary folder, so that files written by the program (reports, fort.<n>
+// units, data files) never land outside it; the folder is removed at exit.
+#include "test_support.hpp"
+
+#include <cstdlib>
+#include <filesystem>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+namespace {
+
+std::filesystem::path work_dir;
+
+void remove_work_dir() {
+    std::error_code ec;
+    std::filesystem::current_path("/", ec);
+    std::filesystem::remove_all(work_dir, ec);
+}
+
+} // namespace
+
+namespace lyrt_test {
+
+std::filesystem::path fresh_dir(const std::string& name) {
+    std::filesystem::path dir = work_dir / name;
+    std::filesystem::remove_all(dir);
+    std::filesystem::create_directories(dir);
+    return dir;
+}
+
+std::string read_text(const std::filesystem::path& file) {
+    std::FILE* f = std::fopen(file.c_str(), "rb");
+    if (f == nullptr) return {};
+    std::string text;
+    char buf[4096];
+    std::size_t n;
+    while ((n = std::fread(buf, 1, sizeof buf, f)) > 0) text.append(buf, n);
+    std::fclose(f);
+    return text;
+}
+
+std::vector<std::string> read_lines(const std::filesystem::path& file) {
+    std::vector<std::string> lines;
+    std::string text = read_text(file), line;
+    for (char c : text) {
+        if (c == '\n') {
+            lines.push_back(line);
+            line.clear();
+        } else {
+            line += c;
+        }
+    }
+    if (!line.empty()) lines.push_back(line);
+    return lines;
+}
+
+void write_text(const std::filesystem::path& file, const std::string& text) {
+    std::FILE* f = std::fopen(file.c_str(), "wb");
+    ASSERT_NE(f, nullptr) << file;
+    std::fwrite(text.data(), 1, text.size(), f);
+    std::fclose(f);
+}
+
+int run_lyrt_in(const std::filesystem::path& dir) {
+    std::string cmd = "cd '" + dir.string() + "' && '" LYRT_BINARY "' >stdout.txt 2>stderr.txt";
+    int status = std::system(cmd.c_str());
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+} // namespace lyrt_test
+
+int main(int argc, char** argv) {
+    ::testing::InitGoogleTest(&argc, argv);
+    char tmpl[] = "/tmp/lyrt_test_XXXXXX";
+    if (mkdtemp(tmpl) == nullptr) return 2;
+    work_dir = tmpl;
+    std::filesystem::current_path(work_dir);
+    std::atexit(remove_work_dir);
+    return RUN_ALL_TESTS();
+}

@@ -1,0 +1,18 @@
+// Helpers shared by the test suites.
+#pragma once
+
+#include <filesystem>
+#include <string>
+#include <vector>
+
+namespace lyrt_test {
+
+// A new empty folder below the test process's own temporary folder.
+std::filesystem::path fresh_dir(const std::string& name);
+std::string read_text(const std::filesystem::path& file);
+std::vector<std::string> read_lines(const std::filesystem::path& file);
+void write_text(const std::filesystem::path& file, const std::string& text);
+// Runs the lyrt executable in dir (standard output to stdout.txt); returns its exit status.
+int run_lyrt_in(const std::filesystem::path& dir);
+
+} // namespace lyrt_test
