@@ -7,8 +7,10 @@
 // then ends with a failure status.
 #include "parallel/mpi_module.hpp"
 #include "run/error_module.hpp"
+#include "run/input_module.hpp"
 #include "run/io_module.hpp"
 #include "run/timing_module.hpp"
+#include "system/system_def_module.hpp"
 
 #include <cstdio>
 
@@ -21,6 +23,13 @@ void main_lyrt() {
     if (i_am_master) open_units();
     barrier();
     trace_in("main_lyrt", "main_lyrt");
+
+    // Positions and the model are read before the keywords, whose defaults
+    // (cut-off, pair potential) come from the model.
+    read_input("INLYRT", elec_algo, i_algo, tb_model, kpt, system_name, n_electrons, n_states,
+               n_h_dup);
+    barrier();
+    barrier();
 
     const double loop_start = timeofday();
     const double loop_time = timeofday() - loop_start;

@@ -176,8 +176,10 @@ TEST_F(IoModule, NestingStopwatch) {
     EXPECT_EQ(u, s);
 }
 
-// The bare program in an empty folder writes its reports and ends normally.
-TEST_F(IoModule, ProgramRunsInEmptyFolder) {
+// The program writes its reports with their headers, traces main_lyrt on
+// standard output and ends with the timing lines.
+TEST_F(IoModule, ProgramRunsOnKeywordFile) {
+    lyrt_test::write_text(dir / "INLYRT", "system_name = test\n");
     ASSERT_EQ(lyrt_test::run_lyrt_in(dir), 0);
     auto out = read_lines(dir / "OUTLYRT");
     ASSERT_GE(out.size(), 20u);
@@ -191,6 +193,20 @@ TEST_F(IoModule, ProgramRunsInEmptyFolder) {
     ASSERT_EQ(std_out.size(), 2u);
     EXPECT_EQ(std_out[0], " Entering main_lyrt:main_lyrt on PE= 0");
     EXPECT_EQ(std_out[1], " Leaving main_lyrt:main_lyrt on PE= 0");
+}
+
+// In an empty folder the first input stage stops the run with its message; the
+// report is closed and the timing lines of a normal end are absent.
+TEST_F(IoModule, ProgramStopsOnMissingInput) {
+    EXPECT_EQ(lyrt_test::run_lyrt_in(dir), 1);
+    auto err = read_lines(dir / "ERRLYRT");
+    ASSERT_GE(err.size(), 24u);
+    EXPECT_EQ(err[20].rfind(" FATAL ERROR No ", 0), 0u);
+    EXPECT_EQ(err[23], " ABORTING LYRT !");
+    EXPECT_EQ(read_lines(dir / "OUTLYRT").back(), " -- LYRT end --");
+    EXPECT_TRUE(read_lines(dir / "timings").empty());
+    auto std_out = lyrt_test::read_text(dir / "stdout.txt");
+    EXPECT_NE(std_out.find("Calling stack :"), std::string::npos);
 }
 
 } // namespace

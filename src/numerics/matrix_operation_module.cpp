@@ -1,0 +1,27 @@
+#include "numerics/matrix_operation_module.hpp"
+
+#include "run/error_module.hpp"
+#include "run/io_module.hpp"
+
+extern "C" void dgemm_(const char* transa, const char* transb, const int* m, const int* n,
+                       const int* k, const double* alpha, const double* a, const int* lda,
+                       const double* b, const int* ldb, const double* beta, double* c,
+                       const int* ldc);
+
+namespace lyrt {
+
+void ring_matmul_trans(const farray<double, 2>& a, const farray<double, 2>& b,
+                       farray<double, 2>& c) {
+    const int m = static_cast<int>(a.extent(0)), k = static_cast<int>(a.extent(1));
+    const int n = static_cast<int>(b.extent(0));
+    if (b.extent(1) != k || c.extent(0) != m || c.extent(1) != n) {
+        write_free(error_unit, {"ring_matmul : a and b should be conformable"});
+        plain_stop("ring_matmul : a and b should be conformable");
+    }
+    if (m == 0 || n == 0) return;
+    const double one = 1.0, zero = 0.0;
+    const int lda = m > 0 ? m : 1, ldb = n > 0 ? n : 1, ldc = lda;
+    dgemm_("N", "T", &m, &n, &k, &one, a.data(), &lda, b.data(), &ldb, &zero, c.data(), &ldc);
+}
+
+} // namespace lyrt

@@ -1,0 +1,458 @@
+#include "run/dlexlib.hpp"
+
+#include "run/io_module.hpp"
+
+#include <algorithm>
+#include <cctype>
+#include <vector>
+
+namespace lyrt {
+
+namespace {
+
+// Assignment to a fixed-length string: a sized target keeps its size.
+void assign_fixed(std::string& dst, std::string_view src) {
+    if (dst.empty()) {
+        dst = std::string(src);
+        return;
+    }
+    const std::size_t size = dst.size();
+    dst = std::string(src.substr(0, size));
+    dst.resize(size, ' ');
+}
+
+void library_warning(std::initializer_list<std::string> lines) {
+    unit_write(stdout_unit, "");
+    for (const auto& l : lines) unit_write(stdout_unit, l);
+    unit_write(stdout_unit, "");
+    unit_write(stdout_unit, "Continuing execution ...");
+}
+
+std::string_view trimmed(std::string_view s) {
+    return s.substr(0, static_cast<std::size_t>(length(s)));
+}
+
+// The delimiter's effective text under the n rule.
+std::string_view effective(std::string_view sub, int n) {
+    if (n < 0) {
+        std::string_view t = trimmed(sub);
+        return t.empty() ? sub.substr(0, 1) : t;
+    }
+    return sub;
+}
+
+std::vector<std::string_view> words_of(std::string_view s) {
+    std::vector<std::string_view> w;
+    std::size_t i = 0;
+    while (i < s.size()) {
+        while (i < s.size() && s[i] == ' ') ++i;
+        std::size_t j = i;
+        while (j < s.size() && s[j] != ' ') ++j;
+        if (j > i) w.push_back(s.substr(i, j - i));
+        i = j;
+    }
+    return w;
+}
+
+bool is_digits(std::string_view s) {
+    if (s.empty()) return false;
+    for (char c : s)
+        if (!std::isdigit(static_cast<unsigned char>(c))) return false;
+    return true;
+}
+
+std::string without_blanks(std::string_view s) {
+    std::string t;
+    for (char c : s)
+        if (c != ' ') t += c;
+    return t;
+}
+
+// Mantissa of a real: sign, digits, at most one point, at least one digit.
+bool real_mantissa(std::string_view s, int& decimals) {
+    std::size_t i = 0;
+    if (i < s.size() && (s[i] == '+' || s[i] == '-')) ++i;
+    int digits = 0, points = 0;
+    decimals = 0;
+    for (; i < s.size(); ++i) {
+        if (std::isdigit(static_cast<unsigned char>(s[i]))) {
+            ++digits;
+            if (points > 0) ++decimals;
+        } else if (s[i] == '.') {
+            if (++points > 1) return false;
+        } else {
+            return false;
+        }
+    }
+    return digits > 0;
+}
+
+} // namespace
+
+int length(std::string_view s) {
+    auto p = s.find_last_not_of(' ');
+    return p == std::string_view::npos ? 0 : static_cast<int>(p) + 1;
+}
+
+int nwords(std::string_view s) {
+    return static_cast<int>(words_of(s).size());
+}
+
+void upper(std::string& s) {
+    const int n = length(s);
+    for (int i = 0; i < n; ++i)
+        if (s[static_cast<std::size_t>(i)] >= 'a' && s[static_cast<std::size_t>(i)] <= 'z')
+            s[static_cast<std::size_t>(i)] = static_cast<char>(s[static_cast<std::size_t>(i)] - 32);
+}
+
+void lower(std::string& s) {
+    const int n = length(s);
+    for (int i = 0; i < n; ++i)
+        if (s[static_cast<std::size_t>(i)] >= 'A' && s[static_cast<std::size_t>(i)] <= 'Z')
+            s[static_cast<std::size_t>(i)] = static_cast<char>(s[static_cast<std::size_t>(i)] + 32);
+}
+
+void strip(std::string& s, int& len, char mode) {
+    const std::size_t size = s.size();
+    std::string_view t = trimmed(s);
+    std::string r;
+    switch (std::toupper(static_cast<unsigned char>(mode))) {
+    case 'L': {
+        auto p = t.find_first_not_of(' ');
+        r = p == std::string_view::npos ? "" : std::string(t.substr(p));
+        break;
+    }
+    case 'I': {
+        auto p = t.find_first_not_of(' ');
+        if (p != std::string_view::npos)
+            r = std::string(t.substr(0, p)) + without_blanks(t.substr(p));
+        break;
+    }
+    case 'A': r = without_blanks(t); break;
+    case 'S':
+    case 'B': {
+        bool blank = false;
+        for (char c : t) {
+            if (c == ' ') {
+                if (!blank) r += ' ';
+                blank = true;
+            } else {
+                r += c;
+                blank = false;
+            }
+        }
+        if (std::toupper(static_cast<unsigned char>(mode)) == 'B' && !r.empty() && r[0] == ' ')
+            r.erase(0, 1);
+        break;
+    }
+    default: r.clear(); break;
+    }
+    len = length(r);
+    r.resize(size, ' ');
+    s = r;
+}
+
+void subwrd(std::string_view s, std::string& out, int first, int n) {
+    auto w = words_of(s);
+    if (first < 1 || n < 1 || first > static_cast<int>(w.size())) {
+        assign_fixed(out, "");
+        if (!out.empty()) out.assign(out.size(), ' ');
+        return;
+    }
+    const int last = std::min(first + n - 1, static_cast<int>(w.size()));
+    const char* begin = w[static_cast<std::size_t>(first - 1)].data();
+    const char* end =
+        w[static_cast<std::size_t>(last - 1)].data() + w[static_cast<std::size_t>(last - 1)].size();
+    std::string_view text(begin, static_cast<std::size_t>(end - begin));
+    if (!out.empty() && text.size() > out.size())
+        library_warning(
+            {"Warning LEXLIB routine 'SUBWRD': Output string will be truncated! The output is",
+             free_form({"a string of length ", static_cast<int>(text.size()),
+                        " characters but 'WORDS' can only hold ", static_cast<int>(out.size()),
+                        " characters."})});
+    assign_fixed(out, text);
+}
+
+void parse(std::string_view s, std::string& left, std::string& right, std::string_view delim,
+           int n) {
+    std::string_view d = effective(delim, n);
+    auto p = s.find(d);
+    if (p == std::string_view::npos) {
+        assign_fixed(left, s);
+        assign_fixed(right, "");
+        if (!right.empty()) right.assign(right.size(), ' ');
+        return;
+    }
+    assign_fixed(left, s.substr(0, p));
+    assign_fixed(right, s.substr(p + d.size()));
+}
+
+namespace {
+
+// Start positions (0-based) of non-overlapping occurrences, under the stop rule:
+// the scan ends when fewer than len(sub) + 1 characters of s remain.
+std::vector<std::size_t> occurrences(std::string_view s, std::string_view sub) {
+    std::vector<std::size_t> at;
+    const std::size_t len = static_cast<std::size_t>(length(s));
+    if (sub.empty()) return at;
+    std::size_t i = 0;
+    while (i + sub.size() + 1 <= len) {
+        if (s.substr(i, sub.size()) == sub) {
+            at.push_back(i);
+            i += sub.size();
+        } else {
+            ++i;
+        }
+    }
+    return at;
+}
+
+} // namespace
+
+int noccur(std::string_view s, std::string_view sub, int n) {
+    return static_cast<int>(occurrences(s, effective(sub, n)).size());
+}
+
+int indexn(std::string_view s, std::string_view sub, int n) {
+    auto at = occurrences(s, effective(sub, n < 0 ? -1 : 1));
+    const int k = n < 0 ? -n : n;
+    if (k < 1 || k > static_cast<int>(at.size())) return 0;
+    return static_cast<int>(at[static_cast<std::size_t>(k - 1)]) + 1;
+}
+
+void replac(std::string& s, std::string_view old_str, std::string_view new_str, int& n, int limit) {
+    std::string_view o = n < 0 ? effective(old_str, -1) : old_str;
+    std::string_view w = n > 0 ? new_str : trimmed(new_str);
+    std::string result;
+    std::size_t i = 0;
+    int count = 0;
+    const std::string_view text(s);
+    while (i < text.size()) {
+        if (!o.empty() && text.substr(i, o.size()) == o) {
+            ++count;
+            const bool take =
+                limit == 0 || (limit > 0 && count == limit) || (limit < 0 && count <= -limit);
+            if (take) {
+                result += w;
+            } else {
+                result += o;
+            }
+            i += o.size();
+        } else {
+            result += text[i++];
+        }
+    }
+    const int res_len = length(result);
+    if (res_len > static_cast<int>(s.size()))
+        library_warning(
+            {"Warning LEXLIB routine 'REPLAC': Output string will be truncated! New string is",
+             "longer than old string and the length of variable 'STRING' is too short! Length",
+             free_form({"of new string is ", res_len, " characters but 'STRING' can only hold ",
+                        static_cast<int>(s.size()), " characters."})});
+    const std::size_t size = s.size();
+    result.resize(size, ' ');
+    s = result;
+    n = length(s);
+}
+
+void chkint(std::string_view s, char& ok, std::string& format) {
+    std::string t = without_blanks(s);
+    std::string_view body(t);
+    if (!body.empty() && (body[0] == '+' || body[0] == '-')) body.remove_prefix(1);
+    if (is_digits(body)) {
+        ok = 'Y';
+        format = "I" + std::to_string(t.size());
+        return;
+    }
+    // A real that holds a whole value passes as an integer; another real is unclear.
+    char fok;
+    std::string f;
+    chkflt(t, fok, f);
+    if (fok != 'Y') chkedq(t, fok, f);
+    if (fok == 'Y') {
+        std::string e = t;
+        for (char& c : e)
+            if (c == 'd' || c == 'D' || c == 'q' || c == 'Q') c = 'E';
+        const double v = std::strtod(e.c_str(), nullptr);
+        ok = v == static_cast<double>(static_cast<long long>(v)) ? 'Y' : 'U';
+        format = f;
+        return;
+    }
+    ok = 'N';
+    format.clear();
+}
+
+void chkflt(std::string_view s, char& ok, std::string& format) {
+    std::string t = without_blanks(s);
+    int decimals = 0;
+    if (real_mantissa(t, decimals)) {
+        ok = 'Y';
+        format = "F" + std::to_string(t.size()) + "." + std::to_string(decimals);
+    } else {
+        ok = 'N';
+        format.clear();
+    }
+}
+
+void chkedq(std::string_view s, char& ok, std::string& format) {
+    std::string t = without_blanks(s);
+    ok = 'N';
+    format.clear();
+    auto p = t.find_first_of("EeDdQq");
+    if (p == std::string::npos) return;
+    int decimals = 0;
+    if (!real_mantissa(std::string_view(t).substr(0, p), decimals)) return;
+    std::string_view ex = std::string_view(t).substr(p + 1);
+    if (!ex.empty() && (ex[0] == '+' || ex[0] == '-')) ex.remove_prefix(1);
+    if (!is_digits(ex)) return;
+    ok = 'Y';
+    const char letter = static_cast<char>(std::toupper(static_cast<unsigned char>(t[p])));
+    format = std::string(1, letter == 'Q' ? 'E' : letter) + std::to_string(t.size()) + "." +
+             std::to_string(decimals);
+}
+
+void chktyp(std::string_view s, std::string& work, char type, char& ok, std::string& format) {
+    work = without_blanks(s);
+    const std::string& t = work;
+    ok = 'N';
+    format.clear();
+    auto all_of = [&](auto pred) {
+        if (t.empty()) return false;
+        for (char c : t)
+            if (!pred(static_cast<unsigned char>(c))) return false;
+        return true;
+    };
+    switch (type) {
+    case 'I': chkint(t, ok, format); return;
+    case 'F':
+        chkflt(t, ok, format);
+        if (ok != 'Y') chkedq(t, ok, format);
+        return;
+    case 'C': {
+        if (t.size() < 5 || t.front() != '(' || t.back() != ')') return;
+        std::string inner = t.substr(1, t.size() - 2);
+        auto comma = inner.find(',');
+        if (comma == std::string::npos || inner.find(',', comma + 1) != std::string::npos) return;
+        std::string w1, w2, f1, f2;
+        char ok1, ok2;
+        chktyp(inner.substr(0, comma), w1, 'F', ok1, f1);
+        chktyp(inner.substr(comma + 1), w2, 'F', ok2, f2);
+        work = t;
+        if (ok1 == 'Y' && ok2 == 'Y') {
+            ok = 'Y';
+            format = "(" + f1 + "," + f2 + ")";
+        }
+        return;
+    }
+    case 'L': {
+        const char c0 =
+            t.empty() ? ' ' : static_cast<char>(std::toupper(static_cast<unsigned char>(t[0])));
+        const char c1 =
+            t.size() < 2 ? ' ' : static_cast<char>(std::toupper(static_cast<unsigned char>(t[1])));
+        if (c0 == 'T' || c0 == 'F' || (c0 == '.' && (c1 == 'T' || c1 == 'F'))) {
+            ok = 'Y';
+            format = "L" + std::to_string(t.size());
+        }
+        return;
+    }
+    case 'A':
+        if (all_of([](unsigned char c) { return std::isalnum(c) != 0; })) ok = 'Y';
+        break;
+    case 'U':
+        if (all_of([](unsigned char c) { return std::isupper(c) != 0 || std::isdigit(c) != 0; }))
+            ok = 'Y';
+        break;
+    case 'l':
+        if (all_of([](unsigned char c) { return std::islower(c) != 0 || std::isdigit(c) != 0; }))
+            ok = 'Y';
+        break;
+    case 'O':
+        if (all_of([](unsigned char c) { return c >= '0' && c <= '7'; })) ok = 'Y';
+        break;
+    case 'H':
+        if (all_of([](unsigned char c) { return std::isxdigit(c) != 0; })) ok = 'Y';
+        break;
+    case 'N':
+        ok = t.empty() ? 'Y' : 'N';
+        format = "A1";
+        return;
+    default: return;
+    }
+    if (ok == 'Y') format = "A" + std::to_string(t.size());
+}
+
+void dattyp(std::string_view s, std::string& work, char& type, std::string& format) {
+    for (char candidate : {'N', 'L', 'I', 'C', 'F', 'A'}) {
+        char ok;
+        chktyp(s, work, candidate, ok, format);
+        if (ok == 'Y') {
+            type = candidate;
+            return;
+        }
+    }
+    type = 'G';
+    work = without_blanks(s);
+    format = "A" + std::to_string(work.size());
+}
+
+int nitems(std::string& s, std::string& work, bool expand, char type) {
+    const bool checked = type == 'L' || type == 'I' || type == 'F' || type == 'C';
+    if (expand) strip(s, 'B');
+    for (;;) {
+        int count = 0;
+        bool restart = false;
+        auto words = words_of(s);
+        for (std::size_t k = 0; k < words.size(); ++k) {
+            std::string_view word = words[k];
+            const auto stars = std::count(word.begin(), word.end(), '*');
+            if (stars >= 2) return count;
+            int repeat = 1;
+            std::string_view item = word;
+            if (stars == 1) {
+                auto p = word.find('*');
+                std::string_view times = word.substr(0, p);
+                item = word.substr(p + 1);
+                if (!is_digits(times)) return count;
+                repeat = std::stoi(std::string(times));
+                if (repeat < 1) return count;
+            }
+            if (checked) {
+                char ok;
+                std::string format;
+                chktyp(item, work, type, ok, format);
+                if (ok == 'N' || (type == 'I' && ok == 'U')) return count;
+            }
+            if (stars == 1 && expand) {
+                // Write the repeat out in place and count again from the start.
+                std::string expansion;
+                for (int r = 0; r < repeat; ++r)
+                    expansion += (r > 0 ? " " : "") + std::string(item);
+                const std::size_t at = static_cast<std::size_t>(word.data() - s.data());
+                std::string next = s.substr(0, at) + expansion + s.substr(at + word.size());
+                if (length(next) > static_cast<int>(s.size())) {
+                    unit_write(stdout_unit, "");
+                    unit_write(stdout_unit, "Error LEXLIB routine 'NITEMS': expansion fails, "
+                                            "insufficient CHARACTER length.");
+                    unit_write(stdout_unit, "");
+                    return count;
+                }
+                next.resize(s.size(), ' ');
+                s = next;
+                restart = true;
+                break;
+            }
+            count += repeat;
+        }
+        if (!restart) return count;
+    }
+}
+
+int nxtfru() {
+    for (int unit = 0; unit < 100; ++unit) {
+        if (unit == 0 || unit == 5 || unit == 6) continue;
+        if (!unit_is_open(unit)) return unit;
+    }
+    return -1;
+}
+
+} // namespace lyrt

@@ -1,0 +1,256 @@
+#include "run/input_module.hpp"
+
+#include "numerics/utility_module.hpp"
+#include "parallel/mpi_module.hpp"
+#include "run/dlexlib.hpp"
+#include "run/error_module.hpp"
+#include "run/io_module.hpp"
+
+#include <optional>
+
+namespace lyrt {
+
+namespace {
+
+constexpr const char* mod = "input_module";
+
+// The open keyword file of one read_input call.
+struct input_file {
+    int unit;
+    std::string name;
+};
+
+void check_input_error(int status, std::string_view keyword, const input_file& f) {
+    if (status == kw_ok || status == kw_not_found) return;
+    fatal_error("error reading keyword " + std::string(keyword) + " from file " + f.name, status,
+                "read_input", mod);
+}
+
+// One keyword of each type: the default (if given) first, then the file's value.
+void read_int(const input_file& f, std::string_view keyword, int& value,
+              std::optional<int> def = std::nullopt) {
+    if (i_am_master) {
+        if (def) value = *def;
+        int v[1] = {0}, n = 0, status = 0;
+        get_keyword(false, f.name, f.unit, keyword, '=', '!', ';', 'I', {.int_values = v}, n, 1,
+                    status);
+        check_input_error(status, keyword, f);
+        if (status == kw_ok) value = v[0];
+    }
+    bcast_int(value);
+}
+
+void read_real(const input_file& f, std::string_view keyword, double& value,
+               std::optional<double> def = std::nullopt) {
+    if (i_am_master) {
+        if (def) value = *def;
+        double v[1] = {0.0};
+        int n = 0, status = 0;
+        get_keyword(false, f.name, f.unit, keyword, '=', '!', ';', 'F', {.real_values = v}, n, 1,
+                    status);
+        check_input_error(status, keyword, f);
+        if (status == kw_ok) value = v[0];
+    }
+    bcast_real(value);
+}
+
+void read_logical(const input_file& f, std::string_view keyword, bool& value,
+                  std::optional<bool> def = std::nullopt) {
+    if (i_am_master) {
+        if (def) value = *def;
+        bool v[1] = {false};
+        int n = 0, status = 0;
+        get_keyword(false, f.name, f.unit, keyword, '=', '!', ';', 'L', {.log_values = v}, n, 1,
+                    status);
+        check_input_error(status, keyword, f);
+        if (status == kw_ok) value = v[0];
+    }
+    bcast_logical(value);
+}
+
+void read_string(const input_file& f, std::string_view keyword, std::string& value, int max_length,
+                 std::optional<std::string> def = std::nullopt) {
+    if (i_am_master) {
+        if (def) value = *def;
+        std::string v;
+        int n = 0, status = 0;
+        get_keyword(false, f.name, f.unit, keyword, '=', '!', ';', 'S', {.string_value = &v}, n, 0,
+                    status);
+        check_input_error(status, keyword, f);
+        if (status == kw_ok) {
+            // Leading blanks go before the value is cut to the receiver's length.
+            auto first = v.find_first_not_of(' ');
+            value = first == std::string::npos ? std::string() : v.substr(first);
+            if (static_cast<int>(value.size()) > max_length)
+                value.resize(static_cast<std::size_t>(max_length));
+        }
+    }
+    bcast_string(value);
+}
+
+struct data_file_kind {
+    const char* word;
+    int bit;
+    const char* default_name;
+    std::string data_file_names_type::*name;
+};
+
+const data_file_kind data_file_kinds[] = {
+    {"POS", save_pos, "POS", &data_file_names_type::pos},
+    {"ENE", save_ene, "ENE", &data_file_names_type::ene},
+    {"VEL", save_vel, "VEL", &data_file_names_type::vel},
+    {"FOR", save_for, "FOR", &data_file_names_type::force},
+    {"EIG", save_eig, "EIG", &data_file_names_type::eig},
+    {"ELO", save_eloc, "ELOC", &data_file_names_type::eloc},
+};
+
+} // namespace
+
+void save_to_file(int unit, std::string_view file_name, i_algo_type& i_algo) {
+    if (i_am_master) {
+        i_algo.save_to_file = save_pos + save_ene;
+        data_file_names = data_file_names_type{};
+        data_file_names.pos = "POS";
+        data_file_names.ene = "ENE";
+        for (int occurrence = 1;; ++occurrence) {
+            std::string value;
+            int n = 0, status = 0;
+            get_keyword(false, file_name, unit, "save_to_file", '=', '!', ';', 'S',
+                        {.string_value = &value}, n, 40, status, occurrence);
+            if (status != kw_ok) break;
+            value.resize(40, ' ');
+            strip(value, 'B');
+            for (std::size_t k = 0; k < 3; ++k)
+                value[k] = static_cast<char>(std::toupper(static_cast<unsigned char>(value[k])));
+            std::string second;
+            if (nwords(value) >= 2) {
+                second.assign(40, ' ');
+                subwrd(value, second, 2, 1);
+                second.resize(static_cast<std::size_t>(length(second)));
+            }
+            for (const auto& kind : data_file_kinds) {
+                if (value.compare(0, 3, kind.word) != 0) continue;
+                if (kind.bit == save_eloc && !i_algo.calc_elocal) break;
+                i_algo.save_to_file |= kind.bit;
+                data_file_names.*kind.name = second.empty() ? kind.default_name : second;
+                break;
+            }
+        }
+    }
+    bcast_int(i_algo.save_to_file);
+}
+
+void read_input(std::string_view file_name, elec_algo_type& elec_algo, i_algo_type& i_algo,
+                tb_model_type& tb_model, kpt_type& kpt, std::string& system_name,
+                double& n_electrons, int& n_states, int& n_h_dup) {
+    const bool traced = debug > 0; // debug itself is one of the keywords read here
+    if (traced) trace_in("read_input", mod);
+    input_file f{-1, std::string(file_name)};
+    if (i_am_master) {
+        f.unit = next_free_unit();
+        const int ios = unit_open(f.unit, f.name, "old");
+        if (ios != 0)
+            fatal_error("problems opening file " + f.name + "iostat=", ios, "read_input", mod);
+    }
+    barrier();
+
+    read_string(f, "system_name", system_name, 80, "unknown");
+    read_real(f, "r_cut", tb_model.r_cut, tb_model.r_cut);
+    read_real(f, "lo_rad", elec_algo.lo_rad, tb_model.r_cut);
+    read_int(f, "nh", elec_algo.nh, -1);
+    read_int(f, "elec_gs_algo", elec_algo.gs, 2);
+    read_real(f, "number_of_electrons", n_electrons, -1.0);
+    read_real(f, "n_electrons", n_electrons);
+    read_int(f, "number_of_states", n_states, -1);
+    read_int(f, "n_states", n_states);
+    read_int(f, "ns_extra", elec_algo.ns_extra, 0);
+    read_int(f, "elec_md_algo", elec_algo.md, elec_algo.gs);
+    read_int(f, "ionic_algo", i_algo.algo, 0);
+    read_int(f, "ions_algo", i_algo.algo);
+    read_int(f, "ionic_eom_algo", i_algo.eom_algo, 1);
+    read_int(f, "ions_eom_algo", i_algo.eom_algo);
+    read_real(f, "elec_energy_tol", elec_algo.energy_tol, 1e-6);
+    read_real(f, "elec_charge_tol", elec_algo.charge_tol, 1e-8);
+    read_int(f, "max_elec_iter", elec_algo.max_iter, 10000);
+    read_int(f, "min_elec_iter", elec_algo.min_iter, 3);
+    read_real(f, "sigma", kpt.sigma, 0.0);
+    read_int(f, "cg_restart_freq", i_algo.cg_restart_freq, 10);
+    read_int(f, "elec_start", elec_algo.start, 0);
+    read_int(f, "save_wfs", elec_algo.save_wfs, 0);
+    read_real(f, "ions_delta_e", i_algo.delta_e, 1e-10);
+    read_real(f, "ions_max_force", i_algo.max_force, 1e-4);
+    read_int(f, "output_level", elec_algo.output_level, 1);
+    read_real(f, "eta", elec_algo.eta, 50.0);
+    read_int(f, "eta_mod_freq", elec_algo.eta_mod_freq, 10);
+    read_int(f, "eta_mod_delay", elec_algo.eta_mod_delay, 5);
+    read_real(f, "eta_mod_frac", elec_algo.eta_mod_frac, 0.5);
+    read_int(f, "eta_mod_fail_max", elec_algo.eta_mod_fail_max, 3);
+    read_logical(f, "scc_used", elec_algo.scc_used, false);
+    read_real(f, "charge_mixing", elec_algo.charge_mixing, 0.1);
+    read_int(f, "number_of_ionic_steps", i_algo.n_steps, 0);
+    read_int(f, "n_steps", i_algo.n_steps);
+    if (i_algo.n_steps == 0) i_algo.n_steps = -1; // a run without steps has a negative count
+    read_real(f, "dt", i_algo.dt, 1.0);
+    elec_algo.dt = i_algo.dt;
+    read_int(f, "start", i_algo.start, 0);
+    read_int(f, "veloc_start", i_algo.init_vel, 1);
+    read_logical(f, "non_orth_exact", i_algo.non_orth_exact, true);
+    read_logical(f, "calc_forces", i_algo.calc_forces, true);
+    read_logical(f, "calc_stress", i_algo.calc_stress, false);
+    read_logical(f, "calc_elocal", i_algo.calc_elocal, false);
+    if (i_algo.calc_stress && !i_algo.calc_forces)
+        warning_error("calc_forces is forced to T, because calc_stress is", "read_input", mod);
+    read_int(f, "ions_dyn_mode", i_algo.dyn_mode, 14);
+    read_int(f, "ionic_dyn_mode", i_algo.dyn_mode);
+    read_int(f, "dyn_mode", i_algo.dyn_mode);
+    read_logical(f, "eigen_vect", elec_algo.eigen_vect, i_algo.calc_forces);
+    if (i_algo.n_steps > 0) {
+        elec_algo.eigen_vect = true;
+        i_algo.calc_forces = true;
+    }
+    read_int(f, "number_of_moments", elec_algo.n_moments, 100);
+    read_int(f, "n_moments", elec_algo.n_moments);
+    read_real(f, "kpm_emin", elec_algo.kpm_emin, 0.0);
+    read_real(f, "kpm_emax", elec_algo.kpm_emax, 0.0);
+    read_int(f, "kpm_block_size", elec_algo.kpm_block_size, 2);
+    read_logical(f, "no_ex", elec_algo.no_ex, false);
+    std::string kernel(1, elec_algo.kernel);
+    read_string(f, "kernel", kernel, 1, "J");
+    elec_algo.kernel = kernel.empty() ? ' ' : kernel[0];
+    read_int(f, "n_h_dup", n_h_dup, n_proc);
+    read_int(f, "status_output_freq", i_algo.status_output_freq, 1);
+    read_int(f, "save_freq", i_algo.status_output_freq);
+    read_logical(f, "pair_pot_used", tb_model.pair_pot_used, tb_model.pair_pot_used);
+    read_int(f, "ionic_thermostat", i_algo.thermostat, 0);
+    read_int(f, "ions_thermostat", i_algo.thermostat);
+    read_int(f, "thermostat", i_algo.thermostat);
+    read_int(f, "temperature_seed_1", i_algo.temp_seed[0], 0);
+    read_int(f, "temperature_seed_2", i_algo.temp_seed[1], 0);
+    read_int(f, "temp_seed_1", i_algo.temp_seed[0]);
+    read_int(f, "temp_seed_2", i_algo.temp_seed[1]);
+    read_real(f, "temperature", i_algo.temperature, 300.0);
+    read_real(f, "temp", i_algo.temperature);
+    read_real(f, "ionic_friction", i_algo.friction, 0.0);
+    read_real(f, "ions_friction", i_algo.friction);
+    read_real(f, "friction", i_algo.friction);
+    read_real(f, "gamma", i_algo.friction);
+    if (i_algo.thermostat == thermostat_langevin && i_algo.friction == 0.0)
+        fatal_error("you are using langevin dynamics but the ionic friction coeffcient is "
+                    "undefined.set ionic_friction.",
+                    -1, "read_input", mod);
+    read_real(f, "q_nose_ions", i_algo.q_nose_ions, 0.0);
+    if (i_algo.thermostat == thermostat_nose && i_algo.q_nose_ions == 0.0)
+        warning_error("Nose mass for the ions is zero.Set q_nose_ions.", "read_input", mod);
+    save_to_file(f.unit, f.name, i_algo);
+    read_real(f, "emass", elec_algo.emass, 10.0);
+    read_int(f, "debug", debug, 0);
+    read_real(f, "e_boost", i_algo.e_boost, -100.0);
+    read_real(f, "a_boost", i_algo.a_boost, 20.0);
+    read_logical(f, "hyper_md", i_algo.hyper_md, false);
+
+    if (i_am_master) unit_close(f.unit);
+    barrier();
+    if (traced) trace_out("read_input", mod);
+}
+
+} // namespace lyrt

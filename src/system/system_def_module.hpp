@@ -1,0 +1,23 @@
+// The global records of a run. The main program fills them once, in the fixed
+// order of the run sequence, and hands them to every unit as arguments.
+#pragma once
+
+#include "model/tb_model_module.hpp"
+#include "run/input_module.hpp"
+#include "system/kpt_module.hpp"
+
+#include <string>
+
+namespace lyrt {
+
+extern tb_model_type tb_model;
+extern kpt_type kpt;
+extern int n_states; // electronic states
+extern int n_basis;  // basis functions
+extern int n_h_dup;  // Hamiltonian duplication factor
+extern elec_algo_type elec_algo;
+extern i_algo_type i_algo;
+extern std::string system_name; // keyword system_name, 80 characters
+extern double n_electrons;      // keyword n_electrons, completed with the electrons
+
+} // namespace lyrt

@@ -1,0 +1,178 @@
+// read_input on whole keyword files.
+#include "run/error_module.hpp"
+#include "run/input_module.hpp"
+#include "run/io_module.hpp"
+#include "test_support.hpp"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+using namespace lyrt;
+
+class ReadInput : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        dir = lyrt_test::fresh_dir(::testing::UnitTest::GetInstance()->current_test_info()->name());
+        std::filesystem::current_path(dir);
+        io_reset();
+        trace_reset();
+        open_units();
+        tb_model.r_cut = 6.6;
+        tb_model.pair_pot_used = true;
+    }
+    void TearDown() override {
+        io_reset();
+        trace_reset();
+        debug = 0;
+    }
+    void read(const std::string& text) {
+        lyrt_test::write_text(dir / "INLYRT", text);
+        read_input("INLYRT", elec_algo, i_algo, tb_model, kpt, system_name, n_electrons, n_states,
+                   n_h_dup);
+    }
+    std::vector<std::string> errors() {
+        flush(error_unit);
+        return lyrt_test::read_lines(dir / "ERRLYRT");
+    }
+    std::filesystem::path dir;
+    elec_algo_type elec_algo;
+    i_algo_type i_algo;
+    tb_model_type tb_model;
+    kpt_type kpt;
+    std::string system_name;
+    double n_electrons = 0.0;
+    int n_states = 0, n_h_dup = 0;
+};
+
+TEST_F(ReadInput, EmptyFileGivesDefaults) {
+    read("");
+    EXPECT_EQ(system_name, "unknown");
+    EXPECT_EQ(tb_model.r_cut, 6.6);
+    EXPECT_EQ(elec_algo.lo_rad, 6.6);
+    EXPECT_TRUE(tb_model.pair_pot_used);
+    EXPECT_EQ(elec_algo.gs, 2);
+    EXPECT_EQ(elec_algo.md, 2);
+    EXPECT_EQ(n_electrons, -1.0);
+    EXPECT_EQ(n_states, -1);
+    EXPECT_EQ(i_algo.n_steps, -1);
+    EXPECT_EQ(i_algo.eom_algo, 1);
+    EXPECT_TRUE(i_algo.calc_forces);
+    EXPECT_TRUE(elec_algo.eigen_vect);
+    EXPECT_EQ(i_algo.temperature, 300.0);
+    EXPECT_EQ(elec_algo.kernel, 'J');
+    EXPECT_EQ(n_h_dup, 1);
+    EXPECT_EQ(i_algo.save_to_file, save_pos + save_ene);
+    EXPECT_EQ(data_file_names.pos, "POS");
+    EXPECT_EQ(data_file_names.ene, "ENE");
+    EXPECT_EQ(kpt.sigma, 0.0);
+    EXPECT_EQ(elec_algo.dt, 1.0);
+}
+
+TEST_F(ReadInput, ValuesAliasesAndModelOverrides) {
+    read("system_name =  diamond Si\n"
+         "r_cut = 5.0\n"
+         "number_of_electrons = 8 ; n_electrons = 4\n"
+         "elec_gs_algo = 4\n"
+         "ions_algo = 1 ; ionic_algo = 3\n"
+         "sigma = 0.1; dt = 0.5\n"
+         "ionic_dyn_mode = 3\n"
+         "temperature_seed_1 = 11 ; temp_seed_1 = 22 ; temperature_seed_2 = 33\n"
+         "pair_pot_used = F\n"
+         "kernel = Lorentz\n");
+    EXPECT_EQ(system_name, "diamond Si");
+    EXPECT_EQ(tb_model.r_cut, 5.0);
+    EXPECT_EQ(elec_algo.lo_rad, 5.0);
+    EXPECT_EQ(n_electrons, 4.0); // the later alias wins
+    EXPECT_EQ(elec_algo.md, 4);  // defaults to the ground-state solver
+    EXPECT_EQ(i_algo.algo, 1);   // ions_algo is read after ionic_algo
+    EXPECT_EQ(kpt.sigma, 0.1);
+    EXPECT_EQ(elec_algo.dt, 0.5);
+    EXPECT_EQ(i_algo.dyn_mode, 3);
+    EXPECT_EQ(i_algo.temp_seed[0], 22);
+    EXPECT_EQ(i_algo.temp_seed[1], 33);
+    EXPECT_FALSE(tb_model.pair_pot_used);
+    EXPECT_EQ(elec_algo.kernel, 'L');
+}
+
+TEST_F(ReadInput, StepsAndForcesRules) {
+    read("n_steps = 0\n");
+    EXPECT_EQ(i_algo.n_steps, -1);
+    read("n_steps = 5\ncalc_forces = F\neigen_vect = F\n");
+    EXPECT_EQ(i_algo.n_steps, 5);
+    EXPECT_TRUE(i_algo.calc_forces);
+    EXPECT_TRUE(elec_algo.eigen_vect);
+    EXPECT_EQ(errors().size(), 20u); // no warning
+    read("calc_stress = T\ncalc_forces = F\n");
+    EXPECT_FALSE(i_algo.calc_forces);
+    EXPECT_FALSE(elec_algo.eigen_vect); // follows calc_forces
+    auto err = errors();
+    ASSERT_GE(err.size(), 3u);
+    EXPECT_EQ(err[err.size() - 3], " !!! WARNING !!!  ");
+    EXPECT_EQ(err.back(), "        calc_forces is forced to T, because calc_stress is");
+}
+
+TEST_F(ReadInput, ThermostatRules) {
+    read("thermostat = 1\n");
+    auto err = errors();
+    EXPECT_EQ(err.back(), "        Nose mass for the ions is zero.Set q_nose_ions.");
+    try {
+        read("ionic_thermostat = 2\n");
+        FAIL() << "Langevin without friction must stop";
+    } catch (const fatal_stop& stop) {
+        EXPECT_EQ(stop.message, "you are using langevin dynamics but the ionic friction "
+                                "coeffcient is undefined.set ionic_friction.");
+        EXPECT_EQ(stop.number, -1);
+    }
+    io_reset();
+    open_units();
+    read("thermostat = 2 ; gamma = 0.01\n");
+    EXPECT_EQ(i_algo.friction, 0.01);
+}
+
+TEST_F(ReadInput, SaveToFileSelectsAndRenames) {
+    read("save_to_file = force\n"
+         "save_to_file = pos traj.xyz\n"
+         "save_to_file = eloc\n"
+         "save_to_file = nonsense\n"
+         "save_to_file = EIGENVALUES my_Eig\n");
+    EXPECT_EQ(i_algo.save_to_file, save_pos + save_ene + save_for + save_eig);
+    EXPECT_EQ(data_file_names.force, "FOR");
+    EXPECT_EQ(data_file_names.pos, "traj.xyz");
+    EXPECT_EQ(data_file_names.eig, "my_Eig");
+    EXPECT_EQ(data_file_names.eloc, "");
+    read("calc_elocal = T\nsave_to_file = elo\n");
+    EXPECT_EQ(i_algo.save_to_file, save_pos + save_ene + save_eloc);
+    EXPECT_EQ(data_file_names.eloc, "ELOC");
+}
+
+TEST_F(ReadInput, BadValueAndMissingFileStop) {
+    try {
+        read("n_steps = many\n");
+        FAIL();
+    } catch (const fatal_stop& stop) {
+        EXPECT_EQ(stop.message, "error reading keyword n_steps from file INLYRT");
+        EXPECT_EQ(stop.number, 5);
+    }
+    io_reset();
+    open_units();
+    try {
+        read_input("NOPE", elec_algo, i_algo, tb_model, kpt, system_name, n_electrons, n_states,
+                   n_h_dup);
+        FAIL();
+    } catch (const fatal_stop& stop) {
+        EXPECT_EQ(stop.message, "problems opening file NOPEiostat=");
+    }
+}
+
+TEST_F(ReadInput, DebugLevelIsReadAndTracingStaysBalanced) {
+    testing::internal::CaptureStdout();
+    read("debug = 1\n");
+    EXPECT_EQ(debug, 1);
+    read("debug = 0\n"); // traced on entry, not on exit: the stack must still balance
+    testing::internal::GetCapturedStdout();
+    EXPECT_EQ(debug, 0);
+    EXPECT_EQ(trace_depth(), 0);
+}
+
+} // namespace
