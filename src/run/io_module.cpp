@@ -1,7 +1,9 @@
 #include "run/io_module.hpp"
 
+#include <cctype>
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <ctime>
 #include <map>
 #include <sys/stat.h>
@@ -313,6 +315,78 @@ void write_fmt(int unit, std::string_view format, std::span<const fitem> items) 
 
 void write_free(int unit, std::span<const fitem> items) {
     unit_write(unit, free_form(items));
+}
+
+std::vector<std::string> free_form_items(std::string_view record) {
+    std::vector<std::string> items;
+    std::string cur;
+    bool in_item = false;
+    for (char c : record) {
+        if (c == ' ' || c == ',' || c == '\t') {
+            if (in_item) items.push_back(cur);
+            cur.clear();
+            in_item = false;
+        } else {
+            cur += c;
+            in_item = true;
+        }
+    }
+    if (in_item) items.push_back(cur);
+    return items;
+}
+
+namespace {
+
+// Reads records until n items are collected; convert(item, k) stores item k.
+template <class Convert>
+int read_free(int unit, std::size_t n, Convert convert) {
+    std::size_t k = 0;
+    std::string record;
+    while (k < n) {
+        const int ios = unit_read(unit, record);
+        if (ios != 0) return ios;
+        for (const std::string& item : free_form_items(record)) {
+            if (k == n) break;
+            if (!convert(item, k)) return EINVAL;
+            ++k;
+        }
+    }
+    return 0;
+}
+
+bool to_real(std::string item, double& v) {
+    for (char& c : item)
+        if (c == 'd' || c == 'D' || c == 'q' || c == 'Q') c = 'E';
+    char* end = nullptr;
+    v = std::strtod(item.c_str(), &end);
+    return !item.empty() && end != nullptr && *end == '\0';
+}
+
+} // namespace
+
+int read_free_reals(int unit, std::span<double> values) {
+    return read_free(unit, values.size(), [&](const std::string& item, std::size_t k) {
+        return to_real(item, values[k]);
+    });
+}
+
+int read_free_ints(int unit, std::span<int> values) {
+    return read_free(unit, values.size(), [&](const std::string& item, std::size_t k) {
+        char* end = nullptr;
+        const long v = std::strtol(item.c_str(), &end, 10);
+        values[k] = static_cast<int>(v);
+        return end != nullptr && *end == '\0';
+    });
+}
+
+int read_free_logicals(int unit, std::span<bool> values) {
+    return read_free(unit, values.size(), [&](const std::string& item, std::size_t k) {
+        std::size_t p = item[0] == '.' ? 1 : 0;
+        if (p >= item.size()) return false;
+        const char c = static_cast<char>(std::toupper(static_cast<unsigned char>(item[p])));
+        values[k] = c == 'T';
+        return c == 'T' || c == 'F';
+    });
 }
 
 void open_units() {

@@ -14,6 +14,7 @@
 #include <cstddef>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace lyrt {
 
@@ -81,6 +82,17 @@ void write_free(int unit, std::span<const fitem> items);
 inline void write_free(int unit, std::initializer_list<fitem> items) {
     write_free(unit, std::span<const fitem>(items.begin(), items.size()));
 }
+
+// Free-form (list-directed) input: one read takes as many records as it needs
+// for its values, and the rest of its last record is skipped. Values are
+// separated by blanks or commas; reals take E, D or Q exponents; logicals start
+// with T or F (or .T, .F). Returns 0, -1 at end of file, or a positive iostat for
+// a value that doesn't convert.
+int read_free_reals(int unit, std::span<double> values);
+int read_free_ints(int unit, std::span<int> values);
+int read_free_logicals(int unit, std::span<bool> values);
+// Splits one record into its free-form items.
+std::vector<std::string> free_form_items(std::string_view record);
 
 // ---- the run's report files ---------------------------------------------------
 

@@ -26,6 +26,7 @@ void main_lyrt() {
 
     // Positions and the model are read before the keywords, whose defaults
     // (cut-off, pair potential) come from the model.
+    ions_read_in(box, box.ions, "POSLYRT");
     read_input("INLYRT", elec_algo, i_algo, tb_model, kpt, system_name, n_electrons, n_states,
                n_h_dup);
     barrier();

@@ -3,6 +3,8 @@
 #pragma once
 
 #include "model/tb_model_module.hpp"
+#include "neighbours/box_module.hpp"
+#include "parallel/pdist_module.hpp"
 #include "run/input_module.hpp"
 #include "system/kpt_module.hpp"
 
@@ -10,11 +12,16 @@
 
 namespace lyrt {
 
+extern ions_type* ions; // the ion store of the box, bound in init_system_ions
+extern box_type box;    // cell, cut-off, ions, image cells and sub-boxes
+extern ions_state_type ions_state;
 extern tb_model_type tb_model;
 extern kpt_type kpt;
-extern int n_states; // electronic states
-extern int n_basis;  // basis functions
-extern int n_h_dup;  // Hamiltonian duplication factor
+extern int n_states;            // electronic states
+extern int n_basis;             // basis functions
+extern int n_h_dup;             // Hamiltonian duplication factor
+extern pdist_type ions_pdist;   // distribution of the ions (blocks)
+extern pdist_type states_pdist; // distribution of the electronic states
 extern elec_algo_type elec_algo;
 extern i_algo_type i_algo;
 extern std::string system_name; // keyword system_name, 80 characters

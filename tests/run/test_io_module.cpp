@@ -179,7 +179,9 @@ TEST_F(IoModule, NestingStopwatch) {
 // The program writes its reports with their headers, traces main_lyrt on
 // standard output and ends with the timing lines.
 TEST_F(IoModule, ProgramRunsOnKeywordFile) {
-    lyrt_test::write_text(dir / "INLYRT", "system_name = test\n");
+    for (const char* f : {"INLYRT", "POSLYRT", "TBPARAM"})
+        std::filesystem::copy_file(std::filesystem::path(LYRT_SOURCE_DIR) / "examples/si8" / f,
+                                   dir / f);
     ASSERT_EQ(lyrt_test::run_lyrt_in(dir), 0);
     auto out = read_lines(dir / "OUTLYRT");
     ASSERT_GE(out.size(), 20u);
@@ -195,13 +197,15 @@ TEST_F(IoModule, ProgramRunsOnKeywordFile) {
     EXPECT_EQ(std_out[1], " Leaving main_lyrt:main_lyrt on PE= 0");
 }
 
-// In an empty folder the first input stage stops the run with its message; the
+// In an empty folder the positions stage stops the run with its message; the
 // report is closed and the timing lines of a normal end are absent.
 TEST_F(IoModule, ProgramStopsOnMissingInput) {
     EXPECT_EQ(lyrt_test::run_lyrt_in(dir), 1);
     auto err = read_lines(dir / "ERRLYRT");
     ASSERT_GE(err.size(), 24u);
     EXPECT_EQ(err[20].rfind(" FATAL ERROR No ", 0), 0u);
+    EXPECT_EQ(err[21], "Occured in procedure ions_read_file in module ions_module");
+    EXPECT_EQ(err[22], "        Problems opening file POSLYRT iostat=");
     EXPECT_EQ(err[23], " ABORTING LYRT !");
     EXPECT_EQ(read_lines(dir / "OUTLYRT").back(), " -- LYRT end --");
     EXPECT_TRUE(read_lines(dir / "timings").empty());

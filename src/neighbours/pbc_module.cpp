@@ -1,0 +1,330 @@
+#include "neighbours/pbc_module.hpp"
+
+#include "numerics/utility_module.hpp"
+#include "parallel/mpi_module.hpp"
+#include "run/allocate_module.hpp"
+#include "run/error_module.hpp"
+#include "run/io_module.hpp"
+#include "run/timing_module.hpp"
+
+#include <cmath>
+
+namespace lyrt {
+
+namespace {
+
+constexpr const char* mod = "pbc_module";
+constexpr double symmetry_tolerance = 1e-10;
+
+double norm2(const double* r) {
+    return r[0] * r[0] + r[1] * r[1] + r[2] * r[2];
+}
+
+} // namespace
+
+void pbc_min_vec(double* r_ij, const box_type& box, const double* r_i, const double* r_j,
+                 int* trans) {
+    const double* a = box.cell.a.data();
+    const double* b = box.cell.b.data();
+    double d[3];
+    for (int k = 0; k < 3; ++k)
+        d[k] = (b[k] * r_j[0] + b[k + 3] * r_j[1] + b[k + 6] * r_j[2]) -
+               (b[k] * r_i[0] + b[k + 3] * r_i[1] + b[k + 6] * r_i[2]);
+    double best = 0.0, best_c[3] = {0.0, 0.0, 0.0};
+    int best_n = 0, n = 0;
+    for (int sk = -1; sk <= 1; ++sk)
+        for (int sj = -1; sj <= 1; ++sj)
+            for (int si = -1; si <= 1; ++si) {
+                ++n;
+                const double x = d[0] + si, y = d[1] + sj, z = d[2] + sk;
+                const double c[3] = {a[0] * x + a[3] * y + a[6] * z, a[1] * x + a[4] * y + a[7] * z,
+                                     a[2] * x + a[5] * y + a[8] * z};
+                const double l2 = norm2(c);
+                if (best_n == 0 || l2 < best) {
+                    best = l2;
+                    best_n = n;
+                    best_c[0] = c[0];
+                    best_c[1] = c[1];
+                    best_c[2] = c[2];
+                }
+            }
+    r_ij[0] = best_c[0];
+    r_ij[1] = best_c[1];
+    r_ij[2] = best_c[2];
+    // The candidate number read on the sub-box offset grid, as the lists carry it.
+    if (trans != nullptr) grid_get_ijk_indices(trans, box.nn_sb_grid, best_n);
+}
+
+double pbc_min_dist_sq(const box_type& box, const double* r_i, const double* r_j) {
+    double r[3];
+    pbc_min_vec(r, box, r_i, r_j);
+    return norm2(r);
+}
+
+double pbc_min_dist(const box_type& box, const double* r_i, const double* r_j) {
+    return std::sqrt(pbc_min_dist_sq(box, r_i, r_j));
+}
+
+void pbc_min_vec_old(double* r_ij, const box_type& box, const double* r_i, const double* r_j) {
+    double rp_i[3], rp_j[3];
+    box_r_to_rp(rp_i, box, r_i);
+    box_r_to_rp(rp_j, box, r_j);
+    double best = -1.0;
+    for (int sk = -1; sk <= 1; ++sk)
+        for (int sj = -1; sj <= 1; ++sj)
+            for (int si = -1; si <= 1; ++si) {
+                const double dp[3] = {rp_j[0] - rp_i[0] + si, rp_j[1] - rp_i[1] + sj,
+                                      rp_j[2] - rp_i[2] + sk};
+                double c[3];
+                box_rp_to_r(c, box, dp);
+                if (best < 0.0 || norm2(c) < best) {
+                    best = norm2(c);
+                    r_ij[0] = c[0];
+                    r_ij[1] = c[1];
+                    r_ij[2] = c[2];
+                }
+            }
+}
+
+void pbc_trans_vec(double* out, const double* rp) {
+    for (int k = 0; k < 3; ++k) {
+        double t = std::trunc(rp[k]);
+        if (rp[k] < 0.0) t -= 1.0;
+        out[k] = rp[k] - t;
+    }
+}
+
+void min_vec(double* r_ij, const box_type& box, const double* r_i, const double* r_j) {
+    double rp_i[3], rp_j[3], d[3], f[3];
+    box_r_to_rp(rp_i, box, r_i);
+    box_r_to_rp(rp_j, box, r_j);
+    for (int k = 0; k < 3; ++k) d[k] = rp_j[k] - rp_i[k];
+    pbc_trans_vec(f, d);
+    double best = -1.0;
+    for (int sk = -1; sk <= 0; ++sk)
+        for (int sj = -1; sj <= 0; ++sj)
+            for (int si = -1; si <= 0; ++si) {
+                const double dp[3] = {f[0] + si, f[1] + sj, f[2] + sk};
+                double c[3];
+                box_rp_to_r(c, box, dp);
+                if (best < 0.0 || norm2(c) < best) {
+                    best = norm2(c);
+                    r_ij[0] = c[0];
+                    r_ij[1] = c[1];
+                    r_ij[2] = c[2];
+                }
+            }
+}
+
+void pbc_count_ion_nn(const box_type& box, int i, int& n) {
+    n = 0;
+    const ions_type& ions = box.ions;
+    for (int j = 1; j <= ions.total_n_ions; ++j) {
+        if (j == i) continue;
+        double r[3];
+        pbc_min_vec(r, box, &ions.r(1, i), &ions.r(1, j));
+        if (box.r_cut2 > norm2(r)) ++n;
+    }
+}
+
+void pbc_calc_max_nn(box_type& box) {
+    const char* proc = "pbc_calc_max_nn";
+    if (debug > 0) trace_in(proc, mod);
+    const double start = utime();
+    ions_type& ions = box.ions;
+    int largest = 0;
+    // Every ion is local to the one process.
+    for (int i = 1; i <= ions.total_n_ions; ++i) {
+        int n;
+        pbc_count_ion_nn(box, i, n);
+        largest = std::max(largest, n);
+    }
+    if (largest == 0) warning_error("Number of nearest neighbors is zero", proc, mod);
+    ions.max_n_nn = largest;
+    ions.ub_n_nn = std::min(2 * largest, ions.total_n_ions - 1);
+    write_free(timing_unit, {my_proc, "pbc_calc_max_nn", utime() - start, "sec"});
+    if (debug > 0) trace_out(proc, mod);
+}
+
+void pbc_calc_ion_nn(box_type& box, int i, nn_list_type& nn_list, nn_list_type& nn_hi_list) {
+    ions_type& ions = box.ions;
+    for (int j = i + 1; j <= ions.total_n_ions; ++j) {
+        double r[3];
+        int t[3];
+        pbc_min_vec(r, box, &ions.r(1, i), &ions.r(1, j), t);
+        const double r2 = norm2(r);
+        if (box.r_cut2 > r2) {
+            const double d = std::sqrt(r2);
+            nn_add_is(nn_hi_list, j, d, r, t);
+            nn_add_is(nn_list, j, d, r, t);
+            const double mr[3] = {-r[0], -r[1], -r[2]};
+            const int mt[3] = {-t[0], -t[1], -t[2]};
+            nn_add_is(ions.nn_list[static_cast<std::size_t>(j - 1)], i, d, mr, mt);
+        }
+    }
+}
+
+void pbc_calc_nn_lists(box_type& box, std::optional<int> n_alloc, bool check) {
+    const char* proc = "pbc_init_nn_lists";
+    if (debug > 0) trace_in(proc, mod);
+    const double start = utime();
+    ions_type& ions = box.ions;
+    const auto n = static_cast<std::size_t>(ions.total_n_ions);
+    if (ions.nn_list.size() != n) ions.nn_list.resize(n);
+    if (ions.nn_hi_list.size() != n) ions.nn_hi_list.resize(n);
+    if (n_alloc) {
+        for (std::size_t i = 0; i < n; ++i) {
+            nn_deallocate(ions.nn_list[i]);
+            nn_deallocate(ions.nn_hi_list[i]);
+            nn_allocate(ions.nn_list[i], *n_alloc,
+                        "box%ions%nn_list(" + std::to_string(i + 1) + ")");
+            nn_allocate(ions.nn_hi_list[i], *n_alloc,
+                        "box%ions%nn_hi_list(" + std::to_string(i + 1) + ")");
+        }
+    }
+    for (std::size_t i = 0; i < n; ++i) {
+        nn_reset(ions.nn_list[i]);
+        nn_reset(ions.nn_hi_list[i]);
+    }
+    for (int i = 1; i <= ions.total_n_ions; ++i)
+        pbc_calc_ion_nn(box, i, ions.nn_list[static_cast<std::size_t>(i - 1)],
+                        ions.nn_hi_list[static_cast<std::size_t>(i - 1)]);
+
+    if (check) {
+        // Both ends of a pair must agree; the entry of the lower-numbered ion wins.
+        for (int i = 1; i <= ions.total_n_ions; ++i) {
+            nn_list_type& li = ions.nn_list[static_cast<std::size_t>(i - 1)];
+            for (int m = 1; m <= li.n_nn; ++m) {
+                const int j = li.index(m);
+                nn_list_type& lj = ions.nn_list[static_cast<std::size_t>(j - 1)];
+                const int p = iscan(
+                    i, std::span<const int>(lj.index.data(), static_cast<std::size_t>(lj.n_nn)));
+                if (p < 1 || std::fabs(li.dist(m) - lj.dist(p)) > symmetry_tolerance)
+                    fatal_error("d_ij /= d_ji", static_cast<long long>(i) * 10000 + j, proc, mod);
+                if (j > i) {
+                    lj.dist(p) = li.dist(m);
+                    for (int k = 1; k <= 3; ++k) {
+                        lj.r_ij(k, p) = -li.r_ij(k, m);
+                        lj.trans(k, p) = -li.trans(k, m);
+                    }
+                } else {
+                    li.dist(m) = lj.dist(p);
+                    for (int k = 1; k <= 3; ++k) {
+                        li.r_ij(k, m) = -lj.r_ij(k, p);
+                        li.trans(k, m) = -lj.trans(k, p);
+                    }
+                }
+            }
+        }
+    }
+    for (std::size_t i = 0; i < n; ++i)
+        ions.max_n_nn = std::max(ions.max_n_nn, ions.nn_list[i].n_nn);
+    if (ions.max_n_nn > ions.total_n_ions)
+        fatal_error("The maximum # of NN is larger than # of ions!", ions.max_n_nn, proc, mod);
+    if (ions.max_n_nn > ions.ub_n_nn)
+        fatal_error("The maximum # of NN is larger than the maximum allowed!", ions.max_n_nn, proc,
+                    mod);
+    write_free(timing_unit, {my_proc, "pbc_init_nn_lists", utime() - start, "sec"});
+    if (debug > 0) trace_out(proc, mod);
+}
+
+void pbc_calc_sb_ion_nn(box_type& box, int i, nn_list_type& nn_list, nn_list_type& nn_hi_list,
+                        const sub_box_type& sb) {
+    ions_type& ions = box.ions;
+    for (int n = 1; n <= sb.nn_sb_list.n_nn; ++n) {
+        const sub_box_type& other =
+            box.sb_list[static_cast<std::size_t>(sb.nn_sb_list.index(n) - 1)];
+        const double* shift = &sb.nn_sb_list.r_ij(1, n);
+        const int* s = &sb.nn_sb_list.trans(1, n);
+        for (int m = 1; m <= other.n_ions; ++m) {
+            const int j = other.ions(m);
+            if (j <= i) continue;
+            double r[3];
+            for (int k = 0; k < 3; ++k) r[k] = ions.r(k + 1, j) + shift[k] - ions.r(k + 1, i);
+            const double r2 = norm2(r);
+            if (box.r_cut2 > r2) {
+                const double d = std::sqrt(r2);
+                nn_add_is(nn_hi_list, j, d, r, s);
+                nn_add_is(nn_list, j, d, r, s);
+                const double mr[3] = {-r[0], -r[1], -r[2]};
+                const int ms[3] = {-s[0], -s[1], -s[2]};
+                nn_add_is(ions.nn_list[static_cast<std::size_t>(j - 1)], i, d, mr, ms);
+            }
+        }
+    }
+}
+
+void pbc_calc_sb_ion_nn_old(box_type& box, int i, nn_list_type& nn_list, nn_list_type& nn_hi_list,
+                            const sub_box_type& sb) {
+    ions_type& ions = box.ions;
+    for (int n = 1; n <= sb.nn_sb_list.n_nn; ++n) {
+        const sub_box_type& other =
+            box.sb_list[static_cast<std::size_t>(sb.nn_sb_list.index(n) - 1)];
+        const double* shift = &sb.nn_sb_list.r_ij(1, n);
+        const int* s = &sb.nn_sb_list.trans(1, n);
+        for (int m = 1; m <= other.n_ions; ++m) {
+            const int j = other.ions(m);
+            if (j == i) continue;
+            double r[3];
+            for (int k = 0; k < 3; ++k) r[k] = ions.r(k + 1, j) + shift[k] - ions.r(k + 1, i);
+            if (box.r_cut2 > norm2(r)) {
+                nn_add_is(nn_list, j, std::sqrt(norm2(r)), r, s);
+                if (j > i) nn_add_is(nn_hi_list, j, std::sqrt(norm2(r)), r, s);
+            }
+        }
+    }
+}
+
+void pbc_calc_ion_nn_old(box_type& box, int i, nn_list_type& nn_list, nn_list_type& nn_hi_list) {
+    ions_type& ions = box.ions;
+    for (int j = 1; j <= ions.total_n_ions; ++j) {
+        if (j == i) continue;
+        double r[3];
+        int t[3];
+        pbc_min_vec(r, box, &ions.r(1, i), &ions.r(1, j), t);
+        if (box.r_cut2 > norm2(r)) {
+            nn_add_is(nn_list, j, std::sqrt(norm2(r)), r, t);
+            if (j > i) nn_add_is(nn_hi_list, j, std::sqrt(norm2(r)), r, t);
+        }
+    }
+}
+
+void pbc_test_min_vec(const box_type& box) {
+    const ions_type& ions = box.ions;
+    for (int i = 1; i <= ions.total_n_ions; ++i)
+        for (int j = 1; j <= ions.total_n_ions; ++j) {
+            double r1[3], r2[3];
+            pbc_min_vec(r1, box, &ions.r(1, i), &ions.r(1, j));
+            min_vec(r2, box, &ions.r(1, i), &ions.r(1, j));
+            for (int k = 0; k < 3; ++k)
+                if (std::fabs(r1[k] - r2[k]) >= 1e-6)
+                    fatal_error("pbc_min_vec and min_vec disagree", i * 10000 + j,
+                                "pbc_test_min_vec", mod);
+        }
+}
+
+void pbc_print(const box_type& box, int unit) {
+    const ions_type& ions = box.ions;
+    auto print_lists = [&](const std::vector<nn_list_type>& lists) {
+        for (int i = 1; i <= ions.total_n_ions; ++i) {
+            const nn_list_type& l = lists[static_cast<std::size_t>(i - 1)];
+            if (l.n_nn == 0) {
+                write_fmt(unit, "(A,I4,A)", {"Ion ", i, " has no neighbors."});
+                continue;
+            }
+            write_fmt(unit, "(A,I4,A,I4,A)", {"Ion ", i, " has ", l.n_nn, " nearest neighbors."});
+            for (int m = 1; m <= l.n_nn; ++m)
+                write_fmt(unit, "(I4,5F11.4)",
+                          {l.index(m), l.dist(m), l.r_ij(1, m), l.r_ij(2, m), l.r_ij(3, m),
+                           std::sqrt(l.r_ij(1, m) * l.r_ij(1, m) + l.r_ij(2, m) * l.r_ij(2, m) +
+                                     l.r_ij(3, m) * l.r_ij(3, m))});
+        }
+    };
+    write_free(unit, {"The nearest neighbor list :"});
+    print_lists(ions.nn_list);
+    write_fmt(unit, "(80(\"=\"))", {});
+    write_free(unit, {"The high nearest neighbor list :"});
+    print_lists(ions.nn_hi_list);
+}
+
+} // namespace lyrt

@@ -1,0 +1,242 @@
+// Position files: every form of POSLYRT, the continuation file POSCONT and the
+// bad-input stops.
+#include "neighbours/box_module.hpp"
+#include "run/error_module.hpp"
+#include "run/io_module.hpp"
+#include "test_support.hpp"
+
+#include <cmath>
+#include <gtest/gtest.h>
+
+namespace {
+
+using namespace lyrt;
+
+class PositionFiles : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        dir = lyrt_test::fresh_dir(::testing::UnitTest::GetInstance()->current_test_info()->name());
+        std::filesystem::current_path(dir);
+        io_reset();
+        trace_reset();
+        open_units();
+    }
+    void TearDown() override { io_reset(); }
+    // Reads text as POSLYRT into a fresh box.
+    void read(box_type& box, const std::string& text) {
+        lyrt_test::write_text(dir / "POSLYRT", text);
+        ions_read_in(box, box.ions, "POSLYRT");
+    }
+    std::string stop_message(const std::string& text) {
+        box_type box;
+        try {
+            testing::internal::CaptureStdout();
+            read(box, text);
+            testing::internal::GetCapturedStdout();
+        } catch (const fatal_stop& stop) {
+            testing::internal::GetCapturedStdout();
+            io_reset();
+            open_units();
+            return stop.message;
+        }
+        return "";
+    }
+    std::filesystem::path dir;
+};
+
+TEST_F(PositionFiles, ReducedAndCartesianCoordinates) {
+    const std::string cell =
+        "number_of_ions = 1 1\na0 = 2.0\na_1 = 1 0 0\na_2 = 0 2 0\na_3 = 0.5 0 3\n";
+    box_type reduced, unit_word, cartesian;
+    read(reduced, cell + "positions\n0.5 0.25 0.5\n0 0 0\n");
+    read(unit_word, cell + "positions = Unit\n0.5 0.25 0.5\n0 0 0\n");
+    read(cartesian, cell + "positions = cartesian\n1.5 1.0 3.0\n0 0 0\n");
+    EXPECT_DOUBLE_EQ(cell_vol(reduced.cell), 2.0 * 4.0 * 6.0);
+    for (const box_type* b : {&reduced, &unit_word, &cartesian}) {
+        EXPECT_DOUBLE_EQ(b->ions.r(1, 1), 1.5); // 0.5*2 + 0.5*1
+        EXPECT_DOUBLE_EQ(b->ions.r(2, 1), 1.0);
+        EXPECT_DOUBLE_EQ(b->ions.r(3, 1), 3.0);
+        EXPECT_EQ(b->ions.type(1), 1);
+        EXPECT_EQ(b->ions.type(2), 2);
+    }
+    EXPECT_FALSE(ions_velocities_read());
+}
+
+TEST_F(PositionFiles, SpeciesOnEachLineAndTheBlockRule) {
+    // Three species by blocks: the third block starts after count(2) ions, so ion 4
+    // is left without a species and the run stops with a message.
+    EXPECT_EQ(
+        stop_message("number_of_ions = 2 1 1\na_1 = 5 0 0\na_2 = 0 5 0\na_3 = 0 0 5\n"
+                     "positions\n0 0 0\n0.1 0 0\n0.2 0 0\n0.3 0 0\n"),
+        "species index out of range in positions of file POSLYRT; give the species on each line");
+    // Two species by blocks.
+    box_type blocks;
+    read(blocks, "number_of_ions = 2 1\na_1 = 5 0 0\na_2 = 0 5 0\na_3 = 0 0 5\n"
+                 "positions\n0 0 0\n0.1 0 0\n0.2 0 0\n");
+    EXPECT_EQ(blocks.ions.type(1), 1);
+    EXPECT_EQ(blocks.ions.type(2), 1);
+    EXPECT_EQ(blocks.ions.type(3), 2);
+    // The four-item form names the species of every ion.
+    box_type named;
+    read(named, "number_of_ions = 2 1 1\na_1 = 5 0 0\na_2 = 0 5 0\na_3 = 0 0 5\n"
+                "positions\n1 0 0 0\n1 0.1 0 0\n2 0.2 0 0\n3 0.3 0 0\n");
+    EXPECT_EQ(named.ions.type(2), 1);
+    EXPECT_EQ(named.ions.type(3), 2);
+    EXPECT_EQ(named.ions.type(4), 3);
+    EXPECT_EQ(named.ions.n_species, 3);
+    EXPECT_EQ(named.ions.n_ions(1), 2);
+}
+
+TEST_F(PositionFiles, LatticeBlockAndGridRepeats) {
+    box_type box;
+    testing::internal::CaptureStdout();
+    read(box, "number_of_ions = 1\nunit_cell_grid = 2 1 1\nlattice\n1\n4.0\n0\n"
+              "positions\n0.0 0.0 0.0\nvelocities\n0.1 0.2 0.3\n"
+              "freeze\nT F T\nboost\nT\nqion\n-0.5\n");
+    testing::internal::GetCapturedStdout();
+    ASSERT_EQ(box.ions.total_n_ions, 2);
+    EXPECT_NEAR(cell_vol(box.cell), 32.0, 1e-12); // fcc a = 4 has volume 16, doubled along a_1
+    // The repeated ion lies a_1 of the basis cell away and carries all flags.
+    EXPECT_NEAR(box.ions.r(1, 2), 0.0, 1e-12);
+    EXPECT_NEAR(box.ions.r(2, 2), 2.0, 1e-12);
+    EXPECT_NEAR(box.ions.r(3, 2), 2.0, 1e-12);
+    EXPECT_TRUE(box.ions.frozen(1, 2));
+    EXPECT_FALSE(box.ions.frozen(2, 2));
+    EXPECT_TRUE(box.ions.boost(2));
+    EXPECT_EQ(box.ions.qion(2), -0.5);
+    EXPECT_TRUE(ions_velocities_read());
+    // Reduced velocities 0.1 0.2 0.3 in the fcc cell (vectors in columns as read).
+    EXPECT_NEAR(box.ions.v(1, 2), box.ions.v(1, 1), 1e-15);
+    EXPECT_EQ(box.ions.n_ions(1), 2);
+}
+
+TEST_F(PositionFiles, BadInputStops) {
+    const std::string cell = "a_1 = 5 0 0\na_2 = 0 5 0\na_3 = 0 0 5\n";
+    EXPECT_EQ(stop_message(cell + "positions\n0 0 0\n"),
+              "Could not find key word number_of_ions in file POSLYRT");
+    EXPECT_EQ(stop_message("number_of_ions = 1\n" + cell), "could not find keyword positions !!");
+    EXPECT_EQ(stop_message("number_of_ions = 1\n" + cell + "positions\n0 0 0 0 0\n"),
+              "coordinates faulty, only 3 or 4 enrties expected ...");
+    EXPECT_EQ(stop_message("number_of_ions = 2\n" + cell + "positions\n0 0 0\n"),
+              "an error occured while reading ionic coordinates iostat=");
+    EXPECT_EQ(stop_message("number_of_ions = 1\na_1 = 5 0 0\na_3 = 0 0 5\npositions\n0 0 0\n"),
+              "error reading file POSLYRT: lattice vector a_2 not found !");
+    EXPECT_EQ(stop_message("number_of_ions = 1\n" + cell + "positions\n0 0 0\nfreeze\nT X\n"),
+              "An error occured while reading freezing flags");
+    EXPECT_EQ(stop_message("number_of_ions = x\n" + cell + "positions\n0 0 0\n"),
+              "error reading keyword number_of_ions from file POSLYRT error number 5");
+    io_reset();
+    box_type box;
+    try {
+        ions_read_in(box, box.ions, "NO_SUCH_FILE");
+        FAIL();
+    } catch (const fatal_stop& stop) {
+        EXPECT_EQ(stop.message, "Problems opening file NO_SUCH_FILE iostat=");
+    }
+}
+
+// POSCONT written after changes reads back as POSLYRT to the digits written.
+TEST_F(PositionFiles, ContinuationFileRoundTrip) {
+    box_type box;
+    read(box, "number_of_ions = 2 1\na_1 = 5.1 0.2 0\na_2 = -0.3 4.7 0.1\na_3 = 0.4 0 6.3\n"
+              "positions\n0.1 0.2 0.3\n0.7 0.1 0.9\n0.33 0.66 0.99\n"
+              "freeze\nF F F\nT F T\nF T F\nqion\n0.1\n-0.2\n0.3\n");
+    ions_type& ions = box.ions;
+    for (int i = 1; i <= 3; ++i)
+        for (int k = 1; k <= 3; ++k) {
+            ions.r(k, i) += 0.0123456789012345 * (i + k);
+            ions.v(k, i) = 1e-3 / (i + 2 * k) - 2e-4;
+        }
+    ions.boost(2) = true;
+    i_algo_type i_algo;
+    ions_state_type state;
+    state.ions = &ions;
+    state.box = &box;
+    state.step = 17;
+    ions_save_state(state, i_algo, cont_unit, "POSCONT");
+    std::filesystem::copy_file(dir / "POSCONT", dir / "COPY");
+
+    box_type back;
+    ions_read_in(back, back.ions, "COPY");
+    ASSERT_EQ(back.ions.total_n_ions, 3);
+    ASSERT_EQ(back.ions.n_species, 2);
+    for (int j = 1; j <= 3; ++j)
+        for (int k = 1; k <= 3; ++k) EXPECT_NEAR(back.cell.a(k, j), box.cell.a(k, j), 1e-15);
+    for (int i = 1; i <= 3; ++i) {
+        double rp_a[3], rp_b[3];
+        box_r_to_rp(rp_a, box, &ions.r(1, i));
+        box_r_to_rp(rp_b, back, &back.ions.r(1, i));
+        for (int k = 0; k < 3; ++k) EXPECT_NEAR(rp_a[k], rp_b[k], 2e-16 * (1 + std::fabs(rp_a[k])));
+        for (int k = 1; k <= 3; ++k) {
+            EXPECT_NEAR(back.ions.v(k, i), ions.v(k, i), 1e-18 + 1e-15 * std::fabs(ions.v(k, i)));
+            EXPECT_EQ(back.ions.frozen(k, i), ions.frozen(k, i));
+        }
+        EXPECT_EQ(back.ions.type(i), ions.type(i));
+        EXPECT_EQ(back.ions.qion(i), ions.qion(i));
+        EXPECT_EQ(back.ions.boost(i), ions.boost(i));
+    }
+    auto lines = lyrt_test::read_lines(dir / "POSCONT");
+    EXPECT_EQ(lines[0].substr(0, 5), "a_1 =");
+    EXPECT_EQ(lines[3], "number_of_ions =    2   1");
+    EXPECT_EQ(lines[4], "positions = unit");
+}
+
+TEST_F(PositionFiles, RestartBlocksOfBothIntegrators) {
+    for (int eom : {eom_verlet, eom_velocity_verlet}) {
+        box_type box;
+        read(box, "number_of_ions = 2\na_1 = 4 0 0\na_2 = 0 4 0\na_3 = 0 0 4\n"
+                  "positions\n0.1 0.1 0.1\n0.6 0.5 0.4\n");
+        ions_type& ions = box.ions;
+        ions_state_type state;
+        state.ions = &ions;
+        state.box = &box;
+        i_algo_type i_algo;
+        i_algo.eom_algo = eom;
+        i_algo.n_steps = 10;
+        cell_roll(box.cell);
+        cell_roll(box.cell);
+        for (int t = 1; t <= 3; ++t)
+            for (int i = 1; i <= 2; ++i)
+                for (int k = 1; k <= 3; ++k) {
+                    ions.r_of_t(k, i, t) = 0.5 * k + 0.25 * i + 0.01 * t;
+                    ions.v_of_t(k, i, t) = 0.001 * (k - i) * t;
+                    ions.f_of_t(k, i, t) = 0.1 * (k + i) - 0.02 * t;
+                }
+        state.step = 42;
+        state.e_kin_ref = 1.25;
+        state.e_pot_ref = -7.5;
+        state.e_tot_ref = -6.25;
+        ions_save_state(state, i_algo, cont_unit, "POSCONT");
+        std::filesystem::copy_file(dir / "POSCONT", dir / "POSLYRT",
+                                   std::filesystem::copy_options::overwrite_existing);
+
+        box_type back;
+        ions_read_in(back, back.ions, "POSLYRT");
+        ions_state_type back_state;
+        back_state.ions = &back.ions;
+        back_state.box = &back;
+        ions_read_restart(i_algo, back_state, "POSLYRT");
+        EXPECT_EQ(back_state.step, 42);
+        EXPECT_EQ(back_state.e_pot_ref, -7.5);
+        const int levels = eom == eom_verlet ? 3 : 2;
+        for (int t = 1; t <= levels; ++t)
+            for (int i = 1; i <= 2; ++i)
+                for (int k = 1; k <= 3; ++k) {
+                    EXPECT_NEAR(back.ions.r_of_t(k, i, t), ions.r_of_t(k, i, t), 1e-14);
+                    if (eom == eom_velocity_verlet) {
+                        EXPECT_NEAR(back.ions.v_of_t(k, i, t), ions.v_of_t(k, i, t), 1e-16);
+                        EXPECT_NEAR(back.ions.f_of_t(k, i, t), ions.f_of_t(k, i, t), 1e-14);
+                    }
+                }
+        EXPECT_NEAR(back.ions.f_of_t(2, 1, 1), ions.f_of_t(2, 1, 1), 1e-14);
+        // A block that is missing stops the run.
+        lyrt_test::write_text(dir / "POSLYRT", "number_of_ions = 2\na_1 = 4 0 0\na_2 = 0 4 0\n"
+                                               "a_3 = 0 0 4\npositions\n0 0 0\n0.5 0.5 0.5\n"
+                                               "a_1_0 = 4 0 0\na_2_0 = 0 4 0\na_3_0 = 0 0 4\n");
+        EXPECT_THROW(ions_read_restart(i_algo, back_state, "POSLYRT"), fatal_stop);
+        io_reset();
+        open_units();
+    }
+}
+
+} // namespace
