@@ -5,6 +5,7 @@
 // loop, and close down with the timing lines. A fatal stop anywhere has already
 // written its message and closed the files when it reaches this level; the run
 // then ends with a failure status.
+#include "model/tb_model_module.hpp"
 #include "parallel/mpi_module.hpp"
 #include "run/error_module.hpp"
 #include "run/input_module.hpp"
@@ -27,9 +28,13 @@ void main_lyrt() {
     // Positions and the model are read before the keywords, whose defaults
     // (cut-off, pair potential) come from the model.
     ions_read_in(box, box.ions, "POSLYRT");
+    tb_model_read_param(box.ions.species, tb_model, "TBPARAM", box.ions.n_species);
     read_input("INLYRT", elec_algo, i_algo, tb_model, kpt, system_name, n_electrons, n_states,
                n_h_dup);
+    init_system_ions();
+    kpt_read_and_allocate(kpt, box.cell.b, "KPTS", kpt_unit);
     barrier();
+    if (i_am_master) tb_model_print_param(tb_model, report_unit);
     barrier();
 
     const double loop_start = timeofday();

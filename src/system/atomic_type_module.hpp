@@ -17,6 +17,7 @@ struct atomic_type {
     int atomic_number = 0;     // 1..105
     double n_val_elec = 0.0;   // sum of the three occupations
     std::string symbol = "  "; // two characters, second lower case or blank
+    double hubbard_u = 0.0;    // Hubbard parameter U, eV (fourth value of the electron line)
 };
 
 void atomic_type_init_num(atomic_type& type, int number);

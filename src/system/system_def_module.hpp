@@ -27,4 +27,8 @@ extern i_algo_type i_algo;
 extern std::string system_name; // keyword system_name, 80 characters
 extern double n_electrons;      // keyword n_electrons, completed with the electrons
 
+// The ionic side of a ready system: pointers, random numbers, box, ion
+// distribution, starting state of the ions and neighbour lists.
+void init_system_ions();
+
 } // namespace lyrt

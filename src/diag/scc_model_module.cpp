@@ -1,0 +1,86 @@
+#include "diag/scc_model_module.hpp"
+
+#include "run/allocate_module.hpp"
+#include "run/error_module.hpp"
+#include "run/io_module.hpp"
+
+namespace lyrt {
+
+namespace {
+constexpr const char* mod = "scc_model_module";
+}
+
+void scc_model_init(scc_type& scc, const ions_type& ions, bool used, bool orbital_solver) {
+    const char* proc = "scc_model_init";
+    scc_model_fine(scc);
+    const int n = ions.total_n_ions;
+    scc.ions = &ions;
+    scc.used = used;
+    ca_real_1d(scc.qi0, 1, n, "qi0", proc, mod);
+    ca_real_1d(scc.qaux, 1, n, "qaux", proc, mod);
+    ca_real_1d(scc.uu, 1, n, "uu", proc, mod);
+    scc.q_total = 0.0;
+    for (int i = 1; i <= n; ++i) {
+        const atomic_type& sp = ions.species[static_cast<std::size_t>(ions.type(i) - 1)];
+        scc.qi0(i) = sp.elec_occ[0] + sp.elec_occ[1] + sp.elec_occ[2];
+        scc.uu(i) = sp.hubbard_u;
+        scc.q_total += scc.qi0(i);
+    }
+    if (used) {
+        ca_real_1d(scc.qi_1, 1, n, "qi_1", proc, mod);
+        ca_real_1d(scc.qi_2, 1, n, "qi_2", proc, mod);
+        if (orbital_solver) {
+            ca_real_1d(scc.qaux_1, 1, n, "qaux_1", proc, mod);
+            ca_real_1d(scc.qi_3, 1, n, "qi_3", proc, mod);
+            ca_real_1d(scc.qi_4, 1, n, "qi_4", proc, mod);
+            ca_real_1d(scc.qaux_2, 1, n, "qaux_2", proc, mod);
+            ca_real_1d(scc.qaux_3, 1, n, "qaux_3", proc, mod);
+            ca_real_1d(scc.qaux_4, 1, n, "qaux_4", proc, mod);
+        }
+    }
+}
+
+void scc_model_fine(scc_type& scc) {
+    const char* proc = "scc_model_fine";
+    const std::pair<farray<double, 1>*, const char*> arrays[] = {
+        {&scc.qi0, "qi0"},       {&scc.qaux, "qaux"},     {&scc.uu, "uu"},
+        {&scc.qi_1, "qi_1"},     {&scc.qi_2, "qi_2"},     {&scc.qaux_1, "qaux_1"},
+        {&scc.qi_3, "qi_3"},     {&scc.qi_4, "qi_4"},     {&scc.qaux_2, "qaux_2"},
+        {&scc.qaux_3, "qaux_3"}, {&scc.qaux_4, "qaux_4"}, {&scc.heff_diag, "scc%heff_diag"}};
+    for (const auto& [a, name] : arrays)
+        if (a->allocated()) cd_real_1d(*a, name, proc, mod);
+    if (scc.heff.allocated()) cd_real_2d(scc.heff, "scc%heff", proc, mod);
+}
+
+void cal_charge_aux(const scc_type& scc, const farray<double, 1>& q, farray<double, 1>& qaux) {
+    qaux.fill(0.0);
+    // Every ion is local to the one process.
+    for (long i = 1; i <= static_cast<long>(scc.uu.extent(0)); ++i) qaux(i) = scc.uu(i) * q(i);
+}
+
+double get_scc_detot(const scc_type& scc, double x, const farray<double, 1>& q) {
+    if (debug > 0) trace_in("get_scc_energy", mod);
+    double e = x * scc.q_total;
+    if (scc.used) {
+        double s1 = 0.0, s2 = 0.0;
+        for (long i = 1; i <= static_cast<long>(scc.qaux.extent(0)); ++i) {
+            s1 += scc.qaux(i) * q(i);
+            s2 += scc.qaux(i) * scc.qi0(i);
+        }
+        e -= 0.5 * s1 + s2;
+    }
+    if (debug > 0) trace_out("get_scc_energy", mod);
+    return e;
+}
+
+void get_scc_deloc(const scc_type& scc, double x, const farray<double, 1>& q,
+                   farray<double, 1>& e_local) {
+    if (!scc.used) return;
+    for (long i = 1; i <= static_cast<long>(scc.qaux.extent(0)); ++i)
+        e_local(i) += x * (q(i) + scc.qi0(i)) - (scc.qi0(i) + 0.5 * q(i)) * scc.qaux(i);
+}
+
+void calc_gamma(scc_type& /*scc*/) {}
+void add_forces_scc(scc_type& /*scc*/) {}
+
+} // namespace lyrt

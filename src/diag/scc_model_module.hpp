@@ -1,0 +1,36 @@
+// Charge self-consistency of Hubbard type: each ion's net charge q shifts its
+// on-site energies by U q, and a double-counting term enters the energy.
+#pragma once
+
+#include "numerics/farray.hpp"
+#include "system/ions_module.hpp"
+
+namespace lyrt {
+
+struct scc_type {
+    const ions_type* ions = nullptr;
+    bool used = false;            // elec_algo%scc_used
+    double q_total = 0.0;         // sum of qi0: electrons of the neutral system
+    farray<double, 1> qi0;        // neutral charge of each ion (valence electrons)
+    farray<double, 1> qaux;       // U q of each ion, eV
+    farray<double, 1> uu;         // Hubbard parameter of each ion's species, eV
+    farray<double, 1> qi_1, qi_2; // population and local-energy accumulators
+    farray<double, 1> qi_3, qi_4, qaux_1, qaux_2, qaux_3, qaux_4; // orbital-solver samples
+    farray<double, 2> heff; // effective Hamiltonian of the orbital solver
+    farray<double, 1> heff_diag;
+};
+
+// orbital_solver: the further sample arrays of the orbital minimiser are wanted.
+void scc_model_init(scc_type& scc, const ions_type& ions, bool used, bool orbital_solver);
+void scc_model_fine(scc_type& scc);
+// qaux(i) = uu(i) q(i).
+void cal_charge_aux(const scc_type& scc, const farray<double, 1>& q, farray<double, 1>& qaux);
+// Double-counting energy of the charges q with the chemical potential x, eV.
+double get_scc_detot(const scc_type& scc, double x, const farray<double, 1>& q);
+void get_scc_deloc(const scc_type& scc, double x, const farray<double, 1>& q,
+                   farray<double, 1>& e_local);
+// Hooks of a distance-dependent charge model; U stays on-site here.
+void calc_gamma(scc_type& scc);
+void add_forces_scc(scc_type& scc);
+
+} // namespace lyrt

@@ -1,0 +1,38 @@
+// Assembly of H and S from the model, the ions and the image cells, into the
+// block arrays of the hamiltonian or into dense matrices, and of their
+// derivatives by ion positions (forces) or by cell strain (stress).
+#pragma once
+
+#include "diag/scc_model_module.hpp"
+#include "model/hamiltonian_module.hpp"
+#include "neighbours/box_module.hpp"
+
+#include <string_view>
+
+namespace lyrt {
+
+// which: "H" H alone, "S" S alone, anything else H and, for a non-orthogonal
+// model, S.
+void calc_hs_real(hamiltonian_type& ham, const ions_type& ions, const box_type& box,
+                  std::string_view which = "");
+// Dense H and S (rows of the local ions, all columns); the charge terms of scc
+// add U q to the diagonal of each ion's own block.
+void calc_hs_ij_real(hamiltonian_type& ham, const ions_type& ions, const box_type& box,
+                     const scc_type* scc, farray<double, 2>* h_ij, farray<double, 2>* s_ij);
+void get_hs_ij_real(const hamiltonian_type& ham, farray<double, 2>* h_ij, farray<double, 2>* s_ij,
+                    const scc_type* scc);
+void calc_hs_ij_bc2d_real(const hamiltonian_type& ham);
+
+// Gradient blocks. strain "" (forces): dh_ab(:, il, k) is the derivative of each
+// block by the position of ion ig along k; dh_aa holds the derivatives of the
+// diagonal energies of the ion (block 1) and of each neighbour (block jn+1).
+// strain "D" (xx, yy, zz) or "O" (xy, yz, xz): minus the derivative by the strain
+// component (a, b), that is the sum over terms of -(dX/dv_a) v_b, self images in
+// block 1, and the ion's own diagonal in dh_aa block 1.
+void calc_hs_grad_real(hamiltonian_type& ham, const ions_type& ions, const box_type& box,
+                       std::string_view which = "", std::string_view strain = "");
+
+void print_matrix_real(const farray<double, 2>& m, int unit);
+void tb_hs_print(const hamiltonian_type& ham, int unit);
+
+} // namespace lyrt

@@ -1,0 +1,145 @@
+#include "model_support.hpp"
+
+#include "test_support.hpp"
+
+#include <algorithm>
+#include <gtest/gtest.h>
+#include <sstream>
+
+extern "C" void dsyev_(const char* jobz, const char* uplo, const int* n, double* a, const int* lda,
+                       double* w, double* work, const int* lwork, int* info);
+
+namespace lyrt_test {
+
+using namespace lyrt;
+
+species_set read_species_set(const std::string& name) {
+    auto lines =
+        read_lines(std::filesystem::path(LYRT_SOURCE_DIR) / "tests/data" / (name + ".tbparam"));
+    species_set s;
+    std::size_t k = 0;
+    s.token = lines[k++];
+    ++k; // title
+    ++k; // species count
+    s.r0_l0 = lines[k++];
+    s.count = std::stoi(lines[k++]);
+    s.mass = lines[k++];
+    s.electrons = lines[k++];
+    for (int i = 0; i < 17; ++i) s.onsite.push_back(lines[k++]);
+    for (int i = 0; i < 40; ++i) s.h.push_back(lines[k++]);
+    for (int i = 0; i < 40; ++i) s.s.push_back(lines[k++]);
+    return s;
+}
+
+std::string one_species_file(const species_set& a, int count, const std::string& token) {
+    std::ostringstream f;
+    f << (token.empty() ? a.token : token) << "\ntest set\n1\n"
+      << a.r0_l0 << "\n"
+      << (count > 0 ? count : a.count) << "\n"
+      << a.mass << "\n"
+      << a.electrons << "\n";
+    for (const auto& v : a.onsite) f << v << "\n";
+    for (const auto& v : a.h) f << v << "\n";
+    for (const auto& v : a.s) f << v << "\n";
+    return f.str();
+}
+
+namespace {
+
+void onsite_without_a(std::ostringstream& f, const species_set& a) {
+    for (int c = 0; c < 4; ++c)
+        for (int k = 1; k < 4; ++k) f << a.onsite[static_cast<std::size_t>(1 + 4 * c + k)] << "\n";
+}
+
+} // namespace
+
+std::string two_species_file(const species_set& a, const species_set& b,
+                             const std::vector<double>& cross_h, const std::vector<double>& cross_s,
+                             const std::string& token) {
+    std::ostringstream f;
+    f.precision(17);
+    f << token << "\ntwo species\n2\n" << a.r0_l0 << "\n" << b.r0_l0 << "\n" << a.r0_l0 << "\n";
+    for (const species_set* s : {&a, &b})
+        f << s->count << "\n" << s->mass << "\n" << s->electrons << "\n";
+    for (const auto& v : a.onsite) f << v << "\n";
+    for (const auto& v : b.onsite) f << v << "\n";
+    onsite_without_a(f, a); // (1,2): density of species 2 at species 1
+    onsite_without_a(f, b); // (2,1)
+    for (const auto& v : a.h) f << v << "\n";
+    for (const auto& v : b.h) f << v << "\n";
+    for (double v : cross_h) f << v << "\n";
+    for (const auto& v : a.s) f << v << "\n";
+    for (const auto& v : b.s) f << v << "\n";
+    for (double v : cross_s) f << v << "\n";
+    return f.str();
+}
+
+std::vector<double> copy_cross(const std::vector<std::string>& forty) {
+    std::vector<double> v;
+    for (const auto& x : forty) v.push_back(std::stod(x));
+    // Extras pss, dss, dps, dpp as the file writes them: -sps, +sds, -pds, -pdp.
+    const int from[4] = {1, 4, 5, 6}; // integral numbers of sps, sds, pds, pdp in file order
+    const double sign[4] = {-1.0, 1.0, -1.0, -1.0};
+    for (int t = 0; t < 4; ++t)
+        for (int c = 0; c < 4; ++c)
+            v.push_back(sign[t] * v[static_cast<std::size_t>(c + 4 * from[t])]);
+    return v;
+}
+
+void zero_onsite_density(species_set& a) {
+    for (int c = 0; c < 4; ++c)
+        for (int k = 1; k < 4; ++k) a.onsite[static_cast<std::size_t>(1 + 4 * c + k)] = "0.0";
+}
+
+void build_system(model_system& s, const std::filesystem::path& dir, const std::string& poslyrt,
+                  const std::string& tbparam, double r_cut) {
+    write_text(dir / "POSLYRT", poslyrt);
+    write_text(dir / "TBPARAM", tbparam);
+    ions_read_in(s.box, s.box.ions, (dir / "POSLYRT").string());
+    tb_model_read_param(s.box.ions.species, s.model, (dir / "TBPARAM").string(),
+                        s.box.ions.n_species);
+    box_init(s.box, r_cut > 0 ? r_cut : s.model.r_cut);
+    box_calc_ic_list(s.box);
+    box_init_sb_list(s.box);
+    box_ions_fill_sb(s.box);
+    pbc_calc_max_nn(s.box);
+    pbc_calc_nn_lists(s.box, std::min(2 * s.box.ions.max_n_nn, s.box.ions.total_n_ions));
+    pdist_init(s.pd, s.box.ions.total_n_ions, 1, 1, 0, "bl");
+    hamiltonian_init(s.ham, s.box.ions, s.model, s.pd, s.pd);
+    calc_hs_real(s.ham, s.box.ions, s.box);
+}
+
+void rebuild(model_system& s) {
+    box_init(s.box, s.box.r_cut);
+    box_calc_ic_list(s.box);
+    box_reset(s.box);
+    box_init_sb_list(s.box);
+    box_ions_fill_sb(s.box);
+    pbc_calc_nn_lists(s.box);
+    hamiltonian_reinit(s.ham, s.box.ions);
+    calc_hs_real(s.ham, s.box.ions, s.box);
+}
+
+void dense(model_system& s, farray<double, 2>& h, farray<double, 2>& sm) {
+    const int n = s.ham.desc.n_row;
+    h.allocate({1, 1}, {n, n});
+    if (s.model.non_orthogonal) {
+        sm.allocate({1, 1}, {n, n});
+        get_hs_ij_real(s.ham, &h, &sm, nullptr);
+    } else {
+        get_hs_ij_real(s.ham, &h, nullptr, nullptr);
+    }
+}
+
+std::vector<double> symmetric_eigenvalues(const farray<double, 2>& m) {
+    const int n = static_cast<int>(m.extent(0));
+    farray<double, 2> a = m.copy();
+    std::vector<double> w(static_cast<std::size_t>(n)), work(static_cast<std::size_t>(8 * n + 8));
+    const int lwork = static_cast<int>(work.size());
+    int info = 0;
+    dsyev_("N", "U", &n, a.data(), &n, w.data(), work.data(), &lwork, &info);
+    EXPECT_EQ(info, 0);
+    return w;
+}
+
+} // namespace lyrt_test

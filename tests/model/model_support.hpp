@@ -1,0 +1,57 @@
+// Building model systems for the tests: parameter files composed from the
+// published sets, and a ready box, neighbour lists and hamiltonian.
+#pragma once
+
+#include "model/tb_hs_module.hpp"
+#include "neighbours/pbc_module.hpp"
+
+#include <array>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+namespace lyrt_test {
+
+// The numbers of one species of a one-species parameter file, by section.
+struct species_set {
+    std::string token;
+    std::string r0_l0;
+    int count = 0;
+    std::string mass;
+    std::string electrons;
+    std::vector<std::string> onsite; // lambda, then a b c d of s, p, d_t3g, d_eg
+    std::vector<std::string> h, s;   // 40 each: a b c d of sss sps pps ppp sds pds pdp dds ddp ddd
+};
+
+species_set read_species_set(const std::string& name); // "Si" or "Cu" from tests/data
+// A one-species file from a set (orbital count and token may be changed).
+std::string one_species_file(const species_set& a, int count = 0, const std::string& token = "");
+// Two species; the cross pair (1,2) takes the H and S coefficients `cross` (40 + 16
+// extras as written in the file, each a b c d) and the on-site values of each
+// diagonal pair without their a.
+std::string two_species_file(const species_set& a, const species_set& b,
+                             const std::vector<double>& cross_h, const std::vector<double>& cross_s,
+                             const std::string& token = "NN00000");
+// The 56 values of the cross pair that make species 2 behave as species 1 when
+// both are copies of one set: the 40 of the set and the extras with the signs of
+// the format.
+std::vector<double> copy_cross(const std::vector<std::string>& forty);
+void zero_onsite_density(species_set& a); // b, c, d of the on-site terms = 0
+
+struct model_system {
+    lyrt::box_type box;
+    lyrt::tb_model_type model;
+    lyrt::pdist_type pd;
+    lyrt::hamiltonian_type ham;
+};
+
+// Writes POSLYRT and TBPARAM into dir, reads them and builds box, lists and H.
+void build_system(model_system& s, const std::filesystem::path& dir, const std::string& poslyrt,
+                  const std::string& tbparam, double r_cut = -1.0);
+// Refreshes lists and H after positions or the cell changed.
+void rebuild(model_system& s);
+// Dense H and S.
+void dense(model_system& s, lyrt::farray<double, 2>& h, lyrt::farray<double, 2>& sm);
+std::vector<double> symmetric_eigenvalues(const lyrt::farray<double, 2>& m);
+
+} // namespace lyrt_test
