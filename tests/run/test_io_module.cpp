@@ -192,9 +192,13 @@ TEST_F(IoModule, ProgramRunsOnKeywordFile) {
     EXPECT_EQ(timings[0].rfind(" Time of day interval ", 0), 0u);
     EXPECT_EQ(timings[1].rfind(" main_lyrt ", 0), 0u);
     auto std_out = read_lines(dir / "stdout.txt");
-    ASSERT_EQ(std_out.size(), 2u);
+    ASSERT_EQ(std_out.size(), 3u);
     EXPECT_EQ(std_out[0], " Entering main_lyrt:main_lyrt on PE= 0");
-    EXPECT_EQ(std_out[1], " Leaving main_lyrt:main_lyrt on PE= 0");
+    EXPECT_EQ(std_out[1], " After pbc_calc_max_nn, max_n_nn= 7"); // every other ion of 8
+    EXPECT_EQ(std_out[2], " Leaving main_lyrt:main_lyrt on PE= 0");
+    // The model is reported.
+    EXPECT_NE(read_text(dir / "OUTLYRT").find("On-site terms parameters for Silicon-Silicon"),
+              std::string::npos);
 }
 
 // In an empty folder the positions stage stops the run with its message; the
