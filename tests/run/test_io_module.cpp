@@ -187,10 +187,11 @@ TEST_F(IoModule, ProgramRunsOnKeywordFile) {
     ASSERT_GE(out.size(), 20u);
     EXPECT_EQ(out[17], "   THIS IS THE SERIAL VERSION");
     EXPECT_EQ(out.back(), " -- LYRT end --");
+    // The phases' timing lines, then the two lines of a normal end.
     auto timings = read_lines(dir / "timings");
-    ASSERT_EQ(timings.size(), 2u);
-    EXPECT_EQ(timings[0].rfind(" Time of day interval ", 0), 0u);
-    EXPECT_EQ(timings[1].rfind(" main_lyrt ", 0), 0u);
+    ASSERT_GE(timings.size(), 2u);
+    EXPECT_EQ(timings[timings.size() - 2].rfind(" Time of day interval ", 0), 0u);
+    EXPECT_EQ(timings.back().rfind(" main_lyrt ", 0), 0u);
     auto std_out = read_lines(dir / "stdout.txt");
     ASSERT_EQ(std_out.size(), 3u);
     EXPECT_EQ(std_out[0], " Entering main_lyrt:main_lyrt on PE= 0");
