@@ -29,7 +29,8 @@ run: build-release
 	@rm -rf run/$(EXAMPLE) && mkdir -p run/$(EXAMPLE)
 	@cp examples/$(EXAMPLE)/* run/$(EXAMPLE)/
 	cd run/$(EXAMPLE) && ../../build/release/lyrt
-	@echo "Outputs of example $(EXAMPLE) are in run/$(EXAMPLE)/ (OUTLYRT, ERRLYRT, timings)"
+	@echo "Outputs of example $(EXAMPLE) are in run/$(EXAMPLE)/ (OUTLYRT, ERRLYRT, timings, POSCONT)"
+	@grep -E "^  (Potential|Tight-binding|Repulsive|Fermi|Energy gap)" run/$(EXAMPLE)/OUTLYRT
 
 format:
 	clang-format --dry-run --Werror $$(git ls-files 'src/*.cpp' 'src/*.hpp' 'tests/*.cpp' 'tests/*.hpp' 'bench/*.cpp')

@@ -13,6 +13,11 @@ namespace {
 std::filesystem::path work_dir;
 
 void remove_work_dir() {
+    // LYRT_KEEP_TEST_DIR keeps the folder for a look after a failure.
+    if (std::getenv("LYRT_KEEP_TEST_DIR") != nullptr) {
+        std::fprintf(stderr, "test files kept in %s\n", work_dir.c_str());
+        return;
+    }
     std::error_code ec;
     std::filesystem::current_path("/", ec);
     std::filesystem::remove_all(work_dir, ec);

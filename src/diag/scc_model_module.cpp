@@ -81,6 +81,6 @@ void get_scc_deloc(const scc_type& scc, double x, const farray<double, 1>& q,
 }
 
 void calc_gamma(scc_type& /*scc*/) {}
-void add_forces_scc(scc_type& /*scc*/) {}
+void add_forces_scc(const scc_type& /*scc*/) {}
 
 } // namespace lyrt

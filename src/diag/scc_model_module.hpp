@@ -31,6 +31,6 @@ void get_scc_deloc(const scc_type& scc, double x, const farray<double, 1>& q,
                    farray<double, 1>& e_local);
 // Hooks of a distance-dependent charge model; U stays on-site here.
 void calc_gamma(scc_type& scc);
-void add_forces_scc(scc_type& scc);
+void add_forces_scc(const scc_type& scc);
 
 } // namespace lyrt

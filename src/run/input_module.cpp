@@ -208,6 +208,8 @@ void read_input(std::string_view file_name, elec_algo_type& elec_algo, i_algo_ty
         elec_algo.eigen_vect = true;
         i_algo.calc_forces = true;
     }
+    // Charges and local energies are projections of the eigenvectors.
+    if (elec_algo.scc_used || i_algo.calc_elocal) elec_algo.eigen_vect = true;
     read_int(f, "number_of_moments", elec_algo.n_moments, 100);
     read_int(f, "n_moments", elec_algo.n_moments);
     read_real(f, "kpm_emin", elec_algo.kpm_emin, 0.0);

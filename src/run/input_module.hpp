@@ -41,6 +41,7 @@ constexpr int save_eig = 16;
 constexpr int save_eloc = 32;
 
 struct elec_algo_type {
+    int algo = 2;             // solver code in use now (set by the ion loops)
     int gs = 2;               // solver of the first ground state
     int md = 2;               // solver during ionic motion
     double energy_tol = 1e-6; // eV

@@ -5,11 +5,13 @@
 // loop, and close down with the timing lines. A fatal stop anywhere has already
 // written its message and closed the files when it reaches this level; the run
 // then ends with a failure status.
+#include "dynamics/ions_dyn_module.hpp"
 #include "model/tb_model_module.hpp"
 #include "parallel/mpi_module.hpp"
 #include "run/error_module.hpp"
 #include "run/input_module.hpp"
 #include "run/io_module.hpp"
+#include "run/output_module.hpp"
 #include "run/timing_module.hpp"
 #include "system/system_def_module.hpp"
 
@@ -34,10 +36,16 @@ void main_lyrt() {
     init_system_ions();
     kpt_read_and_allocate(kpt, box.cell.b, "KPTS", kpt_unit);
     barrier();
-    if (i_am_master) tb_model_print_param(tb_model, report_unit);
+    init_system_elec();
+    if (i_am_master) print_system_def(report_unit);
     barrier();
+    if (n_proc >= 2 && debug >= 3) {
+        print_system_def(my_proc + 20);
+        unit_close(my_proc + 20);
+    }
 
     const double loop_start = timeofday();
+    ions_main_loop(box, ions_state, i_algo, elec_state, elec_algo, ham);
     const double loop_time = timeofday() - loop_start;
     write_free(timing_unit, {"Time of day interval ", loop_time});
     close_mpi();

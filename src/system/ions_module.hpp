@@ -61,7 +61,8 @@ struct ions_state_type {
     int final_call = 0;        // -1 for the report after the loop
     int skip_save = 0;         // -1 while a restarted run must not save its first step twice
     double time = 0.0;         // elapsed, fs
-    double e_atom = 0.0;       // energy of the free atoms, eV
+    double e_atoms = 0.0;      // energy of the free atoms, eV
+    double e_pair = 0.0;       // classical pair energy, eV
     double nose_x = 0.0;       // Nose-Hoover thermostat position
     double nose_v = 0.0;       // Nose-Hoover thermostat velocity
     double e_boost = 0.0;      // boost potential, eV

@@ -12,7 +12,16 @@ namespace lyrt {
 ions_type* ions = nullptr;
 box_type box;
 ions_state_type ions_state;
+elec_state_type* elec_state = nullptr;
 tb_model_type tb_model;
+hamiltonian_type ham;
+eig_state_type eig_state;
+scc_type scc;
+
+namespace {
+elec_state_type elec_state_record;
+constexpr const char* mod = "system_def_module";
+} // namespace
 kpt_type kpt;
 int n_states = 0;
 int n_basis = 0;
@@ -26,7 +35,6 @@ double n_electrons = 0.0;
 
 void init_system_ions() {
     const char* proc = "init_system_ions";
-    const char* mod = "system_def_module";
     if (debug > 0) trace_in(proc, mod);
     ions = &box.ions;
     ions_state.ions = &box.ions;
@@ -42,6 +50,88 @@ void init_system_ions() {
     pbc_calc_max_nn(box);
     write_free(stdout_unit, {"After pbc_calc_max_nn, max_n_nn=", ions->max_n_nn});
     pbc_calc_nn_lists(box, std::min(2 * ions->max_n_nn, ions->total_n_ions));
+    if (debug > 0) trace_out(proc, mod);
+}
+
+void init_elec_dim(const ions_type& ions, const kpt_type& kpt, const tb_model_type& tb_model,
+                   int& n_basis, int& n_states, double& n_electrons) {
+    const char* proc = "init_elec_dim";
+    n_basis = 0;
+    for (int i = 1; i <= ions.total_n_ions; ++i)
+        n_basis += ao_get_no_type(pair_param(tb_model, ions.type(i), ions.type(i)).ao1);
+    n_states = std::min(n_basis, n_states);
+    double q = 0.0; // electrons of the neutral system
+    for (int s = 1; s <= ions.n_species; ++s) {
+        const atomic_type& sp = ions.species[static_cast<std::size_t>(s - 1)];
+        q += (sp.elec_occ[0] + sp.elec_occ[1] + sp.elec_occ[2]) * ions.n_ions(s);
+    }
+    const char* odd = "uneven number of electrons without electronic smearing.";
+    const char* few = "number of states given is too small to accomodate the number of electrons.";
+    const bool states_given = n_states >= 0;
+    const bool electrons_given = n_electrons >= 0.0;
+    if (!electrons_given) n_electrons = q;
+    const int n_el = static_cast<int>(n_electrons);
+    if (kpt.sigma == 0.0) {
+        if (n_el % 2 != 0) fatal_error(odd, -1, proc, mod);
+        if (!states_given)
+            n_states = n_el / 2;
+        else if (!electrons_given && n_states < n_el / 2)
+            fatal_error(few, -1, proc, mod);
+    } else {
+        const int s_default = std::max(static_cast<int>(0.6000000238418579 * n_electrons),
+                                       std::max(ions.total_n_ions / 2, 3) + (n_el + 1) / 2);
+        if (!states_given) {
+            n_states = s_default;
+        } else {
+            if (n_states < n_el / 2) fatal_error(few, -1, proc, mod);
+            if (electrons_given && n_states < s_default)
+                warning_error("number of states might be too small", proc, mod);
+        }
+    }
+    if (q > n_electrons)
+        write_free(report_unit, {"system has net positive charge of +", q - n_electrons});
+    if (q < n_electrons)
+        write_free(report_unit, {"system has net negative charge of -", n_electrons - q});
+}
+
+void init_system_elec() {
+    const char* proc = "init_system_elec";
+    if (debug > 0) trace_in(proc, mod);
+    if (n_h_dup == 0 || n_proc % n_h_dup != 0)
+        fatal_error("n_h_dup should be a divider of the # of processors", -1, proc, mod);
+    if (n_h_dup <= 0) n_h_dup = 1;
+    if (n_h_dup > n_proc) n_h_dup = n_proc;
+    pdist_deallocate(ions_pdist);
+    pdist_init(ions_pdist, ions->total_n_ions, 1, n_proc / n_h_dup, my_proc / n_h_dup, "bl");
+    hamiltonian_init(ham, *ions, tb_model, ions_pdist, ions_pdist);
+    if (tb_model.classical) {
+        if (debug > 0) trace_out(proc, mod);
+        return;
+    }
+    elec_state = &elec_state_record;
+    init_elec_dim(*ions, kpt, tb_model, n_basis, n_states, n_electrons);
+    elec_state_init(*elec_state, n_basis, n_states, n_electrons, kpt);
+    pdist_init(states_pdist, n_states, 1, n_proc, my_proc, "bc");
+    const auto uses = [](int code) { return elec_algo.gs == code || elec_algo.md == code; };
+    if (uses(elec_algo_diag) || uses(elec_algo_diag_b)) {
+        eig_state_allocate(eig_state, n_basis, n_states, n_electrons, 1, 1, tb_model.non_orthogonal,
+                           elec_algo.eigen_vect ? 'V' : 'N', kpt);
+        elec_state->eig = &eig_state;
+    }
+    if (uses(elec_algo_kpm))
+        fatal_error("the kernel polynomial solver (elec_gs_algo = 4) is not built yet", 4, proc,
+                    mod);
+    scc_model_init(scc, *ions, elec_algo.scc_used, uses(elec_algo_sd) || uses(elec_algo_cg));
+    elec_state->scc = &scc;
+    if (elec_algo.start == 1) {
+        if (elec_algo.gs > 1 && i_am_master)
+            warning_error("Reading wave-function only make sense when elec_algo%gs/md <= 1", proc,
+                          mod);
+        if (i_am_master) write_free(report_unit, {"reading wave-functions from WFS..."});
+        elec_algo.algo = elec_algo.gs;
+        elec_load_state(*elec_state, elec_algo, wfs_unit, "WFS");
+        if (i_am_master) write_free(report_unit, {"done!"});
+    }
     if (debug > 0) trace_out(proc, mod);
 }
 

@@ -1,0 +1,464 @@
+#include "diag/eig_state_module.hpp"
+
+#include "model/tb_hs_module.hpp"
+#include "orbital/acum_delem_module_2.hpp"
+#include "orbital/hs_psi_module.hpp"
+#include "parallel/mpi_module.hpp"
+#include "run/allocate_module.hpp"
+#include "run/error_module.hpp"
+#include "run/io_module.hpp"
+
+#include <cmath>
+
+namespace lyrt {
+
+namespace {
+
+constexpr const char* mod = "eig_state_module";
+constexpr double bisection_tol = 9.99999993922529e-09;     // single-precision 1e-8
+constexpr double last_state_limit = 1.000000013351432e-10; // single-precision 1e-10
+
+int n_kpt(const eig_state_type& eig) {
+    return eig.kpt->n_k;
+}
+
+// Electrons (per spin) at the Fermi level e_f; refills occ.
+double nelec(eig_state_type& eig, double e_f) {
+    double n = 0.0;
+    for (int k = 1; k <= n_kpt(eig); ++k)
+        for (int i = 1; i <= eig.n_states; ++i) {
+            eig.occ(i, k) = fermi(eig.en_i(i, k), e_f, eig.kpt->sigma);
+            n += eig.kpt->weight(k) * eig.occ(i, k);
+        }
+    return n;
+}
+
+int bisection(eig_state_type& eig, int iterations, double tol) {
+    const int nk = n_kpt(eig), ns = eig.n_states;
+    double e_max = eig.en_i(ns, 1), e_min = eig.en_i(1, 1);
+    for (int k = 1; k <= nk; ++k) {
+        e_max = std::max(e_max, eig.en_i(ns, k));
+        e_min = std::min(e_min, eig.en_i(1, k));
+    }
+    // First guess between the last filled and the first empty state (both kept
+    // within the states held).
+    const int n_occ = static_cast<int>(eig.n_el * 0.5);
+    const int lo_state = std::clamp(n_occ, 1, ns), hi_state = std::clamp(n_occ + 1, 1, ns);
+    double e_f = 0.0;
+    for (int k = 1; k <= nk; ++k)
+        e_f += 0.5 * eig.kpt->weight(k) * (eig.en_i(hi_state, k) + eig.en_i(lo_state, k));
+    double lo = e_min, hi = e_max;
+    int iter = 0;
+    for (iter = 1; iter <= iterations; ++iter) {
+        const double diff = nelec(eig, e_f) - eig.n_el * 0.5;
+        if (tol > std::fabs(diff)) break;
+        if (diff < 0.0)
+            lo = e_f;
+        else
+            hi = e_f;
+        e_f = 0.5 * (hi + lo);
+        if (e_f > e_max || e_f < e_min)
+            fatal_error("bisection is getting out of bounds", iter, "eig_find_fermi_energy", mod);
+    }
+    eig.e_fermi = e_f;
+    return iter;
+}
+
+} // namespace
+
+double fermi(double e, double e_f, double sigma) {
+    const double x = (e - e_f) / sigma;
+    if (!(x <= 50.0)) return 0.0; // a not-a-number falls here too
+    if (x < -50.0) return 1.0;
+    return 1.0 / (std::exp(x) + 1.0);
+}
+
+void eig_state_allocate(eig_state_type& eig, int n_dim, int n_states, double n_el, int block_row,
+                        int block_col, bool non_orth, char jobz, const kpt_type& kpt) {
+    const char* proc = "eig_state_allocate";
+    eig.n_dim = n_dim;
+    eig.n_states = n_states;
+    eig.n_el = n_el;
+    eig.kpt = &kpt;
+    eig.n_psi = kpt.n_k;
+    if (n_dim <= 0) fatal_error("n_dim should be > 0 !!!", n_dim, proc, mod);
+    if (kpt.n_k <= 0) fatal_error("n_kpt should be > 0 !!!", kpt.n_k, proc, mod);
+    if (n_states <= 0) fatal_error("n_states should be > 0 !!!", n_states, proc, mod);
+    if (n_states > n_dim) {
+        // The solver has no more states than basis functions.
+        warning_error("n_states > n_dim, only n_dim states are kept", proc, mod);
+        n_states = n_dim;
+        eig.n_states = n_dim;
+    }
+    pdist_init(eig.row_pdist, n_dim, std::max(1, block_row), n_proc, my_proc, "bc");
+    pdist_init(eig.col_pdist, n_states, std::max(1, block_col), n_proc, my_proc, "bc");
+    eig.psi_k.clear();
+    eig.psi_k.resize(static_cast<std::size_t>(eig.n_psi));
+    for (auto& p : eig.psi_k) ca_real_2d(p, 1, n_dim, 1, n_states, "eig_state%psi_k", proc, mod);
+    const int nk = kpt.n_k;
+    ca_real_2d(eig.en_i, 1, n_states, 1, nk, "eig_state%en_i", proc, mod);
+    ca_real_2d(eig.occ, 1, n_states, 1, nk, "eig_state%occ", proc, mod);
+    ca_real_2d(eig.docc, 1, n_states, 1, nk, "eig_state%docc", proc, mod);
+    ca_real_2d(eig.alpha, 1, n_states, 1, nk, "eig_state%alpha", proc, mod);
+    ca_real_2d(eig.beta, 1, n_states, 1, nk, "eig_state%beta", proc, mod);
+    const int n_occ = std::min(n_states, static_cast<int>(n_el * 0.5));
+    for (int k = 1; k <= nk; ++k)
+        for (int i = 1; i <= n_states; ++i) {
+            eig.occ(i, k) = i <= n_occ ? 1.0 : 0.0;
+            eig.docc(i, k) = eig.occ(i, k) * (eig.occ(i, k) - 1.0);
+        }
+    init_blacs_distr(eig.d, n_dim, n_dim, std::max(1, block_row), std::max(1, block_row));
+    allocate_work_arrays(eig.d, "R");
+    ca_real_1d(eig.ework, 1, n_dim, "eig_state%ework", proc, mod);
+    ca_real_2d(eig.h_ij, 1, n_dim, 1, n_dim, "eig_state%h_ij", proc, mod);
+    if (non_orth) ca_real_2d(eig.s_ij, 1, n_dim, 1, n_dim, "eig_state%s_ij", proc, mod);
+    if (jobz == 'v' || jobz == 'V') ca_real_2d(eig.x, 1, n_dim, 1, n_dim, "eig_state%x", proc, mod);
+    eig_set_psi(eig, 1);
+}
+
+void eig_state_deallocate(eig_state_type& eig) {
+    const char* proc = "eig_state_deallocate";
+    eig.psi.deallocate();
+    for (auto& p : eig.psi_k) cd_real_2d(p, "eig_state%psi_k", proc, mod);
+    eig.psi_k.clear();
+    for (auto* a :
+         {&eig.en_i, &eig.occ, &eig.docc, &eig.alpha, &eig.beta, &eig.h_ij, &eig.s_ij, &eig.x})
+        if (a->allocated()) cd_real_2d(*a, "eig_state%array", proc, mod);
+    if (eig.ework.allocated()) cd_real_1d(eig.ework, "eig_state%ework", proc, mod);
+    free_blacs_distr(eig.d);
+    pdist_deallocate(eig.row_pdist);
+    pdist_deallocate(eig.col_pdist);
+}
+
+void eig_set_psi(eig_state_type& eig, int k) {
+    const int slot = eig.n_psi >= n_kpt(eig) ? k : 1;
+    eig.psi = eig.psi_k[static_cast<std::size_t>(slot - 1)].view();
+}
+
+int find_homo(const eig_state_type& eig, int k, double e_fermi) {
+    int i = eig.n_states;
+    if (eig.en_i(i, k) > e_fermi)
+        while (i >= 1 && eig.en_i(i, k) >= e_fermi) --i;
+    return i;
+}
+
+namespace {
+
+// Newton steps on N(e_f) from the bisection's answer: the bisection stops within
+// 1e-8 electrons, which leaves the band energy uncertain by about e_f * 1e-8 eV,
+// too coarse for energies whose differences must match the forces. Each step uses
+// dN/de_f = sum of weight f (1 - f) / sigma and keeps e_f inside the bracket.
+void polish_fermi_level(eig_state_type& eig) {
+    const double sigma = eig.kpt->sigma, target = eig.n_el * 0.5;
+    for (int step = 0; step < 20; ++step) {
+        double n = 0.0, dn = 0.0;
+        for (int k = 1; k <= n_kpt(eig); ++k)
+            for (int i = 1; i <= eig.n_states; ++i) {
+                const double f = fermi(eig.en_i(i, k), eig.e_fermi, sigma);
+                n += eig.kpt->weight(k) * f;
+                dn += eig.kpt->weight(k) * f * (1.0 - f) / sigma;
+            }
+        const double diff = n - target;
+        if (std::fabs(diff) <= 1e-14 * std::max(1.0, target) || dn <= 0.0) break;
+        eig.e_fermi -= diff / dn;
+    }
+    nelec(eig, eig.e_fermi);
+}
+
+} // namespace
+
+void eig_find_fermi_energy(eig_state_type& eig) {
+    bisection(eig, 50, bisection_tol);
+    polish_fermi_level(eig);
+    double last = 0.0;
+    for (int k = 1; k <= n_kpt(eig); ++k) last = std::max(last, eig.occ(eig.n_states, k));
+    if (last > last_state_limit)
+        warning_error("f_i, for i=n_state > 1e-10, n_states is too small", "eig_find_fermi_energy",
+                      mod);
+    eig.dn_sum = 0.0;
+    eig.de_sum = 0.0;
+    for (int k = 1; k <= n_kpt(eig); ++k)
+        for (int i = 1; i <= eig.n_states; ++i) {
+            eig.docc(i, k) = eig.occ(i, k) * (eig.occ(i, k) - 1.0);
+            eig.dn_sum += eig.kpt->weight(k) * eig.docc(i, k);
+            eig.de_sum += eig.kpt->weight(k) * eig.docc(i, k) * eig.en_i(i, k);
+        }
+    eig.de_sum /= eig.kpt->sigma;
+}
+
+void eig_calc_energy(eig_state_type& eig) {
+    const int nk = n_kpt(eig), ns = eig.n_states;
+    const double sigma = eig.kpt->sigma;
+    if (sigma > 0.0) {
+        eig_find_fermi_energy(eig);
+        eig.e_band = 0.0;
+        for (int k = 1; k <= nk; ++k)
+            for (int i = 1; i <= ns; ++i)
+                eig.e_band += eig.occ(i, k) * eig.kpt->weight(k) * eig.en_i(i, k);
+        eig.e_band *= 2.0;
+        const int n_occ = std::min(static_cast<int>(eig.n_el * 0.5), ns);
+        eig.e_filled = 0.0;
+        for (int k = 1; k <= nk; ++k)
+            for (int i = 1; i <= n_occ; ++i) eig.e_filled += eig.kpt->weight(k) * eig.en_i(i, k);
+        eig.e_filled *= 2.0;
+        double homo_top = eig.en_i(1, 1), lumo_bottom = eig.en_i(ns, 1);
+        for (int k = 1; k <= nk; ++k) {
+            const int h = find_homo(eig, k, eig.e_fermi);
+            // A top state below the Fermi level has no state above it among those kept.
+            if (h + 1 <= ns) lumo_bottom = std::min(lumo_bottom, eig.en_i(h + 1, k));
+            if (h >= 1) homo_top = std::max(homo_top, eig.en_i(h, k));
+        }
+        eig.e_gap = lumo_bottom - homo_top;
+    } else {
+        const int n_occ = std::max(1, std::min(static_cast<int>(eig.n_el * 0.5), ns));
+        eig.e_filled = 0.0;
+        for (int k = 1; k <= nk; ++k) {
+            double s = 0.0;
+            for (int i = 1; i <= ns; ++i) s += eig.en_i(i, k);
+            eig.e_filled += eig.kpt->weight(k) * s;
+        }
+        eig.e_filled *= 2.0;
+        eig.e_fermi = eig.en_i(n_occ, nk);
+        eig.e_band = eig.e_filled;
+        eig.e_gap = 0.0;
+    }
+    eig.e_gap = std::max(eig.e_gap, 0.0);
+}
+
+void eig_calc_local_proj(const hamiltonian_type& ham, const eig_state_type& eig,
+                         const farray<double, 1>& w, farray<double, 1>& out) {
+    const farray<double, 2>& psi = eig.psi;
+    farray<double, 2> y;
+    if (ham.tb_model->non_orthogonal) {
+        ca_real_2d(y, 1, eig.n_dim, 1, eig.n_states, "y", "eig_calc_local_proj", mod);
+        s_psi_rmat(ham, psi, y);
+    }
+    const farray<double, 2>& yy = ham.tb_model->non_orthogonal ? y : psi;
+    const sparse_1d_matrix_desc_type& sd = ham.desc;
+    for (int j = 1; j <= eig.col_pdist.l_n; ++j) {
+        const int g = eig.col_pdist.l2g(j);
+        const double wg = w(g);
+        for (int a = 1; a <= sd.row_pdist->n; ++a) {
+            const int r0 = sd.row_block_offset(a);
+            double s = 0.0;
+            for (int o = 0; o < sd.row_block_dim(a); ++o) s += psi(r0 + o, j) * yy(r0 + o, j);
+            out(a) += wg * s;
+        }
+    }
+    if (y.allocated()) cd_real_2d(y, "y", "eig_calc_local_proj", mod);
+}
+
+void eig_calc_qion(const hamiltonian_type& ham, const eig_state_type& eig, int k,
+                   farray<double, 1>& q) {
+    farray<double, 1> w;
+    w.allocate({1}, {eig.n_states});
+    const double wk = eig.kpt->weight(k);
+    for (int i = 1; i <= eig.n_states; ++i)
+        w(i) = eig.kpt->sigma <= 0.0 ? 2.0 * wk : 2.0 * eig.occ(i, k) * wk;
+    eig_calc_local_proj(ham, eig, w, q);
+}
+
+void eig_calc_elocal(const hamiltonian_type& ham, const eig_state_type& eig, int k,
+                     farray<double, 1>& e) {
+    farray<double, 1> w;
+    w.allocate({1}, {eig.n_states});
+    const double wk = eig.kpt->weight(k);
+    for (int i = 1; i <= eig.n_states; ++i)
+        w(i) = eig.kpt->sigma <= 0.0 ? 2.0 * eig.en_i(i, k) * wk
+                                     : 2.0 * eig.occ(i, k) * wk * eig.en_i(i, k);
+    eig_calc_local_proj(ham, eig, w, e);
+}
+
+// ---- eigenvector file ---------------------------------------------------------------
+
+namespace {
+
+void open_wfs(const eig_state_type& eig, int unit, std::string_view file, bool old) {
+    const int ios = unit_open(unit, std::string(file), old ? "old" : "unknown", "asis", "direct",
+                              eig.n_dim * 8);
+    if (ios != 0) {
+        if (old)
+            fatal_error("problem opening " + std::string(file), ios, "eig_state_read_psi_k", mod);
+        fatal_error("problem creating " + std::string(file), ios, "eig_state_write_psi_k", mod);
+    }
+    if (old && unit_recl(unit) != eig.n_dim * 8) {
+        unit_close(unit);
+        fatal_error("record length in " + std::string(file) + " not equal to # of dim",
+                    unit_recl(unit), "eig_state_read_psi_k", mod);
+    }
+}
+
+} // namespace
+
+void eig_state_write_psi_k(eig_state_type& eig, int k, int unit, std::string_view file,
+                           bool open_close) {
+    if (open_close) open_wfs(eig, unit, file, false);
+    for (int i = 1; i <= eig.n_states; ++i)
+        if (unit_write_direct(unit, static_cast<long>(k - 1) * eig.n_states + i, &eig.psi(1, i),
+                              static_cast<std::size_t>(eig.n_dim) * 8) != 0)
+            fatal_error("problem creating " + std::string(file), i, "eig_state_write_psi_k", mod);
+    if (open_close) unit_close(unit);
+}
+
+void eig_state_read_psi_k(eig_state_type& eig, int k, int unit, std::string_view file,
+                          bool open_close) {
+    if (open_close) open_wfs(eig, unit, file, true);
+    for (int i = 1; i <= eig.n_states; ++i)
+        if (unit_read_direct(unit, static_cast<long>(k - 1) * eig.n_states + i, &eig.psi(1, i),
+                             static_cast<std::size_t>(eig.n_dim) * 8) != 0) {
+            if (open_close) unit_close(unit);
+            fatal_error("problem reading " + std::string(file), i, "eig_state_read_psi_k", mod);
+        }
+    if (open_close) unit_close(unit);
+}
+
+void eig_state_write(eig_state_type& eig, int unit, std::string_view file) {
+    if (eig.n_psi != n_kpt(eig)) {
+        warning_error("Only one psi(k) is stored in memory, ignoring call.", "eig_state_write",
+                      mod);
+        return;
+    }
+    if (i_am_master) open_wfs(eig, unit, file, false);
+    for (int k = 1; k <= n_kpt(eig); ++k) {
+        eig_set_psi(eig, k);
+        eig_state_write_psi_k(eig, k, unit, file, false);
+    }
+    unit_close(unit);
+    eig_set_psi(eig, 1);
+}
+
+void eig_state_read(eig_state_type& eig, int unit, std::string_view file) {
+    if (eig.n_psi != n_kpt(eig)) {
+        warning_error("Only one psi(k) is stored in memory, ignoring call.", "eig_state_read", mod);
+        return;
+    }
+    open_wfs(eig, unit, file, true);
+    for (int k = 1; k <= n_kpt(eig); ++k) {
+        eig_set_psi(eig, k);
+        eig_state_read_psi_k(eig, k, unit, file, false);
+    }
+    unit_close(unit);
+    eig_set_psi(eig, 1);
+}
+
+void eig_print_eigen_energies(const eig_state_type& eig, int unit,
+                              std::optional<std::string_view> file) {
+    if (file) unit_open(unit, std::string(*file), "unknown", "append");
+    const int nk = n_kpt(eig), ns = eig.n_states;
+    double lo = eig.en_i(1, 1), hi = eig.en_i(ns, 1);
+    for (int k = 1; k <= nk; ++k) {
+        lo = std::max(lo, eig.en_i(1, k));
+        hi = std::max(hi, eig.en_i(ns, k));
+    }
+    write_fmt(unit, "(a,f16.10)", {"fermi level : ", eig.e_fermi});
+    write_fmt(unit, "(a,f16.10)", {"energy gap  : ", eig.e_gap});
+    write_fmt(unit, "(a,2f16.10)", {"eigenvalue range  : ", lo, hi});
+    for (int k = 1; k <= nk; ++k) {
+        const double c = 0.15915494309189535; // 1 / (2 pi)
+        write_fmt(unit, "(a,i5,3f16.10)",
+                  {"K-point # ", k, eig.kpt->k_cart(1, k) * c, eig.kpt->k_cart(2, k) * c,
+                   eig.kpt->k_cart(3, k) * c});
+        for (int i = 1; i <= ns; ++i) {
+            if (eig.kpt->sigma <= 0.0)
+                write_fmt(unit, "(i5,f16.10)", {i, eig.en_i(i, k)});
+            else
+                write_fmt(unit, "(i5,2f16.10)", {i, eig.en_i(i, k), eig.occ(i, k)});
+        }
+    }
+    if (file) unit_close(unit);
+}
+
+// ---- forces ----------------------------------------------------------------------
+
+void setup_dh_dm_r(const hamiltonian_type& ham, const farray<double, 2>& psi, const double* w,
+                   farray<double, 2>& dm, farray<double, 1>* dm_diag) {
+    const sparse_1d_matrix_desc_type& sd = ham.desc;
+    const pdist_type& pd = *sd.row_pdist;
+    const int n_dim = static_cast<int>(psi.extent(0)), ns = static_cast<int>(psi.extent(1));
+    // The transposed eigenvectors, and weighted: each element of the density matrix
+    // becomes a dot product over contiguous memory.
+    farray<double, 2> pt, wt;
+    ca_real_2d(pt, 1, ns, 1, n_dim, "psi_t", "setup_dh_dm_r", mod);
+    ca_real_2d(wt, 1, ns, 1, n_dim, "w_psi_t", "setup_dh_dm_r", mod);
+    for (int r = 1; r <= n_dim; ++r)
+        for (int j = 1; j <= ns; ++j) {
+            pt(j, r) = psi(r, j);
+            wt(j, r) = psi(r, j) * w[j - 1];
+        }
+    if (dm_diag != nullptr) {
+        dm_diag->fill(0.0);
+        for (int r = 1; r <= n_dim; ++r) {
+            double s = 0.0;
+            for (int j = 1; j <= ns; ++j) s += pt(j, r) * wt(j, r);
+            (*dm_diag)(r) = s;
+        }
+    }
+    dm.fill(0.0);
+    for (int il = 1; il <= pd.l_n; ++il) {
+        const int ig = pd.l2g(il);
+        const int no = sd.row_block_dim(ig), r0 = sd.row_block_offset(ig);
+        for (int jb = 1; jb <= sd.n_blocks(ig); ++jb) {
+            const int c0 = sd.sblock_offset(jb, ig), no2 = sd.pblock_dim(jb, ig);
+            int l = sd.ublock_offset(jb, ig);
+            for (int b = 0; b < no2; ++b) {
+                const double* __restrict wb = &wt(1, c0 + b);
+                for (int a = 0; a < no; ++a, ++l) {
+                    const double* __restrict pa = &pt(1, r0 + a);
+                    double s = 0.0;
+                    for (int j = 0; j < ns; ++j) s += pa[j] * wb[j];
+                    dm(l, il) = s;
+                }
+            }
+        }
+    }
+    cd_real_2d(pt, "psi_t", "setup_dh_dm_r", mod);
+    cd_real_2d(wt, "w_psi_t", "setup_dh_dm_r", mod);
+}
+
+void eig_forces_dm(hamiltonian_type& ham, ions_type& ions, const box_type& box, eig_state_type& eig,
+                   bool /*calc_stress*/, double fboost, const scc_type* scc) {
+    const char* proc = "eig_forces_dm";
+    if (debug > 0) trace_in(proc, mod);
+    const int nk = n_kpt(eig), ns = eig.n_states;
+    const bool non_orth = ham.tb_model->non_orthogonal;
+    const double sigma = eig.kpt->sigma;
+    farray<double, 2> wf, wen, dm;
+    ca_real_2d(wf, 1, ns, 1, nk, "wf", proc, mod);
+    ca_real_2d(wen, 1, ns, 1, nk, "wen", proc, mod);
+    double ratio = 0.0;
+    if (sigma > 0.0 && std::fabs(eig.dn_sum) >= 1e-08) ratio = eig.de_sum / eig.dn_sum;
+    for (int k = 1; k <= nk; ++k)
+        for (int j = 1; j <= eig.col_pdist.l_n; ++j) {
+            const int i = eig.col_pdist.l2g(j);
+            const double wk = eig.kpt->weight(k);
+            wf(j, k) = sigma <= 0.0 ? 2.0 * wk
+                                    : 2.0 * wk *
+                                          (eig.occ(i, k) + eig.en_i(i, k) * eig.docc(i, k) / sigma -
+                                           eig.docc(i, k) * ratio);
+            wen(j, k) = non_orth ? -eig.en_i(i, k) * wf(j, k) : 0.0;
+        }
+    ions.f.fill(0.0);
+    ca_real_2d(dm, 1, ham.desc.u_n_dim, 1, ham.desc.row_pdist->max_l_n, "dm", proc, mod);
+    farray<double, 1> dm_diag;
+    ca_real_1d(dm_diag, 1, eig.n_dim, "dm_diag", proc, mod);
+    const bool on_site = ham.tb_model->on_site_env;
+    for (int k = 1; k <= nk; ++k) {
+        calc_hs_grad_real(ham, ions, box);
+        eig_set_psi(eig, k);
+        setup_dh_dm_r(ham, eig.psi, &wf(1, k), dm, on_site ? &dm_diag : nullptr);
+        acum_dm_boost_r(ham, 1.0, ions.f, dm, ham.dh_ab, fboost, &ions.boost,
+                        on_site ? &dm_diag : nullptr, on_site ? &ham.dh_aa : nullptr);
+        if (non_orth) {
+            setup_dh_dm_r(ham, eig.psi, &wen(1, k), dm, nullptr);
+            acum_dm_boost_r(ham, 1.0, ions.f, dm, ham.ds_ab, fboost, &ions.boost, nullptr, nullptr);
+        }
+    }
+    if (scc != nullptr && scc->used) add_forces_scc(*scc);
+    cd_real_2d(dm, "dm", proc, mod);
+    cd_real_1d(dm_diag, "dm_diag", proc, mod);
+    cd_real_2d(wf, "wf", proc, mod);
+    cd_real_2d(wen, "wen", proc, mod);
+    if (debug > 0) trace_out(proc, mod);
+}
+
+} // namespace lyrt

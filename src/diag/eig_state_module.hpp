@@ -1,0 +1,86 @@
+// The result of a diagonalisation: eigenvalues and eigenvectors per k-point,
+// occupations, Fermi level, band energy and gap, Mulliken charges and local
+// energies, the eigenvector file, and the forces from the density matrix.
+//
+// Occupations are per spatial state (0..1); the spin factor 2 enters the band
+// energy, the charges and the local energies.
+#pragma once
+
+#include "diag/scc_model_module.hpp"
+#include "model/hamiltonian_module.hpp"
+#include "neighbours/box_module.hpp"
+#include "parallel/blacs_module.hpp"
+#include "parallel/pdist_module.hpp"
+#include "system/kpt_module.hpp"
+
+#include <optional>
+#include <string_view>
+#include <vector>
+
+namespace lyrt {
+
+struct eig_state_type {
+    int n_dim = 0;                 // order of the matrices
+    int n_states = 0;              // states kept per k-point
+    double n_el = 0.0;             // electrons
+    int n_psi = 0;                 // psi(k) held in memory (below n_k: the file WFS holds them)
+    const kpt_type* kpt = nullptr; // k-points, weights and the smearing width sigma
+    farray<double, 2> psi;         // view of the current psi(k), n_dim x n_states
+    std::vector<farray<double, 2>> psi_k; // eigenvectors of each k-point in columns
+    double e_band = 0.0;                  // band energy, eV (spin included)
+    double e_filled = 0.0;                // band sum over the filled states, eV
+    double e_fermi = 0.0;                 // Fermi level, eV
+    double e_gap = 0.0;                   // gap, eV, never negative
+    farray<double, 2> en_i;               // (n_states, n_k) eigenvalues, eV
+    farray<double, 2> occ;                // (n_states, n_k) occupation of a spatial state
+    farray<double, 2> docc;               // occ (occ - 1)
+    farray<double, 2> alpha, beta;        // weights of the H and S derivatives
+    double dn_sum = 0.0;                  // sum of weight docc
+    double de_sum = 0.0;                  // sum of weight docc en, divided by sigma
+    farray<double, 2> h_ij, s_ij;         // dense H and S (s_ij for a non-orthogonal model)
+    farray<double, 1> ework;              // all eigenvalues of the solver
+    farray<double, 2> x;                  // eigenvectors of the solver (when vectors are wanted)
+    blacs_distr_type d;                   // solver workspace
+    pdist_type row_pdist;                 // basis functions
+    pdist_type col_pdist;                 // states
+};
+
+void eig_state_allocate(eig_state_type& eig, int n_dim, int n_states, double n_el, int block_row,
+                        int block_col, bool non_orth, char jobz, const kpt_type& kpt);
+void eig_state_deallocate(eig_state_type& eig);
+void eig_set_psi(eig_state_type& eig, int k); // makes psi(k) current (in memory)
+
+void eig_calc_energy(eig_state_type& eig);
+void eig_find_fermi_energy(eig_state_type& eig);
+double fermi(double e, double e_f, double sigma);
+int find_homo(const eig_state_type& eig, int k, double e_fermi); // 0..n_states
+
+// Mulliken projections on the ions, added into q or e.
+void eig_calc_qion(const hamiltonian_type& ham, const eig_state_type& eig, int k,
+                   farray<double, 1>& q);
+void eig_calc_elocal(const hamiltonian_type& ham, const eig_state_type& eig, int k,
+                     farray<double, 1>& e);
+void eig_calc_local_proj(const hamiltonian_type& ham, const eig_state_type& eig,
+                         const farray<double, 1>& w, farray<double, 1>& out);
+
+// The direct-access eigenvector file: record (k-1) n_states + i holds column i of
+// psi(k), n_dim reals.
+void eig_state_write(eig_state_type& eig, int unit, std::string_view file);
+void eig_state_read(eig_state_type& eig, int unit, std::string_view file);
+void eig_state_write_psi_k(eig_state_type& eig, int k, int unit, std::string_view file,
+                           bool open_close);
+void eig_state_read_psi_k(eig_state_type& eig, int k, int unit, std::string_view file,
+                          bool open_close);
+// b: the cell's inverse matrix, for the k-points in Cartesian units.
+void eig_print_eigen_energies(const eig_state_type& eig, int unit,
+                              std::optional<std::string_view> file = std::nullopt);
+
+// Hellmann-Feynman forces into ions.f through the block density matrix.
+void eig_forces_dm(hamiltonian_type& ham, ions_type& ions, const box_type& box, eig_state_type& eig,
+                   bool calc_stress, double fboost, const scc_type* scc);
+// dm(block) = sum_j psi(a, j) w(j) psi(b, j) in the layout of ham's blocks; dm_diag(r)
+// = sum_j psi(r, j)^2 w(j).
+void setup_dh_dm_r(const hamiltonian_type& ham, const farray<double, 2>& psi, const double* w,
+                   farray<double, 2>& dm, farray<double, 1>* dm_diag);
+
+} // namespace lyrt

@@ -1,0 +1,155 @@
+#include "diag/forces_module.hpp"
+
+#include "parallel/mpi_module.hpp"
+#include "run/error_module.hpp"
+#include "run/io_module.hpp"
+#include "run/timing_module.hpp"
+
+#include <cmath>
+#include <vector>
+
+namespace lyrt {
+
+namespace {
+
+constexpr const char* mod = "forces_module";
+constexpr double self_image_min = 9.999999974752427e-07;
+
+// Visits every pair term of the pair potential: (i, n, vector from i to the
+// partner, its length, self) where self marks an ion's own image.
+template <class F>
+void for_pair_terms(const box_type& box, F&& f) {
+    const ions_type& ions = box.ions;
+    const nn_list_type& ic = box.ic_list;
+    const double r_cut2 = box.r_cut * box.r_cut;
+    for (int i = 1; i <= ions.total_n_ions; ++i) {
+        const nn_list_type& nl = ions.nn_list[static_cast<std::size_t>(i - 1)];
+        if (ic.n_nn < 2) {
+            for (int n = 1; n <= nl.n_nn; ++n) f(i, nl.index(n), &nl.r_ij(1, n), nl.dist(n), false);
+            continue;
+        }
+        for (int c = 1; c <= ic.n_nn; ++c) {
+            const double* tr = &ic.r_ij(1, c);
+            const double d2 = tr[0] * tr[0] + tr[1] * tr[1] + tr[2] * tr[2];
+            if (d2 <= r_cut2 && d2 > self_image_min) f(i, i, tr, std::sqrt(d2), true);
+            for (int n = 1; n <= nl.n_nn; ++n) {
+                const double v[3] = {nl.r_ij(1, n) + tr[0], nl.r_ij(2, n) + tr[1],
+                                     nl.r_ij(3, n) + tr[2]};
+                const double v2 = v[0] * v[0] + v[1] * v[1] + v[2] * v[2];
+                if (v2 <= r_cut2 && v2 > self_image_min) f(i, nl.index(n), v, std::sqrt(v2), false);
+            }
+        }
+    }
+}
+
+} // namespace
+
+void calc_classical_forces(const box_type& box, ions_type& ions, const tb_model_type& model,
+                           farray<double, 2>* sig) {
+    const int n = ions.total_n_ions;
+    // First pass: the derivative of the embedding function of each ion.
+    std::vector<double> phi(static_cast<std::size_t>(n) + 1, 0.0), df(phi.size(), 0.0);
+    for_pair_terms(box, [&](int i, int m, const double*, double r, bool) {
+        phi[static_cast<std::size_t>(i)] +=
+            pair_pot(pair_param(model, ions.type(i), ions.type(m)), r);
+    });
+    for (int i = 1; i <= n; ++i) df[static_cast<std::size_t>(i)] = sum_pair_pot_derivative();
+    // Second pass: the force on i from each term, -dE/dr_i with v pointing from i
+    // to its partner; an ion's own images move with it and exert no force.
+    for_pair_terms(box, [&](int i, int m, const double* v, double r, bool self) {
+        const double dphi = pair_pot_derivative(pair_param(model, ions.type(i), ions.type(m)), r);
+        const double weight =
+            self ? df[static_cast<std::size_t>(i)]
+                 : df[static_cast<std::size_t>(i)] + df[static_cast<std::size_t>(m)];
+        const double fac = dphi * weight / r;
+        if (!self)
+            for (int k = 1; k <= 3; ++k) ions.f(k, i) += fac * v[k - 1];
+        if (sig != nullptr)
+            // Each pair is met from both ends: half of its term each time.
+            for (int a = 1; a <= 3; ++a)
+                for (int b = a; b <= 3; ++b) (*sig)(a, b) -= 0.5 * fac * v[a - 1] * v[b - 1];
+    });
+    if (sig != nullptr)
+        for (int a = 1; a <= 3; ++a)
+            for (int b = a + 1; b <= 3; ++b) (*sig)(b, a) = (*sig)(a, b);
+}
+
+void calc_classical_stress(const box_type& box, const ions_type& ions, const tb_model_type& model,
+                           farray<double, 2>& sig) {
+    const double half = sum_pair_pot_derivative();
+    for (int i = 1; i <= ions.total_n_ions; ++i) {
+        const nn_list_type& nl = ions.nn_list[static_cast<std::size_t>(i - 1)];
+        for (int n = 1; n <= nl.n_nn; ++n) {
+            const double r = nl.dist(n);
+            const double fac =
+                pair_pot_derivative(pair_param(model, ions.type(i), ions.type(nl.index(n))), r) *
+                2.0 * half / r;
+            for (int a = 1; a <= 3; ++a)
+                for (int b = a; b <= 3; ++b) sig(a, b) -= 0.5 * fac * nl.r_ij(a, n) * nl.r_ij(b, n);
+        }
+    }
+    (void)box;
+    for (int a = 1; a <= 3; ++a)
+        for (int b = a + 1; b <= 3; ++b) sig(b, a) = sig(a, b);
+}
+
+void forces_calc(hamiltonian_type& ham, ions_type& ions, box_type& box, const i_algo_type& i_algo,
+                 elec_state_type& elec, const elec_algo_type& elec_algo,
+                 std::optional<double> fboost) {
+    const char* proc = "calc_ionic_forces";
+    if (debug > 0) trace_in(proc, "forces_module");
+    const double start = utime();
+    const double boost = fboost ? *fboost : 1.0;
+    const tb_model_type& model = *ham.tb_model;
+    if (!elec_algo.eigen_vect)
+        fatal_error("The eigenvectors have not been calculated cannot compute forces", -1, proc,
+                    mod);
+    if (!model.classical) {
+        switch (elec_algo.algo) {
+        case elec_algo_sd:
+        case elec_algo_cg:
+            fatal_error("forces of the orbital solver are not built yet", elec_algo.algo, proc,
+                        mod);
+        case elec_algo_diag:
+        case elec_algo_diag_b:
+            eig_forces_dm(ham, ions, box, *elec.eig, i_algo.calc_stress, boost, elec.scc);
+            if (i_algo.calc_stress)
+                fatal_error("the stress of the diagonalisation is not built yet", -1, proc, mod);
+            break;
+        case elec_algo_kpm:
+            fatal_error("the kernel polynomial solver (elec_gs_algo = 4) is not built yet",
+                        elec_algo.algo, proc, mod);
+        default: break;
+        }
+    }
+    if (model.classical || model.pair_pot_used) {
+        if (model.classical) {
+            ions.f.fill(0.0);
+            box.cell.sig.fill(0.0);
+        }
+        if (i_algo.calc_stress) {
+            farray<double, 2> sig_classical;
+            sig_classical.allocate({1, 1}, {3, 3});
+            calc_classical_forces(box, ions, model, &sig_classical);
+            const double vol = cell_vol(box.cell);
+            for (int a = 1; a <= 3; ++a)
+                for (int b = 1; b <= 3; ++b) box.cell.sig(a, b) += sig_classical(a, b) / vol;
+        } else {
+            calc_classical_forces(box, ions, model);
+        }
+    }
+    write_free(timing_unit, {my_proc, "calc_ionic_forces", utime() - start, "sec"});
+    if (debug > 0) trace_out(proc, "forces_module");
+}
+
+void print_ionic_forces(const ions_type& ions, int unit) {
+    write_free(unit, {"ionic forces:"});
+    double sum[3] = {0, 0, 0};
+    for (int i = 1; i <= ions.total_n_ions; ++i) {
+        write_fmt(unit, "('ion: ',i4,3e18.10)", {i, ions.f(1, i), ions.f(2, i), ions.f(3, i)});
+        for (int k = 0; k < 3; ++k) sum[k] += ions.f(k + 1, i);
+    }
+    write_fmt(unit, "('total force: ',3e13.5)", {sum[0], sum[1], sum[2]});
+}
+
+} // namespace lyrt

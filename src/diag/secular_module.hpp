@@ -1,0 +1,17 @@
+// The outer electronic loop of diagonalisation: dense H and S, eigenstates,
+// occupations and energies, charges and local energies, and the mixing of the
+// charges while self-consistency is on.
+#pragma once
+
+#include "diag/eig_state_module.hpp"
+#include "run/input_module.hpp"
+
+namespace lyrt {
+
+// hs_mode 'c': dense blocks straight from the atoms; any other: the sparse
+// Hamiltonian, expanded. jobz 'v': eigenvectors wanted.
+void solve_secular_eqn(hamiltonian_type& ham, ions_type& ions, const box_type& box,
+                       eig_state_type& eig, scc_type& scc, const elec_algo_type& elec_algo,
+                       char hs_mode, char jobz, bool calc_elocal, farray<double, 1>& elocal);
+
+} // namespace lyrt

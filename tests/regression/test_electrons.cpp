@@ -1,0 +1,163 @@
+// Electron and state counts, and the self-consistent charge loop, in whole runs.
+#include "run_support.hpp"
+#include "test_support.hpp"
+
+#include <cmath>
+#include <gtest/gtest.h>
+#include <sstream>
+
+namespace {
+
+using namespace lyrt_test;
+
+// A one-species parameter file from the silicon set with another mass (and so
+// element) and electron line.
+std::string element_file(const std::string& mass, const std::string& electrons, int orbitals = 4) {
+    std::istringstream in(tbparam("Si"));
+    std::ostringstream out;
+    std::string line;
+    for (int k = 0; std::getline(in, line); ++k) {
+        if (k == 4) line = std::to_string(orbitals);
+        if (k == 5) line = mass;
+        if (k == 6) line = electrons;
+        out << line << "\n";
+    }
+    return out.str();
+}
+
+class Electrons : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        dir = fresh_dir(::testing::UnitTest::GetInstance()->current_test_info()->name());
+    }
+    std::filesystem::path dir;
+};
+
+TEST_F(Electrons, CountsOfElectronsAndStates) {
+    const std::string carbon = element_file("12.0107", "2 2 0");
+    // At the silicon spacing, where the borrowed silicon overlap stays positive definite.
+    const auto c8 = poslyrt({{{5.431, 0, 0}, {0, 5.431, 0}, {0, 0, 5.431}}}, diamond(5.431, 1), 1);
+    run_result r = run_case(dir / "c8", c8, "calc_forces = F\n", carbon);
+    ASSERT_EQ(r.status, 0);
+    EXPECT_NE(r.report.find("Number of electrons     =    32.0000"), std::string::npos);
+    EXPECT_NE(r.report.find("Number of states        =   16"), std::string::npos);
+    // More states than basis functions are cut at once.
+    r = run_case(dir / "c8_states", c8, "number_of_states = 100\ncalc_forces = F\n", carbon);
+    EXPECT_NE(r.report.find("Number of states        =   32"), std::string::npos);
+    // 31 electrons with smearing: a positive charge of 1.
+    r = run_case(dir / "c8_ion", c8, "number_of_electrons = 31\nsigma = 0.1\ncalc_forces = F\n",
+                 carbon);
+    ASSERT_EQ(r.status, 0);
+    EXPECT_NE(r.report.find("system has net positive charge of + 1.0000"), std::string::npos);
+    // One hydrogen atom: uneven without smearing, four states with it.
+    const std::string hydrogen = element_file("1.00794", "1 0 0", 1);
+    const auto h1 = poslyrt({{{10, 0, 0}, {0, 10, 0}, {0, 0, 10}}}, {{1, 0, 0, 0}}, 1);
+    r = run_case(dir / "h", h1, "", hydrogen);
+    EXPECT_EQ(r.status, 1);
+    EXPECT_NE(read_text(dir / "h" / "ERRLYRT")
+                  .find("uneven number of electrons without electronic smearing."),
+              std::string::npos);
+    r = run_case(dir / "h_smeared", h1, "sigma = 0.1\n", hydrogen);
+    EXPECT_EQ(r.status, 0);
+    EXPECT_NE(r.report.find("Number of states        =    4"), std::string::npos);
+    // Too few states for the electrons without smearing and with the neutral count.
+    r = run_case(dir / "c8_few", c8, "number_of_states = 10\n", carbon);
+    EXPECT_EQ(r.status, 1);
+    EXPECT_NE(read_text(dir / "c8_few" / "ERRLYRT").find("number of states given is too small"),
+              std::string::npos);
+}
+
+// Two kinds of silicon atom, one with a higher s and p level, with a Hubbard U:
+// charge flows and the loop mixes it until the energy settles. (With U = 4 eV a
+// mixing of 0.3 overshoots into a two-cycle; 0.05 converges.)
+TEST_F(Electrons, ChargeSelfConsistency) {
+    std::istringstream in(tbparam("Si"));
+    std::vector<std::string> lines;
+    for (std::string l; std::getline(in, l);) lines.push_back(l);
+    auto compose = [&](double shift, const std::string& electrons) {
+        // Species 2: the on-site a of s and p raised by `shift` Rydberg.
+        std::ostringstream f;
+        f.precision(17);
+        f << "NN00000\nscc\n2\n" << lines[3] << "\n" << lines[3] << "\n" << lines[3] << "\n";
+        for (int s = 0; s < 2; ++s) f << "4\n28.086\n" << electrons << "\n";
+        auto onsite = [&](bool second) {
+            for (int k = 7; k < 24; ++k) {
+                double v = std::stod(lines[static_cast<std::size_t>(k)]);
+                if (second && (k == 8 || k == 12)) v += shift;
+                f << v << "\n";
+            }
+        };
+        onsite(false);
+        onsite(true);
+        for (int pass = 0; pass < 2; ++pass)
+            for (int c = 0; c < 4; ++c)
+                for (int k = 1; k < 4; ++k)
+                    f << lines[static_cast<std::size_t>(8 + 4 * c + k)] << "\n";
+        for (int sec = 0; sec < 2; ++sec) {
+            const int first = sec == 0 ? 24 : 64;
+            for (int s = 0; s < 2; ++s)
+                for (int k = 0; k < 40; ++k)
+                    f << lines[static_cast<std::size_t>(first + k)] << "\n";
+            for (int k = 0; k < 40; ++k) f << lines[static_cast<std::size_t>(first + k)] << "\n";
+            const int from[4] = {1, 4, 5, 6};
+            const double sign[4] = {-1, 1, -1, -1};
+            for (int t = 0; t < 4; ++t)
+                for (int c = 0; c < 4; ++c)
+                    f << sign[t] *
+                             std::stod(lines[static_cast<std::size_t>(first + c + 4 * from[t])])
+                      << "\n";
+        }
+        return f.str();
+    };
+    std::vector<atom> atoms = diamond(5.431, 1);
+    for (std::size_t i = 4; i < 8; ++i) atoms[i].species = 2;
+    const auto pos = poslyrt({{{5.431, 0, 0}, {0, 5.431, 0}, {0, 0, 5.431}}}, atoms, 2);
+    const std::string input =
+        "scc_used = T\ncharge_mixing = 0.05\nmax_elec_iter = 200\nsigma = 0.1\n"
+        "elec_energy_tol = 1e-9\noutput_level = 3\ncalc_forces = F\n";
+    run_result r = run_case(dir / "scc", pos, input, compose(0.05, "2 2 0 4.0"));
+    ASSERT_EQ(r.status, 0);
+    // The passes, one line each: pass, energy, relative change.
+    std::vector<std::array<double, 3>> passes;
+    for (const std::string& l : read_lines(dir / "scc" / "stdout.txt")) {
+        std::istringstream s(l);
+        std::array<double, 3> p{};
+        if (s >> p[0] >> p[1] >> p[2]) passes.push_back(p);
+    }
+    ASSERT_GE(passes.size(), 4u);
+    ASSERT_LT(passes.size(), 200u);
+    EXPECT_LT(std::fabs(passes.back()[2]), 1e-9);
+    for (std::size_t k = 0; k < passes.size(); ++k) EXPECT_EQ(passes[k][0], static_cast<double>(k));
+    // The net charges of the neutral system sum to zero; the raised species gives electrons.
+    auto pc = read_lines(dir / "scc" / "POSCONT");
+    std::size_t q0 = 0;
+    while (q0 < pc.size() && pc[q0] != "qion") ++q0;
+    ASSERT_LT(q0 + 8, pc.size());
+    double sum = 0.0;
+    for (std::size_t k = 1; k <= 8; ++k) sum += std::stod(pc[q0 + k]);
+    EXPECT_NEAR(sum, 0.0, 1e-8);
+    // Species 2, with the higher levels, gives electrons away (q counts electrons gained).
+    EXPECT_LT(std::stod(pc[q0 + 8]), -1e-3);
+    EXPECT_GT(std::stod(pc[q0 + 1]), 1e-3);
+    // The same system with U = 0 is stable after the first pass: min_elec_iter 5
+    // gives six passes, and max_elec_iter 1 one pass.
+    // (The first statement of a keyword in the file is the one read.)
+    r = run_case(dir / "u0", pos, "min_elec_iter = 5\n" + input, compose(0.05, "2 2 0"));
+    int n6 = 0;
+    for (const std::string& l : read_lines(dir / "u0" / "stdout.txt")) {
+        std::istringstream s(l);
+        double a, b, c;
+        if (s >> a >> b >> c) ++n6;
+    }
+    EXPECT_EQ(n6, 6);
+    r = run_case(dir / "one", pos, "max_elec_iter = 1\n" + input, compose(0.05, "2 2 0 4.0"));
+    int n1 = 0;
+    for (const std::string& l : read_lines(dir / "one" / "stdout.txt")) {
+        std::istringstream s(l);
+        double a, b, c;
+        if (s >> a >> b >> c) ++n1;
+    }
+    EXPECT_EQ(n1, 1);
+}
+
+} // namespace
