@@ -5,7 +5,7 @@ PACKAGES := g++ cmake make libopenblas-dev libgtest-dev googletest clang-format
 EXAMPLE ?= si8
 JOBS ?= 2
 
-.PHONY: run test deps build-release build-test format clean
+.PHONY: run test bench deps build-release build-test format clean
 
 deps:
 	@missing=""; for p in $(PACKAGES); do \
@@ -37,6 +37,11 @@ format:
 
 test: build-test format
 	cd build/test && ctest --output-on-failure -j $(JOBS)
+
+# Time of one static run of diamond Si cells of 64, 216 and 512 atoms, split by phase.
+bench: build-release
+	cmake --build build/release -j $(JOBS) --target lyrt_bench
+	build/release/lyrt_bench $(BENCH_SIZES)
 
 clean:
 	rm -rf build run

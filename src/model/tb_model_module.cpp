@@ -627,6 +627,8 @@ void calc_ds_ij_sk_param(const offsite_param_type& p, double* dx, double r) {
 void init_on_site(const tb_model_type& tb_model, const ions_type& ions, const nn_list_type& ic_list,
                   double r_cut) {
     const int ns = tb_model.n_species, n = ions.total_n_ions;
+    // Sized for the system at hand (a new system in the same process gets new arrays).
+    if (rho.allocated() && (rho.extent(0) != ns || rho.extent(1) != n)) on_site_reset();
     if (!rho.allocated()) ca_real_3d(rho, 1, ns, 1, n, 1, 1, "rho", "init_on_site", mod);
     const double r2 = r_cut * r_cut;
     for (int i = 1; i <= n; ++i) {
@@ -655,6 +657,10 @@ void init_on_site_grad(const tb_model_type& tb_model, const ions_type& ions,
     const char* proc = "init_on_site_grad";
     const int ns = tb_model.n_species, n = ions.total_n_ions;
     const int width = ns + ions.ub_n_nn + 1;
+    if (drho.allocated() && (drho.extent(2) != n || sig_rho.extent(1) != ns)) {
+        cd_real_3d(drho, "drho", proc, mod);
+        cd_real_3d(sig_rho, "sig_rho", proc, mod);
+    }
     if (drho.allocated() && width > drho.extent(1)) {
         cd_real_3d(drho, "drho", proc, mod);
         cd_real_3d(sig_rho, "sig_rho", proc, mod);
@@ -780,9 +786,10 @@ const farray<double, 3>& on_site_sig_rho() {
 }
 
 void on_site_reset() {
-    rho.deallocate();
-    drho.deallocate();
-    sig_rho.deallocate();
+    const char* proc = "on_site_reset";
+    if (rho.allocated()) cd_real_3d(rho, "rho", proc, mod);
+    if (drho.allocated()) cd_real_3d(drho, "drho", proc, mod);
+    if (sig_rho.allocated()) cd_real_3d(sig_rho, "sig_rho", proc, mod);
 }
 
 } // namespace lyrt

@@ -1,0 +1,106 @@
+// Benchmark (not a test): one static run of diamond silicon cells of 64 to 512
+// atoms at the gamma point, with the time split into the assembly of H and S,
+// the eigensolver, the forces and the rest.
+//
+//   lyrt_bench [n ...]    n: conventional cells per edge (default 2 3 4: 64, 216, 512 atoms)
+#include "diag/diag_module.hpp"
+#include "diag/forces_module.hpp"
+#include "diag/gs_module.hpp"
+#include "model/tb_hs_module.hpp"
+#include "neighbours/pbc_module.hpp"
+#include "parallel/mpi_module.hpp"
+#include "run/error_module.hpp"
+#include "run/io_module.hpp"
+#include "system/system_def_module.hpp"
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <vector>
+
+namespace {
+
+double now() {
+    return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch())
+        .count();
+}
+
+void write_inputs(const std::filesystem::path& dir, int n) {
+    std::ofstream pos(dir / "POSLYRT");
+    pos << "number_of_ions = 8\nunit_cell_grid = " << n << " " << n << " " << n
+        << "\na0 = 5.431\na_1 = 1 0 0\na_2 = 0 1 0\na_3 = 0 0 1\npositions\n"
+           "0 0 0\n0 0.5 0.5\n0.5 0 0.5\n0.5 0.5 0\n0.25 0.25 0.25\n0.25 0.75 0.75\n"
+           "0.75 0.25 0.75\n0.75 0.75 0.25\n";
+    std::ofstream in(dir / "INLYRT");
+    in << "system_name = benchmark\n";
+    std::filesystem::copy_file(std::filesystem::path(LYRT_SOURCE_DIR) / "examples/si8/TBPARAM",
+                               dir / "TBPARAM", std::filesystem::copy_options::overwrite_existing);
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    using namespace lyrt;
+    std::vector<int> sizes;
+    for (int k = 1; k < argc; ++k) sizes.push_back(std::atoi(argv[k]));
+    if (sizes.empty()) sizes = {2, 3, 4};
+    std::printf("%6s %6s %10s %10s %10s %10s %10s %8s\n", "atoms", "orbs", "assembly", "eigen",
+                "forces", "rest", "total", "eigen%");
+    const auto top = std::filesystem::temp_directory_path() / "lyrt_bench";
+    for (int n : sizes) {
+        const auto dir = top / std::to_string(n);
+        std::filesystem::create_directories(dir);
+        write_inputs(dir, n);
+        std::filesystem::current_path(dir);
+        try {
+            init_mpi();
+            open_units();
+            const double t_start = now();
+            box = box_type{};
+            tb_model = tb_model_type{};
+            ions_read_in(box, box.ions, "POSLYRT");
+            tb_model_read_param(box.ions.species, tb_model, "TBPARAM", box.ions.n_species);
+            read_input("INLYRT", elec_algo, i_algo, tb_model, kpt, system_name, n_electrons,
+                       n_states, n_h_dup);
+            init_system_ions();
+            kpt_read_and_allocate(kpt, box.cell.b, "KPTS", kpt_unit);
+            init_system_elec();
+            eig_state_type& eig = *elec_state->eig;
+            hamiltonian_reinit(ham, box.ions);
+            // The steps of the secular loop of one pass, timed one by one.
+            const double t0 = now();
+            calc_hs_real(ham, box.ions, box);
+            get_hs_ij_real(ham, &eig.h_ij, &eig.s_ij, nullptr);
+            const double t1 = now();
+            calc_gen_eigen_vectors_real(eig.h_ij, eig.s_ij, eig.n_dim, eig.ework, eig.x, eig.d);
+            const double t2 = now();
+            for (int i = 1; i <= eig.n_states; ++i) eig.en_i(i, 1) = eig.ework(i);
+            eig_set_psi(eig, 1);
+            for (int j = 1; j <= eig.n_states; ++j)
+                for (int r = 1; r <= eig.n_dim; ++r) eig.psi(r, j) = eig.x(r, j);
+            eig_calc_energy(eig);
+            const double t3 = now();
+            elec_algo.algo = elec_algo.gs;
+            forces_calc(ham, box.ions, box, i_algo, *elec_state, elec_algo);
+            const double t4 = now();
+            const double total = t4 - t_start;
+            const double assembly = t1 - t0, eigen = t2 - t1, forces = t4 - t3;
+            std::printf("%6d %6d %10.3f %10.3f %10.3f %10.3f %10.3f %7.1f%%\n",
+                        box.ions.total_n_ions, eig.n_dim, assembly, eigen, forces,
+                        total - assembly - eigen - forces, total, 100.0 * eigen / total);
+            std::fflush(stdout);
+            eig_state_deallocate(eig);
+            hamiltonian_free(ham);
+            io_reset();
+        } catch (const fatal_stop& stop) {
+            std::printf("stopped: %s\n", stop.message.c_str());
+            return 1;
+        }
+    }
+    std::filesystem::current_path(top);
+    std::filesystem::remove_all(top);
+    return 0;
+}
