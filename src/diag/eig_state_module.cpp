@@ -9,6 +9,7 @@
 #include "run/io_module.hpp"
 
 #include <cmath>
+#include <filesystem>
 
 namespace lyrt {
 
@@ -281,10 +282,16 @@ void open_wfs(const eig_state_type& eig, int unit, std::string_view file, bool o
             fatal_error("problem opening " + std::string(file), ios, "eig_state_read_psi_k", mod);
         fatal_error("problem creating " + std::string(file), ios, "eig_state_write_psi_k", mod);
     }
-    if (old && unit_recl(unit) != eig.n_dim * 8) {
+    // A direct-access file doesn't keep its record length; it holds whole records
+    // of n_dim reals, so its size tells a file written for another order.
+    std::error_code ec;
+    const auto size = std::filesystem::file_size(std::string(file), ec);
+    const auto recl = static_cast<std::uintmax_t>(eig.n_dim) * 8;
+    if (old &&
+        (ec || size % recl != 0 || size < recl * static_cast<std::uintmax_t>(eig.n_states))) {
         unit_close(unit);
         fatal_error("record length in " + std::string(file) + " not equal to # of dim",
-                    unit_recl(unit), "eig_state_read_psi_k", mod);
+                    static_cast<long long>(size), "eig_state_read_psi_k", mod);
     }
 }
 

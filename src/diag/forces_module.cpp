@@ -127,7 +127,9 @@ void forces_calc(hamiltonian_type& ham, ions_type& ions, box_type& box, const i_
             ions.f.fill(0.0);
             box.cell.sig.fill(0.0);
         }
-        if (i_algo.calc_stress) {
+        if (!model.pair_pot_used) {
+            // A classical model without its pair potential has no forces at all.
+        } else if (i_algo.calc_stress) {
             farray<double, 2> sig_classical;
             sig_classical.allocate({1, 1}, {3, 3});
             calc_classical_forces(box, ions, model, &sig_classical);
