@@ -3,6 +3,10 @@
 // units, data files) never land outside it; the folder is removed at exit.
 #include "test_support.hpp"
 
+#include "model/tb_model_module.hpp"
+#include "run/error_module.hpp"
+#include "run/io_module.hpp"
+
 #include <cstdlib>
 #include <filesystem>
 #include <gtest/gtest.h>
@@ -65,6 +69,20 @@ void write_text(const std::filesystem::path& file, const std::string& text) {
     ASSERT_NE(f, nullptr) << file;
     std::fwrite(text.data(), 1, text.size(), f);
     std::fclose(f);
+}
+
+void program_test::SetUp() {
+    dir = fresh_dir(::testing::UnitTest::GetInstance()->current_test_info()->name());
+    std::filesystem::current_path(dir);
+    lyrt::io_reset();
+    lyrt::trace_reset();
+    lyrt::on_site_reset();
+    lyrt::open_units();
+}
+
+void program_test::TearDown() {
+    lyrt::io_reset();
+    lyrt::on_site_reset();
 }
 
 int run_lyrt_in(const std::filesystem::path& dir) {

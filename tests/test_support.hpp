@@ -2,6 +2,7 @@
 #pragma once
 
 #include <filesystem>
+#include <gtest/gtest.h>
 #include <string>
 #include <vector>
 
@@ -14,5 +15,14 @@ std::vector<std::string> read_lines(const std::filesystem::path& file);
 void write_text(const std::filesystem::path& file, const std::string& text);
 // Runs the lyrt executable in dir (standard output to stdout.txt); returns its exit status.
 int run_lyrt_in(const std::filesystem::path& dir);
+
+// A test that works in its own fresh folder (named after the test), with the unit
+// table and the trace stack empty and the report files open.
+class program_test : public ::testing::Test {
+  protected:
+    void SetUp() override;
+    void TearDown() override;
+    std::filesystem::path dir;
+};
 
 } // namespace lyrt_test

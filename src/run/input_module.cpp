@@ -26,46 +26,55 @@ void check_input_error(int status, std::string_view keyword, const input_file& f
                 "read_input", mod);
 }
 
-// One keyword of each type: the default (if given) first, then the file's value.
-void read_int(const input_file& f, std::string_view keyword, int& value,
-              std::optional<int> def = std::nullopt) {
+// Type letter and receiver of each value type.
+void bcast_value(int& v) {
+    bcast_int(v);
+}
+void bcast_value(double& v) {
+    bcast_real(v);
+}
+void bcast_value(bool& v) {
+    bcast_logical(v);
+}
+keyword_receivers receiver(std::span<int> v) {
+    return {.int_values = v};
+}
+keyword_receivers receiver(std::span<double> v) {
+    return {.real_values = v};
+}
+keyword_receivers receiver(std::span<bool> v) {
+    return {.log_values = v};
+}
+
+// One keyword: the default (if given) first, then the file's value; the receiver
+// keeps its earlier value when the keyword is absent and no default is given.
+template <class T>
+void read_value(const input_file& f, std::string_view keyword, char type, T& value, const T* def) {
     if (i_am_master) {
-        if (def) value = *def;
-        int v[1] = {0}, n = 0, status = 0;
-        get_keyword(false, f.name, f.unit, keyword, '=', '!', ';', 'I', {.int_values = v}, n, 1,
-                    status);
+        if (def != nullptr) value = *def;
+        T v[1] = {};
+        int n = 0, status = 0;
+        get_keyword(false, f.name, f.unit, keyword, '=', '!', ';', type,
+                    receiver(std::span<T>(v, 1)), n, 1, status);
         check_input_error(status, keyword, f);
         if (status == kw_ok) value = v[0];
     }
-    bcast_int(value);
+    bcast_value(value);
+}
+
+void read_int(const input_file& f, std::string_view keyword, int& value,
+              std::optional<int> def = std::nullopt) {
+    read_value(f, keyword, 'I', value, def ? &def.value() : nullptr);
 }
 
 void read_real(const input_file& f, std::string_view keyword, double& value,
                std::optional<double> def = std::nullopt) {
-    if (i_am_master) {
-        if (def) value = *def;
-        double v[1] = {0.0};
-        int n = 0, status = 0;
-        get_keyword(false, f.name, f.unit, keyword, '=', '!', ';', 'F', {.real_values = v}, n, 1,
-                    status);
-        check_input_error(status, keyword, f);
-        if (status == kw_ok) value = v[0];
-    }
-    bcast_real(value);
+    read_value(f, keyword, 'F', value, def ? &def.value() : nullptr);
 }
 
 void read_logical(const input_file& f, std::string_view keyword, bool& value,
                   std::optional<bool> def = std::nullopt) {
-    if (i_am_master) {
-        if (def) value = *def;
-        bool v[1] = {false};
-        int n = 0, status = 0;
-        get_keyword(false, f.name, f.unit, keyword, '=', '!', ';', 'L', {.log_values = v}, n, 1,
-                    status);
-        check_input_error(status, keyword, f);
-        if (status == kw_ok) value = v[0];
-    }
-    bcast_logical(value);
+    read_value(f, keyword, 'L', value, def ? &def.value() : nullptr);
 }
 
 void read_string(const input_file& f, std::string_view keyword, std::string& value, int max_length,

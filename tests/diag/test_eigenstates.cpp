@@ -17,25 +17,16 @@ namespace {
 using namespace lyrt;
 using namespace lyrt_test;
 
-class Eigenstates : public ::testing::Test {
+class Eigenstates : public lyrt_test::program_test {
   protected:
     void SetUp() override {
-        dir = fresh_dir(::testing::UnitTest::GetInstance()->current_test_info()->name());
-        std::filesystem::current_path(dir);
-        io_reset();
-        trace_reset();
-        on_site_reset();
-        open_units();
+        program_test::SetUp();
         kpt.n_k = 1;
         kpt.weight.allocate({1}, {1});
         kpt.weight(1) = 1.0;
         kpt.k_cart.allocate({1, 1}, {3, 1});
     }
-    void TearDown() override {
-        io_reset();
-        on_site_reset();
-    }
-    std::filesystem::path dir;
+    void TearDown() override { program_test::TearDown(); }
     kpt_type kpt;
 };
 

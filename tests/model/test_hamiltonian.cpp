@@ -15,20 +15,8 @@ namespace {
 using namespace lyrt;
 using namespace lyrt_test;
 
-class Hamiltonian : public ::testing::Test {
+class Hamiltonian : public lyrt_test::program_test {
   protected:
-    void SetUp() override {
-        dir = fresh_dir(::testing::UnitTest::GetInstance()->current_test_info()->name());
-        std::filesystem::current_path(dir);
-        io_reset();
-        trace_reset();
-        on_site_reset();
-        open_units();
-    }
-    void TearDown() override {
-        io_reset();
-        on_site_reset();
-    }
     // Positions (Cartesian) with species, in a cubic cell of edge `cell`.
     static std::string positions(const std::vector<std::array<double, 4>>& ions, double cell,
                                  int n_species) {
@@ -58,7 +46,6 @@ class Hamiltonian : public ::testing::Test {
         }
         return two_species_file(cu, si, h, s);
     }
-    std::filesystem::path dir;
 };
 
 // A random cluster of s p d and s p atoms: the spectra of H and S do not change

@@ -13,16 +13,8 @@ namespace {
 using namespace lyrt;
 using namespace lyrt_test;
 
-class ParameterFile : public ::testing::Test {
+class ParameterFile : public lyrt_test::program_test {
   protected:
-    void SetUp() override {
-        dir = fresh_dir(::testing::UnitTest::GetInstance()->current_test_info()->name());
-        std::filesystem::current_path(dir);
-        io_reset();
-        trace_reset();
-        open_units();
-    }
-    void TearDown() override { io_reset(); }
     std::string read_stop(const std::string& text, int n_species = 1) {
         write_text(dir / "TBPARAM", text);
         std::vector<atomic_type> species;
@@ -36,7 +28,6 @@ class ParameterFile : public ::testing::Test {
         }
         return "";
     }
-    std::filesystem::path dir;
 };
 
 TEST_F(ParameterFile, PublishedSetsReadConvertAndPrint) {

@@ -15,17 +15,8 @@ namespace {
 
 using namespace lyrt;
 
-class Neighbours : public ::testing::Test {
+class Neighbours : public lyrt_test::program_test {
   protected:
-    void SetUp() override {
-        dir = lyrt_test::fresh_dir(::testing::UnitTest::GetInstance()->current_test_info()->name());
-        std::filesystem::current_path(dir);
-        io_reset();
-        trace_reset();
-        open_units();
-    }
-    void TearDown() override { io_reset(); }
-
     // A crystal of conventional cubic cells (lattice constant a) repeated n times.
     void crystal(box_type& box, const std::vector<std::array<double, 3>>& basis, double a, int n) {
         std::string text = "number_of_ions = " + std::to_string(basis.size()) + "\n";
@@ -84,7 +75,6 @@ class Neighbours : public ::testing::Test {
             EXPECT_EQ(ions.nn_hi_list[static_cast<std::size_t>(i - 1)].n_nn, n_hi);
         }
     }
-    std::filesystem::path dir;
 };
 
 const std::vector<std::array<double, 3>> diamond = {

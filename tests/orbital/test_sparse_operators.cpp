@@ -15,20 +15,8 @@ namespace {
 using namespace lyrt;
 using namespace lyrt_test;
 
-class SparseOperators : public ::testing::Test {
+class SparseOperators : public lyrt_test::program_test {
   protected:
-    void SetUp() override {
-        dir = fresh_dir(::testing::UnitTest::GetInstance()->current_test_info()->name());
-        std::filesystem::current_path(dir);
-        io_reset();
-        trace_reset();
-        on_site_reset();
-        open_units();
-    }
-    void TearDown() override {
-        io_reset();
-        on_site_reset();
-    }
     // Eight ions of one species with `count` orbitals (a copper set cut down to that
     // orbital set), in a small cell.
     void build(model_system& s, int count) {
@@ -44,7 +32,6 @@ class SparseOperators : public ::testing::Test {
         x.allocate({1, 1}, {rows, cols});
         for (double& v : x) v = lyrt::random() - 0.5;
     }
-    std::filesystem::path dir;
 };
 
 TEST_F(SparseOperators, KernelsAgreeWithTheGeneralForm) {

@@ -12,22 +12,17 @@ using namespace lyrt;
 using lyrt_test::read_lines;
 
 // Each test starts with an empty stack, fresh report files and no allocation limit.
-class ErrorModule : public ::testing::Test {
+class ErrorModule : public lyrt_test::program_test {
   protected:
     void SetUp() override {
-        dir = lyrt_test::fresh_dir(::testing::UnitTest::GetInstance()->current_test_info()->name());
-        std::filesystem::current_path(dir);
-        io_reset();
-        trace_reset();
+        program_test::SetUp();
         allocate_set_test_limit(-1);
-        open_units();
     }
     void TearDown() override {
         allocate_set_test_limit(-1);
         io_reset();
         trace_reset();
     }
-    std::filesystem::path dir;
 };
 
 TEST_F(ErrorModule, AllocationFailureStopsWithSizeAndName) {

@@ -10,19 +10,15 @@ namespace {
 
 using namespace lyrt;
 
-class ReadInput : public ::testing::Test {
+class ReadInput : public lyrt_test::program_test {
   protected:
     void SetUp() override {
-        dir = lyrt_test::fresh_dir(::testing::UnitTest::GetInstance()->current_test_info()->name());
-        std::filesystem::current_path(dir);
-        io_reset();
-        trace_reset();
-        open_units();
+        program_test::SetUp();
         tb_model.r_cut = 6.6;
         tb_model.pair_pot_used = true;
     }
     void TearDown() override {
-        io_reset();
+        program_test::TearDown();
         trace_reset();
         debug = 0;
     }
@@ -35,7 +31,6 @@ class ReadInput : public ::testing::Test {
         flush(error_unit);
         return lyrt_test::read_lines(dir / "ERRLYRT");
     }
-    std::filesystem::path dir;
     elec_algo_type elec_algo;
     i_algo_type i_algo;
     tb_model_type tb_model;

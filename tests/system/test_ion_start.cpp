@@ -11,14 +11,10 @@ namespace {
 
 using namespace lyrt;
 
-class IonStart : public ::testing::Test {
+class IonStart : public lyrt_test::program_test {
   protected:
     void SetUp() override {
-        dir = lyrt_test::fresh_dir(::testing::UnitTest::GetInstance()->current_test_info()->name());
-        std::filesystem::current_path(dir);
-        io_reset();
-        trace_reset();
-        open_units();
+        program_test::SetUp();
         i_algo.n_steps = 10;
         i_algo.temperature = 500.0;
         i_algo.temp_seed[0] = 123;
@@ -44,7 +40,6 @@ class IonStart : public ::testing::Test {
         ions_total_momentum(p, box.ions);
         return std::max({std::fabs(p[0]), std::fabs(p[1]), std::fabs(p[2])});
     }
-    std::filesystem::path dir;
     box_type box;
     ions_state_type state;
     i_algo_type i_algo;

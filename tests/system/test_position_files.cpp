@@ -12,16 +12,8 @@ namespace {
 
 using namespace lyrt;
 
-class PositionFiles : public ::testing::Test {
+class PositionFiles : public lyrt_test::program_test {
   protected:
-    void SetUp() override {
-        dir = lyrt_test::fresh_dir(::testing::UnitTest::GetInstance()->current_test_info()->name());
-        std::filesystem::current_path(dir);
-        io_reset();
-        trace_reset();
-        open_units();
-    }
-    void TearDown() override { io_reset(); }
     // Reads text as POSLYRT into a fresh box.
     void read(box_type& box, const std::string& text) {
         lyrt_test::write_text(dir / "POSLYRT", text);
@@ -41,7 +33,6 @@ class PositionFiles : public ::testing::Test {
         }
         return "";
     }
-    std::filesystem::path dir;
 };
 
 TEST_F(PositionFiles, ReducedAndCartesianCoordinates) {
