@@ -158,3 +158,31 @@ TEST_F(StaticRuns, EquationsOfState) {
 }
 
 } // namespace
+
+namespace {
+
+// Every shipped example runs to a full report and a continuation file.
+TEST(Examples, ZeroStepRunsWriteTheFullReport) {
+    for (const char* ex : {"si8", "si64", "cu4", "cu32"}) {
+        const auto src = std::filesystem::path(LYRT_SOURCE_DIR) / "examples" / ex;
+        const auto dir = lyrt_test::fresh_dir(std::string("example_") + ex);
+        const run_result r = run_case(dir, read_text(src / "POSLYRT"), read_text(src / "INLYRT"),
+                                      read_text(src / "TBPARAM"));
+        ASSERT_EQ(r.status, 0) << ex;
+        for (const char* piece :
+             {"Number of species =", "PARAMETERS OF THE CALCULATION", "Forces (eV/Ang)",
+              "  Tight-binding   Energy =", "fermi level :", "K-point #", "-- LYRT end --"})
+            EXPECT_NE(r.report.find(piece), std::string::npos) << ex << ": " << piece;
+        EXPECT_LT(r.e_pot, 0.0) << ex; // bound relative to the free atoms
+        // The forces of a perfect crystal vanish.
+        for (const auto& f : r.force)
+            for (double c : f) EXPECT_NEAR(c, 0.0, 1e-7) << ex;
+        // POSCONT read back as POSLYRT gives the same energy.
+        const run_result again = run_case(dir / "again", read_text(dir / "POSCONT"),
+                                          read_text(src / "INLYRT"), read_text(src / "TBPARAM"));
+        ASSERT_EQ(again.status, 0);
+        EXPECT_NEAR(again.e_pot, r.e_pot, 1e-9) << ex;
+    }
+}
+
+} // namespace
