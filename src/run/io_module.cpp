@@ -227,6 +227,8 @@ int unit_read(int unit, std::string& record) {
         if (c == '\n') break;
         record += static_cast<char>(c);
     }
+    // Records of files written with Windows line ends read the same.
+    if (!record.empty() && record.back() == '\r') record.pop_back();
     if (u != nullptr) {
         if (!any) {
             u->hit_eof = true;

@@ -374,7 +374,13 @@ void ions_read_file(box_type& box, ions_type& ions, std::string_view file, int* 
         fatal_error("Could not find key word number_of_ions in file " + name, -1, proc, mod);
     check_input_error(status, "number_of_ions", name);
     n_basis = 0;
-    for (int s = 0; s < n_species; ++s) n_basis += counts[s];
+    for (int s = 0; s < n_species; ++s) {
+        if (counts[s] < 0)
+            fatal_error("number_of_ions needs counts of 0 or more in file " + name, counts[s], proc,
+                        mod);
+        n_basis += counts[s];
+    }
+    if (n_basis == 0) fatal_error("number_of_ions counts no ions in file " + name, 0, proc, mod);
 
     grid[0] = grid[1] = grid[2] = 1;
     int n = 0;

@@ -97,7 +97,8 @@ void init_elec_dim(const ions_type& ions, const kpt_type& kpt, const tb_model_ty
 void init_system_elec() {
     const char* proc = "init_system_elec";
     if (debug > 0) trace_in(proc, mod);
-    if (n_h_dup == 0 || n_proc % n_h_dup != 0)
+    // Counts of 0 or below stand for 1 (and divide every processor count).
+    if (n_h_dup > 0 && n_proc % n_h_dup != 0)
         fatal_error("n_h_dup should be a divider of the # of processors", -1, proc, mod);
     if (n_h_dup <= 0) n_h_dup = 1;
     if (n_h_dup > n_proc) n_h_dup = n_proc;

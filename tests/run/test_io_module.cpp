@@ -96,6 +96,13 @@ TEST_F(IoModule, StatusAndPosition) {
     ASSERT_EQ(unit_open(31, "data.txt", "replace"), 0);
     unit_close(31);
     EXPECT_EQ(read_text(dir / "data.txt"), "");
+    // Windows line ends are not part of the records.
+    lyrt_test::write_text(dir / "crlf.txt", "x = 1\r\ny\r\n");
+    ASSERT_EQ(unit_open(35, "crlf.txt", "old"), 0);
+    std::string crlf;
+    ASSERT_EQ(unit_read(35, crlf), 0);
+    EXPECT_EQ(crlf, "x = 1");
+    unit_close(35);
     // A last record without a line end still counts.
     lyrt_test::write_text(dir / "tail.txt", "a\nb");
     ASSERT_EQ(unit_open(32, "tail.txt", "old"), 0);

@@ -114,6 +114,10 @@ TEST_F(PositionFiles, BadInputStops) {
               "error reading file POSLYRT: lattice vector a_2 not found !");
     EXPECT_EQ(stop_message("number_of_ions = 1\n" + cell + "positions\n0 0 0\nfreeze\nT X\n"),
               "An error occured while reading freezing flags");
+    EXPECT_EQ(stop_message("number_of_ions = 2 -1\n" + cell + "positions\n0 0 0\n"),
+              "number_of_ions needs counts of 0 or more in file POSLYRT");
+    EXPECT_EQ(stop_message("number_of_ions = 0\n" + cell + "positions\n"),
+              "number_of_ions counts no ions in file POSLYRT");
     EXPECT_EQ(stop_message("number_of_ions = x\n" + cell + "positions\n0 0 0\n"),
               "error reading keyword number_of_ions from file POSLYRT error number 5");
     io_reset();
