@@ -188,3 +188,23 @@ TEST(SolverCodes, OrbitalCodesStop) {
 }
 
 } // namespace
+
+namespace {
+
+// A run type with steps but without its loop here goes straight to the final
+// report, which shows the state read in; its data files are started.
+TEST(RunModes, StepsWithoutTheirLoopGiveTheFinalReport) {
+    const auto dir = lyrt_test::fresh_dir("no_loop");
+    const auto src = std::filesystem::path(LYRT_SOURCE_DIR) / "examples/si8";
+    const run_result r = run_case(dir, read_text(src / "POSLYRT"), "n_steps = 3\nionic_algo = 2\n",
+                                  read_text(src / "TBPARAM"));
+    ASSERT_EQ(r.status, 0);
+    EXPECT_NE(r.report.find("FINAL CONFIGURATION"), std::string::npos);
+    EXPECT_NE(r.report.find("   ionic positions will be relaxed using sd"), std::string::npos);
+    const auto ene = read_lines(dir / "ENE");
+    ASSERT_FALSE(ene.empty());
+    EXPECT_EQ(ene[0], "#Step  Epot ions (eV)     Max force (eV)");
+    EXPECT_TRUE(std::filesystem::exists(dir / "POSCONT"));
+}
+
+} // namespace
