@@ -74,8 +74,8 @@ void calc_classical_forces(const box_type& box, ions_type& ions, const tb_model_
             for (int b = a + 1; b <= 3; ++b) (*sig)(b, a) = (*sig)(a, b);
 }
 
-void calc_classical_stress(const box_type& box, const ions_type& ions, const tb_model_type& model,
-                           farray<double, 2>& sig) {
+void calc_classical_stress(const box_type& /*box*/, const ions_type& ions,
+                           const tb_model_type& model, farray<double, 2>& sig) {
     const double half = sum_pair_pot_derivative();
     for (int i = 1; i <= ions.total_n_ions; ++i) {
         const nn_list_type& nl = ions.nn_list[static_cast<std::size_t>(i - 1)];
@@ -88,7 +88,6 @@ void calc_classical_stress(const box_type& box, const ions_type& ions, const tb_
                 for (int b = a; b <= 3; ++b) sig(a, b) -= 0.5 * fac * nl.r_ij(a, n) * nl.r_ij(b, n);
         }
     }
-    (void)box;
     for (int a = 1; a <= 3; ++a)
         for (int b = a + 1; b <= 3; ++b) sig(b, a) = sig(a, b);
 }

@@ -439,7 +439,7 @@ void tb_model_print_param(const tb_model_type& tb_model, int unit) {
                 for (int k = 0; k < 14; ++k)
                     if (has[k])
                         write_fmt(unit, "(A,5E15.6)",
-                                  {labels[k], at[0][k], at[1][k], at[2][k], at[3][k], 0.0});
+                                  {labels[k], at[0][k], at[1][k], at[2][k], at[3][k]});
             };
             print_set("Hamiltonian off-site parameters ", &p.h_a);
             if (tb_model.non_orthogonal) print_set("Overlap off-site parameters ", &p.s_a);

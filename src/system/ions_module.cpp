@@ -685,8 +685,7 @@ void ions_init_velocities(ions_state_type& ions_state, const i_algo_type& i_algo
                 for (int k = 1; k <= 3; ++k) ions.v(k, i) = ions.frozen(k, i) ? 0.0 : random_norm();
             double p[3];
             ions_total_momentum(p, ions);
-            if (i_algo.temperature > 0.0 && debug >= 0)
-                write_free(report_unit, {"Initial total momentum = ", p[0], p[1], p[2]});
+            write_free(report_unit, {"Initial total momentum = ", p[0], p[1], p[2]});
             remove_momentum(ions, 1, p, n_free);
             ions_total_momentum(p, ions);
             const double e_kin = kinetic_energy(ions, 1);
