@@ -228,35 +228,13 @@ void pbc_calc_nn_lists(box_type& box, std::optional<int> n_alloc, bool check) {
     if (debug > 0) trace_out(proc, mod);
 }
 
-void pbc_calc_sb_ion_nn(box_type& box, int i, nn_list_type& nn_list, nn_list_type& nn_hi_list,
-                        const sub_box_type& sb) {
-    ions_type& ions = box.ions;
-    for (int n = 1; n <= sb.nn_sb_list.n_nn; ++n) {
-        const sub_box_type& other =
-            box.sb_list[static_cast<std::size_t>(sb.nn_sb_list.index(n) - 1)];
-        const double* shift = &sb.nn_sb_list.r_ij(1, n);
-        const int* s = &sb.nn_sb_list.trans(1, n);
-        for (int m = 1; m <= other.n_ions; ++m) {
-            const int j = other.ions(m);
-            if (j <= i) continue;
-            double r[3];
-            for (int k = 0; k < 3; ++k) r[k] = ions.r(k + 1, j) + shift[k] - ions.r(k + 1, i);
-            const double r2 = norm2(r);
-            if (box.r_cut2 > r2) {
-                const double d = std::sqrt(r2);
-                nn_add_is(nn_hi_list, j, d, r, s);
-                nn_add_is(nn_list, j, d, r, s);
-                const double mr[3] = {-r[0], -r[1], -r[2]};
-                const int ms[3] = {-s[0], -s[1], -s[2]};
-                nn_add_is(ions.nn_list[static_cast<std::size_t>(j - 1)], i, d, mr, ms);
-            }
-        }
-    }
-}
+namespace {
 
-void pbc_calc_sb_ion_nn_old(box_type& box, int i, nn_list_type& nn_list, nn_list_type& nn_hi_list,
-                            const sub_box_type& sb) {
-    ions_type& ions = box.ions;
+// Calls f(j, r, r2, s) for every ion j of the sub-boxes around sb (j /= i), with r
+// the vector from ion i to j as the sub-box sees it and s its translation.
+template <class F>
+void for_sb_partners(const box_type& box, int i, const sub_box_type& sb, F&& f) {
+    const ions_type& ions = box.ions;
     for (int n = 1; n <= sb.nn_sb_list.n_nn; ++n) {
         const sub_box_type& other =
             box.sb_list[static_cast<std::size_t>(sb.nn_sb_list.index(n) - 1)];
@@ -267,12 +245,34 @@ void pbc_calc_sb_ion_nn_old(box_type& box, int i, nn_list_type& nn_list, nn_list
             if (j == i) continue;
             double r[3];
             for (int k = 0; k < 3; ++k) r[k] = ions.r(k + 1, j) + shift[k] - ions.r(k + 1, i);
-            if (box.r_cut2 > norm2(r)) {
-                nn_add_is(nn_list, j, std::sqrt(norm2(r)), r, s);
-                if (j > i) nn_add_is(nn_hi_list, j, std::sqrt(norm2(r)), r, s);
-            }
+            f(j, r, norm2(r), s);
         }
     }
+}
+
+} // namespace
+
+void pbc_calc_sb_ion_nn(box_type& box, int i, nn_list_type& nn_list, nn_list_type& nn_hi_list,
+                        const sub_box_type& sb) {
+    ions_type& ions = box.ions;
+    for_sb_partners(box, i, sb, [&](int j, const double* r, double r2, const int* s) {
+        if (j < i || !(box.r_cut2 > r2)) return;
+        const double d = std::sqrt(r2);
+        nn_add_is(nn_hi_list, j, d, r, s);
+        nn_add_is(nn_list, j, d, r, s);
+        const double mr[3] = {-r[0], -r[1], -r[2]};
+        const int ms[3] = {-s[0], -s[1], -s[2]};
+        nn_add_is(ions.nn_list[static_cast<std::size_t>(j - 1)], i, d, mr, ms);
+    });
+}
+
+void pbc_calc_sb_ion_nn_old(box_type& box, int i, nn_list_type& nn_list, nn_list_type& nn_hi_list,
+                            const sub_box_type& sb) {
+    for_sb_partners(box, i, sb, [&](int j, const double* r, double r2, const int* s) {
+        if (!(box.r_cut2 > r2)) return;
+        nn_add_is(nn_list, j, std::sqrt(r2), r, s);
+        if (j > i) nn_add_is(nn_hi_list, j, std::sqrt(r2), r, s);
+    });
 }
 
 void pbc_calc_ion_nn_old(box_type& box, int i, nn_list_type& nn_list, nn_list_type& nn_hi_list) {
