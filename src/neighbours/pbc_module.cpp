@@ -65,16 +65,16 @@ double pbc_min_dist(const box_type& box, const double* r_i, const double* r_j) {
     return std::sqrt(pbc_min_dist_sq(box, r_i, r_j));
 }
 
-void pbc_min_vec_old(double* r_ij, const box_type& box, const double* r_i, const double* r_j) {
-    double rp_i[3], rp_j[3];
-    box_r_to_rp(rp_i, box, r_i);
-    box_r_to_rp(rp_j, box, r_j);
+namespace {
+
+// The shortest Cartesian image of the fractional difference d over the cell
+// shifts lo..hi on each axis (axis 3 outermost); the first of equal ones wins.
+void shortest_shift(double* r_ij, const box_type& box, const double* d, int lo, int hi) {
     double best = -1.0;
-    for (int sk = -1; sk <= 1; ++sk)
-        for (int sj = -1; sj <= 1; ++sj)
-            for (int si = -1; si <= 1; ++si) {
-                const double dp[3] = {rp_j[0] - rp_i[0] + si, rp_j[1] - rp_i[1] + sj,
-                                      rp_j[2] - rp_i[2] + sk};
+    for (int sk = lo; sk <= hi; ++sk)
+        for (int sj = lo; sj <= hi; ++sj)
+            for (int si = lo; si <= hi; ++si) {
+                const double dp[3] = {d[0] + si, d[1] + sj, d[2] + sk};
                 double c[3];
                 box_rp_to_r(c, box, dp);
                 if (best < 0.0 || norm2(c) < best) {
@@ -84,6 +84,16 @@ void pbc_min_vec_old(double* r_ij, const box_type& box, const double* r_i, const
                     r_ij[2] = c[2];
                 }
             }
+}
+
+} // namespace
+
+void pbc_min_vec_old(double* r_ij, const box_type& box, const double* r_i, const double* r_j) {
+    double rp_i[3], rp_j[3], d[3];
+    box_r_to_rp(rp_i, box, r_i);
+    box_r_to_rp(rp_j, box, r_j);
+    for (int k = 0; k < 3; ++k) d[k] = rp_j[k] - rp_i[k];
+    shortest_shift(r_ij, box, d, -1, 1);
 }
 
 void pbc_trans_vec(double* out, const double* rp) {
@@ -100,20 +110,7 @@ void min_vec(double* r_ij, const box_type& box, const double* r_i, const double*
     box_r_to_rp(rp_j, box, r_j);
     for (int k = 0; k < 3; ++k) d[k] = rp_j[k] - rp_i[k];
     pbc_trans_vec(f, d);
-    double best = -1.0;
-    for (int sk = -1; sk <= 0; ++sk)
-        for (int sj = -1; sj <= 0; ++sj)
-            for (int si = -1; si <= 0; ++si) {
-                const double dp[3] = {f[0] + si, f[1] + sj, f[2] + sk};
-                double c[3];
-                box_rp_to_r(c, box, dp);
-                if (best < 0.0 || norm2(c) < best) {
-                    best = norm2(c);
-                    r_ij[0] = c[0];
-                    r_ij[1] = c[1];
-                    r_ij[2] = c[2];
-                }
-            }
+    shortest_shift(r_ij, box, f, -1, 0);
 }
 
 void pbc_count_ion_nn(const box_type& box, int i, int& n) {
