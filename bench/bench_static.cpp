@@ -3,15 +3,15 @@
 // the eigensolver, the forces and the rest.
 //
 //   lyrt_bench [n ...]    n: conventional cells per edge (default 2 3 4: 64, 216, 512 atoms)
+#include "base/error_module.hpp"
+#include "base/io_module.hpp"
 #include "diag/diag_module.hpp"
 #include "diag/forces_module.hpp"
 #include "diag/gs_module.hpp"
 #include "model/tb_hs_module.hpp"
 #include "neighbours/pbc_module.hpp"
 #include "parallel/mpi_module.hpp"
-#include "run/error_module.hpp"
-#include "run/io_module.hpp"
-#include "system/system_def_module.hpp"
+#include "run/system_def_module.hpp"
 
 #include <chrono>
 #include <cstdio>

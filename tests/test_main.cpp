@@ -3,9 +3,9 @@
 // units, data files) never land outside it; the folder is removed at exit.
 #include "test_support.hpp"
 
+#include "base/error_module.hpp"
+#include "base/io_module.hpp"
 #include "model/tb_model_module.hpp"
-#include "run/error_module.hpp"
-#include "run/io_module.hpp"
 
 #include <cstdlib>
 #include <filesystem>

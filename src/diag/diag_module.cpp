@@ -1,31 +1,15 @@
 #include "diag/diag_module.hpp"
 
+#include "numerics/lapack_module.hpp"
+
+#include "base/allocate_module.hpp"
+#include "base/error_module.hpp"
+#include "base/io_module.hpp"
 #include "parallel/mpi_module.hpp"
-#include "run/allocate_module.hpp"
-#include "run/error_module.hpp"
-#include "run/io_module.hpp"
 
 #include <vector>
 
 #include <algorithm>
-
-extern "C" {
-void dsyev_(const char* jobz, const char* uplo, const int* n, double* a, const int* lda, double* w,
-            double* work, const int* lwork, int* info);
-void dsyevd_(const char* jobz, const char* uplo, const int* n, double* a, const int* lda, double* w,
-             double* work, const int* lwork, int* iwork, const int* liwork, int* info);
-void dsygv_(const int* itype, const char* jobz, const char* uplo, const int* n, double* a,
-            const int* lda, double* b, const int* ldb, double* w, double* work, const int* lwork,
-            int* info);
-void dsygvd_(const int* itype, const char* jobz, const char* uplo, const int* n, double* a,
-             const int* lda, double* b, const int* ldb, double* w, double* work, const int* lwork,
-             int* iwork, const int* liwork, int* info);
-void zheev_(const char* jobz, const char* uplo, const int* n, lyrt::dcomplex* a, const int* lda,
-            double* w, lyrt::dcomplex* work, const int* lwork, double* rwork, int* info);
-void zhegv_(const int* itype, const char* jobz, const char* uplo, const int* n, lyrt::dcomplex* a,
-            const int* lda, lyrt::dcomplex* b, const int* ldb, double* w, lyrt::dcomplex* work,
-            const int* lwork, double* rwork, int* info);
-}
 
 namespace lyrt {
 

@@ -6,7 +6,7 @@
 // The generalised problems leave the Cholesky factor of s in s.
 #pragma once
 
-#include "numerics/farray.hpp"
+#include "base/farray.hpp"
 #include "parallel/blacs_module.hpp"
 
 namespace lyrt {

@@ -1,12 +1,13 @@
 #include "diag/eig_state_module.hpp"
 
+#include "base/allocate_module.hpp"
+#include "base/error_module.hpp"
+#include "base/io_module.hpp"
 #include "model/tb_hs_module.hpp"
 #include "orbital/acum_delem_module_2.hpp"
 #include "orbital/hs_psi_module.hpp"
 #include "parallel/mpi_module.hpp"
-#include "run/allocate_module.hpp"
-#include "run/error_module.hpp"
-#include "run/io_module.hpp"
+#include "system/constants_module.hpp"
 
 #include <cmath>
 #include <filesystem>
@@ -16,8 +17,8 @@ namespace lyrt {
 namespace {
 
 constexpr const char* mod = "eig_state_module";
-constexpr double bisection_tol = 9.99999993922529e-09;     // single-precision 1e-8
-constexpr double last_state_limit = 1.000000013351432e-10; // single-precision 1e-10
+constexpr double bisection_tol = single_1e_8; // electrons
+constexpr double last_state_limit = single_1e_10;
 
 int n_kpt(const eig_state_type& eig) {
     return eig.kpt->n_k;

@@ -6,11 +6,11 @@
 // energy, the charges and the local energies.
 #pragma once
 
-#include "diag/scc_model_module.hpp"
 #include "model/hamiltonian_module.hpp"
-#include "neighbours/box_module.hpp"
+#include "model/scc_model_module.hpp"
 #include "parallel/blacs_module.hpp"
 #include "parallel/pdist_module.hpp"
+#include "system/box_module.hpp"
 #include "system/kpt_module.hpp"
 
 #include <optional>

@@ -1,6 +1,6 @@
 #include "diag/electrons_module.hpp"
 
-#include "run/error_module.hpp"
+#include "base/error_module.hpp"
 
 namespace lyrt {
 

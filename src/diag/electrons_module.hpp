@@ -1,9 +1,9 @@
 // The electronic state of a run: dimensions and the records of the solvers.
 #pragma once
 
+#include "base/algo_module.hpp"
 #include "diag/eig_state_module.hpp"
-#include "diag/scc_model_module.hpp"
-#include "run/input_module.hpp"
+#include "model/scc_model_module.hpp"
 #include "system/kpt_module.hpp"
 
 #include <string_view>

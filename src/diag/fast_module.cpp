@@ -1,7 +1,6 @@
 #include "diag/fast_module.hpp"
 
-extern "C" double ddot_(const int* n, const double* x, const int* incx, const double* y,
-                        const int* incy);
+#include "numerics/lapack_module.hpp"
 
 namespace lyrt {
 

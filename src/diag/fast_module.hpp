@@ -1,7 +1,7 @@
 // Traces of products of equally shaped arrays, as long dot products.
 #pragma once
 
-#include "numerics/farray.hpp"
+#include "base/farray.hpp"
 
 namespace lyrt {
 

@@ -1,9 +1,10 @@
 #include "diag/forces_module.hpp"
 
+#include "base/error_module.hpp"
+#include "base/io_module.hpp"
+#include "base/timing_module.hpp"
+#include "neighbours/pbc_module.hpp"
 #include "parallel/mpi_module.hpp"
-#include "run/error_module.hpp"
-#include "run/io_module.hpp"
-#include "run/timing_module.hpp"
 
 #include <cmath>
 #include <vector>
@@ -13,34 +14,6 @@ namespace lyrt {
 namespace {
 
 constexpr const char* mod = "forces_module";
-constexpr double self_image_min = 9.999999974752427e-07;
-
-// Visits every pair term of the pair potential: (i, n, vector from i to the
-// partner, its length, self) where self marks an ion's own image.
-template <class F>
-void for_pair_terms(const box_type& box, F&& f) {
-    const ions_type& ions = box.ions;
-    const nn_list_type& ic = box.ic_list;
-    const double r_cut2 = box.r_cut * box.r_cut;
-    for (int i = 1; i <= ions.total_n_ions; ++i) {
-        const nn_list_type& nl = ions.nn_list[static_cast<std::size_t>(i - 1)];
-        if (ic.n_nn < 2) {
-            for (int n = 1; n <= nl.n_nn; ++n) f(i, nl.index(n), &nl.r_ij(1, n), nl.dist(n), false);
-            continue;
-        }
-        for (int c = 1; c <= ic.n_nn; ++c) {
-            const double* tr = &ic.r_ij(1, c);
-            const double d2 = tr[0] * tr[0] + tr[1] * tr[1] + tr[2] * tr[2];
-            if (d2 <= r_cut2 && d2 > self_image_min) f(i, i, tr, std::sqrt(d2), true);
-            for (int n = 1; n <= nl.n_nn; ++n) {
-                const double v[3] = {nl.r_ij(1, n) + tr[0], nl.r_ij(2, n) + tr[1],
-                                     nl.r_ij(3, n) + tr[2]};
-                const double v2 = v[0] * v[0] + v[1] * v[1] + v[2] * v[2];
-                if (v2 <= r_cut2 && v2 > self_image_min) f(i, nl.index(n), v, std::sqrt(v2), false);
-            }
-        }
-    }
-}
 
 } // namespace
 
@@ -49,14 +22,14 @@ void calc_classical_forces(const box_type& box, ions_type& ions, const tb_model_
     const int n = ions.total_n_ions;
     // First pass: the derivative of the embedding function of each ion.
     std::vector<double> phi(static_cast<std::size_t>(n) + 1, 0.0), df(phi.size(), 0.0);
-    for_pair_terms(box, [&](int i, int m, const double*, double r, bool) {
+    pbc_for_pair_terms(box, [&](int i, int m, const double*, double r, bool) {
         phi[static_cast<std::size_t>(i)] +=
             pair_pot(pair_param(model, ions.type(i), ions.type(m)), r);
     });
     for (int i = 1; i <= n; ++i) df[static_cast<std::size_t>(i)] = sum_pair_pot_derivative();
     // Second pass: the force on i from each term, -dE/dr_i with v pointing from i
     // to its partner; an ion's own images move with it and exert no force.
-    for_pair_terms(box, [&](int i, int m, const double* v, double r, bool self) {
+    pbc_for_pair_terms(box, [&](int i, int m, const double* v, double r, bool self) {
         const double dphi = pair_pot_derivative(pair_param(model, ions.type(i), ions.type(m)), r);
         const double weight =
             self ? df[static_cast<std::size_t>(i)]
@@ -78,7 +51,7 @@ void calc_classical_stress(const box_type& /*box*/, const ions_type& ions,
                            const tb_model_type& model, farray<double, 2>& sig) {
     const double half = sum_pair_pot_derivative();
     for (int i = 1; i <= ions.total_n_ions; ++i) {
-        const nn_list_type& nl = ions.nn_list[static_cast<std::size_t>(i - 1)];
+        const nn_list_type& nl = ions_nn_list(ions, i);
         for (int n = 1; n <= nl.n_nn; ++n) {
             const double r = nl.dist(n);
             const double fac =

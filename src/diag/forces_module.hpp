@@ -3,7 +3,7 @@
 
 #include "diag/electrons_module.hpp"
 #include "model/hamiltonian_module.hpp"
-#include "neighbours/box_module.hpp"
+#include "system/box_module.hpp"
 
 #include <optional>
 

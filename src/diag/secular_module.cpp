@@ -1,9 +1,9 @@
 #include "diag/secular_module.hpp"
 
+#include "base/error_module.hpp"
+#include "base/io_module.hpp"
 #include "diag/diag_module.hpp"
 #include "model/tb_hs_module.hpp"
-#include "run/error_module.hpp"
-#include "run/io_module.hpp"
 
 #include <cmath>
 

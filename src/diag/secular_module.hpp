@@ -3,8 +3,8 @@
 // charges while self-consistency is on.
 #pragma once
 
+#include "base/algo_module.hpp"
 #include "diag/eig_state_module.hpp"
-#include "run/input_module.hpp"
 
 namespace lyrt {
 

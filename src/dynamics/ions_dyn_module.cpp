@@ -1,10 +1,10 @@
 #include "dynamics/ions_dyn_module.hpp"
 
+#include "base/error_module.hpp"
+#include "base/io_module.hpp"
 #include "diag/forces_module.hpp"
 #include "diag/gs_module.hpp"
 #include "neighbours/pbc_module.hpp"
-#include "run/error_module.hpp"
-#include "run/io_module.hpp"
 #include "run/output_module.hpp"
 
 namespace lyrt {

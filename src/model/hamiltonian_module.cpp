@@ -1,7 +1,7 @@
 #include "model/hamiltonian_module.hpp"
 
-#include "run/error_module.hpp"
-#include "run/io_module.hpp"
+#include "base/error_module.hpp"
+#include "base/io_module.hpp"
 
 namespace lyrt {
 
@@ -17,7 +17,7 @@ void block_rows(const ions_type& ions, farray<int, 1>& n_blocks, farray<int, 2>&
     ca_integer_2d(block_index, 1, ions.ub_n_nn + 1, 1, n, "block_index", proc, mod);
     block_index.fill(0);
     for (int i = 1; i <= n; ++i) {
-        const nn_list_type& l = ions.nn_list[static_cast<std::size_t>(i - 1)];
+        const nn_list_type& l = ions_nn_list(ions, i);
         if (l.n_nn > ions.ub_n_nn) fatal_error("ions%nn_list(i)%n_nn > ions%ub_n_nn", i, proc, mod);
         n_blocks(i) = l.n_nn + 1;
         block_index(1, i) = i;

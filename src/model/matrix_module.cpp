@@ -1,7 +1,7 @@
 #include "model/matrix_module.hpp"
 
-#include "run/error_module.hpp"
-#include "run/io_module.hpp"
+#include "base/error_module.hpp"
+#include "base/io_module.hpp"
 
 namespace lyrt {
 

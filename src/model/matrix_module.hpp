@@ -2,9 +2,9 @@
 // where each block sits, in packed, unrolled and scattered form.
 #pragma once
 
-#include "numerics/farray.hpp"
+#include "base/allocate_module.hpp"
+#include "base/farray.hpp"
 #include "parallel/pdist_module.hpp"
-#include "run/allocate_module.hpp"
 
 #include <string_view>
 

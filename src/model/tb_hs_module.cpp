@@ -1,10 +1,11 @@
 #include "model/tb_hs_module.hpp"
 
+#include "base/allocate_module.hpp"
+#include "base/error_module.hpp"
+#include "base/io_module.hpp"
+#include "base/timing_module.hpp"
 #include "parallel/mpi_module.hpp"
-#include "run/allocate_module.hpp"
-#include "run/error_module.hpp"
-#include "run/io_module.hpp"
-#include "run/timing_module.hpp"
+#include "system/constants_module.hpp"
 
 #include <cctype>
 #include <cmath>
@@ -14,7 +15,6 @@ namespace lyrt {
 namespace {
 
 constexpr const char* mod = "tb_hs_module";
-constexpr double self_image_min = 9.999999974752427e-07; // squared length of the zero image
 
 bool is_letter(std::string_view s, char c) {
     return !s.empty() && std::toupper(static_cast<unsigned char>(s[0])) == c && s.size() == 1;
@@ -113,7 +113,7 @@ void assemble(hamiltonian_type& ham, const ions_type& ions, const box_type& box,
                 add_pair_terms(paa, rr, std::sqrt(d2), false, want_h, want_s, w);
         }
         store(il, ig, 1, no, no, w);
-        const nn_list_type& nl = ions.nn_list[static_cast<std::size_t>(ig - 1)];
+        const nn_list_type& nl = ions_nn_list(ions, ig);
         if (sd.n_blocks(ig) != nl.n_nn + 1)
             fatal_error("ham%n_blocks(ig) /= n_neigh+1", ig, proc, mod);
         for (int jn = 1; jn <= nl.n_nn; ++jn) {
@@ -398,7 +398,7 @@ void calc_hs_grad_real(hamiltonian_type& ham, const ions_type& ions, const box_t
         const int no = sd.row_block_dim(ig);
         if (no != sd.pblock_dim(1, ig))
             fatal_error("no1 /= ham%desc%pblock_dim(1,ig)", ig, proc, mod);
-        const nn_list_type& nl = ions.nn_list[static_cast<std::size_t>(ig - 1)];
+        const nn_list_type& nl = ions_nn_list(ions, ig);
         if (on_site) {
             w.dh_aa_blk.fill(0.0);
             for (int b = 1; b <= model.n_species; ++b)

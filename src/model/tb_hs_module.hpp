@@ -3,9 +3,9 @@
 // derivatives by ion positions (forces) or by cell strain (stress).
 #pragma once
 
-#include "diag/scc_model_module.hpp"
 #include "model/hamiltonian_module.hpp"
-#include "neighbours/box_module.hpp"
+#include "model/scc_model_module.hpp"
+#include "system/box_module.hpp"
 
 #include <string_view>
 

@@ -1,9 +1,10 @@
 #include "model/tb_model_module.hpp"
 
+#include "base/allocate_module.hpp"
+#include "base/error_module.hpp"
+#include "base/io_module.hpp"
 #include "parallel/mpi_module.hpp"
-#include "run/allocate_module.hpp"
-#include "run/error_module.hpp"
-#include "run/io_module.hpp"
+#include "system/constants_module.hpp"
 #include "system/ions_module.hpp"
 
 #include <cctype>
@@ -24,7 +25,6 @@ constexpr double inv_bohr3 = 6.748342563230852;
 constexpr double sqrt_inv_bohr = 1.3746733713047457;
 constexpr double ry_inv_bohr = 25.711245953622324;
 constexpr double ry_inv_bohr2 = 48.58723253962724;
-constexpr double self_image_min = 9.999999974752427e-07; // squared distance of the cell itself
 
 // Letter 6 of the format token: the pair potential; kept here for correct_units.
 bool pair_pot_flag = false;
@@ -634,7 +634,7 @@ void init_on_site(const tb_model_type& tb_model, const ions_type& ions, const nn
     for (int i = 1; i <= n; ++i) {
         const int a = ions.type(i);
         for (int b = 1; b <= ns; ++b) rho(b, i, 1) = 0.0;
-        const nn_list_type& nl = ions.nn_list[static_cast<std::size_t>(i - 1)];
+        const nn_list_type& nl = ions_nn_list(ions, i);
         const offsite_param_type& paa = pair_param(tb_model, a, a);
         for (int ic = 1; ic <= ic_list.n_nn; ++ic) {
             const double* rr = &ic_list.r_ij(1, ic);
@@ -688,7 +688,7 @@ void init_on_site_grad(const tb_model_type& tb_model, const ions_type& ions,
     };
     for (int i = 1; i <= n; ++i) {
         const int a = ions.type(i);
-        const nn_list_type& nl = ions.nn_list[static_cast<std::size_t>(i - 1)];
+        const nn_list_type& nl = ions_nn_list(ions, i);
         const offsite_param_type& paa = pair_param(tb_model, a, a);
         for (int ic = 1; ic <= ic_list.n_nn; ++ic) {
             const double* rr = &ic_list.r_ij(1, ic);

@@ -6,11 +6,11 @@
 // in eV and Angstrom.
 #pragma once
 
+#include "base/farray.hpp"
 #include "model/ao_module.hpp"
 #include "model/sk_module.hpp"
-#include "neighbours/nn_module.hpp"
-#include "numerics/farray.hpp"
 #include "system/atomic_type_module.hpp"
+#include "system/nn_module.hpp"
 
 #include <string_view>
 #include <vector>

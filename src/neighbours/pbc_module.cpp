@@ -1,11 +1,11 @@
 #include "neighbours/pbc_module.hpp"
 
+#include "base/allocate_module.hpp"
+#include "base/error_module.hpp"
+#include "base/io_module.hpp"
+#include "base/timing_module.hpp"
 #include "numerics/utility_module.hpp"
 #include "parallel/mpi_module.hpp"
-#include "run/allocate_module.hpp"
-#include "run/error_module.hpp"
-#include "run/io_module.hpp"
-#include "run/timing_module.hpp"
 
 #include <cmath>
 
@@ -156,7 +156,7 @@ void pbc_calc_ion_nn(box_type& box, int i, nn_list_type& nn_list, nn_list_type& 
             nn_add_is(nn_list, j, d, r, t);
             const double mr[3] = {-r[0], -r[1], -r[2]};
             const int mt[3] = {-t[0], -t[1], -t[2]};
-            nn_add_is(ions.nn_list[static_cast<std::size_t>(j - 1)], i, d, mr, mt);
+            nn_add_is(ions_nn_list(ions, j), i, d, mr, mt);
         }
     }
 }
@@ -184,16 +184,15 @@ void pbc_calc_nn_lists(box_type& box, std::optional<int> n_alloc, bool check) {
         nn_reset(ions.nn_hi_list[i]);
     }
     for (int i = 1; i <= ions.total_n_ions; ++i)
-        pbc_calc_ion_nn(box, i, ions.nn_list[static_cast<std::size_t>(i - 1)],
-                        ions.nn_hi_list[static_cast<std::size_t>(i - 1)]);
+        pbc_calc_ion_nn(box, i, ions_nn_list(ions, i), ions_nn_hi_list(ions, i));
 
     if (check) {
         // Both ends of a pair must agree; the entry of the lower-numbered ion wins.
         for (int i = 1; i <= ions.total_n_ions; ++i) {
-            nn_list_type& li = ions.nn_list[static_cast<std::size_t>(i - 1)];
+            nn_list_type& li = ions_nn_list(ions, i);
             for (int m = 1; m <= li.n_nn; ++m) {
                 const int j = li.index(m);
-                nn_list_type& lj = ions.nn_list[static_cast<std::size_t>(j - 1)];
+                nn_list_type& lj = ions_nn_list(ions, j);
                 const int p = iscan(
                     i, std::span<const int>(lj.index.data(), static_cast<std::size_t>(lj.n_nn)));
                 if (p < 1 || std::fabs(li.dist(m) - lj.dist(p)) > symmetry_tolerance)
@@ -259,7 +258,7 @@ void pbc_calc_sb_ion_nn(box_type& box, int i, nn_list_type& nn_list, nn_list_typ
         nn_add_is(nn_list, j, d, r, s);
         const double mr[3] = {-r[0], -r[1], -r[2]};
         const int ms[3] = {-s[0], -s[1], -s[2]};
-        nn_add_is(ions.nn_list[static_cast<std::size_t>(j - 1)], i, d, mr, ms);
+        nn_add_is(ions_nn_list(ions, j), i, d, mr, ms);
     });
 }
 

@@ -2,7 +2,10 @@
 // of every ion (full lists and lists of higher-numbered neighbours).
 #pragma once
 
-#include "neighbours/box_module.hpp"
+#include "system/box_module.hpp"
+#include "system/constants_module.hpp"
+
+#include <cmath>
 
 namespace lyrt {
 
@@ -30,5 +33,34 @@ void pbc_calc_ion_nn_old(box_type& box, int i, nn_list_type& nn_list, nn_list_ty
 // Compares pbc_min_vec and min_vec on every pair; a difference of 1e-6 stops the run.
 void pbc_test_min_vec(const box_type& box);
 void pbc_print(const box_type& box, int unit);
+
+// Visits every pair within the cut-off, periodic images included, as
+// f(i, n, vector from i to the partner, its length, self), where self marks an
+// ion's own image. With one image cell the neighbour lists hold the pairs; with
+// several, every image of every neighbour (and of the ion itself) is tried.
+template <class F>
+void pbc_for_pair_terms(const box_type& box, F&& f) {
+    const ions_type& ions = box.ions;
+    const nn_list_type& ic = box.ic_list;
+    const double r_cut2 = box.r_cut * box.r_cut;
+    for (int i = 1; i <= ions.total_n_ions; ++i) {
+        const nn_list_type& nl = ions_nn_list(ions, i);
+        if (ic.n_nn < 2) {
+            for (int n = 1; n <= nl.n_nn; ++n) f(i, nl.index(n), &nl.r_ij(1, n), nl.dist(n), false);
+            continue;
+        }
+        for (int c = 1; c <= ic.n_nn; ++c) {
+            const double* tr = &ic.r_ij(1, c);
+            const double d2 = tr[0] * tr[0] + tr[1] * tr[1] + tr[2] * tr[2];
+            if (d2 <= r_cut2 && d2 > self_image_min) f(i, i, tr, std::sqrt(d2), true);
+            for (int n = 1; n <= nl.n_nn; ++n) {
+                const double v[3] = {nl.r_ij(1, n) + tr[0], nl.r_ij(2, n) + tr[1],
+                                     nl.r_ij(3, n) + tr[2]};
+                const double v2 = v[0] * v[0] + v[1] * v[1] + v[2] * v[2];
+                if (v2 <= r_cut2 && v2 > self_image_min) f(i, nl.index(n), v, std::sqrt(v2), false);
+            }
+        }
+    }
+}
 
 } // namespace lyrt

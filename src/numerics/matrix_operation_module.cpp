@@ -1,12 +1,9 @@
 #include "numerics/matrix_operation_module.hpp"
 
-#include "run/error_module.hpp"
-#include "run/io_module.hpp"
+#include "numerics/lapack_module.hpp"
 
-extern "C" void dgemm_(const char* transa, const char* transb, const int* m, const int* n,
-                       const int* k, const double* alpha, const double* a, const int* lda,
-                       const double* b, const int* ldb, const double* beta, double* c,
-                       const int* ldc);
+#include "base/error_module.hpp"
+#include "base/io_module.hpp"
 
 namespace lyrt {
 

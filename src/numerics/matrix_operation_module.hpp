@@ -1,7 +1,7 @@
 // Products of distributed matrices, kept for a run over several processors.
 #pragma once
 
-#include "numerics/farray.hpp"
+#include "base/farray.hpp"
 
 namespace lyrt {
 

@@ -1,7 +1,7 @@
 #include "numerics/random_module.hpp"
 
-#include "run/error_module.hpp"
-#include "run/io_module.hpp"
+#include "base/error_module.hpp"
+#include "base/io_module.hpp"
 
 #include <array>
 #include <chrono>

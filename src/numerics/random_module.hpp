@@ -2,7 +2,7 @@
 // generator of Marsaglia and Zaman in its RANMAR form.
 #pragma once
 
-#include "numerics/farray.hpp"
+#include "base/farray.hpp"
 
 #include <optional>
 #include <span>

@@ -1,11 +1,12 @@
-// Small numerical and system utilities shared by all units, and the keyword
-// reader through which all text input passes.
+// Small numerical and system utilities shared by all units. The keyword reader
+// get_keyword lives with the lexical library (base/dlexlib).
 //
 // Arrays are 1-based in the routines' descriptions; spans hold element 1 at [0].
 // 3x3 matrices are nine doubles in column-major order: m(i,j) = m[(i-1) + 3(j-1)].
 #pragma once
 
-#include "run/allocate_module.hpp"
+#include "base/allocate_module.hpp"
+#include "base/dlexlib.hpp"
 
 #include <cmath>
 #include <span>
@@ -13,32 +14,6 @@
 #include <string_view>
 
 namespace lyrt {
-
-// ---- keyword reader -----------------------------------------------------------
-
-// Receivers of get_keyword: the one for the type asked for is filled, the others
-// stay untouched. A receiver's size caps the number of values delivered.
-struct keyword_receivers {
-    std::span<int> int_values = {};
-    std::span<double> real_values = {};
-    std::span<dcomplex> cplx_values = {};
-    std::span<bool> log_values = {};
-    std::string* string_value = nullptr;
-};
-
-// Status codes of get_keyword.
-constexpr int kw_ok = 0;
-constexpr int kw_no_file = 2;
-constexpr int kw_not_found = 3;
-constexpr int kw_bad_type = 4;
-constexpr int kw_bad_value = 5;
-
-// Finds `keyword = value` in a file (types I F C L S K, see the input syntax) and
-// reads its value. open_file: open file_name on unit and close it afterwards;
-// otherwise the open unit is rewound. occurrence > 0 takes the n-th match.
-void get_keyword(bool open_file, std::string_view file_name, int unit, std::string_view keyword,
-                 char equals, char comment, char separator, char type, const keyword_receivers& out,
-                 int& n_found, int max_values, int& status, int occurrence = 0);
 
 int iscan(int value, std::span<const int> list); // 1-based position or -1
 void ucase(std::string& s);

@@ -1,6 +1,6 @@
 #include "orbital/hs_psi_module.hpp"
 
-#include "run/timing_module.hpp"
+#include "base/timing_module.hpp"
 
 namespace lyrt {
 

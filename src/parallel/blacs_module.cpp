@@ -1,6 +1,6 @@
 #include "parallel/blacs_module.hpp"
 
-#include "run/io_module.hpp"
+#include "base/io_module.hpp"
 
 namespace lyrt {
 

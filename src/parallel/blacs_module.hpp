@@ -2,8 +2,8 @@
 // processor grid, matrices held whole, and the work arrays of the dense solvers.
 #pragma once
 
-#include "numerics/farray.hpp"
-#include "run/allocate_module.hpp"
+#include "base/allocate_module.hpp"
+#include "base/farray.hpp"
 
 #include <string_view>
 

@@ -5,16 +5,13 @@
 // the data, a global sum or maximum is the local value, and nothing moves.
 #pragma once
 
-#include "numerics/farray.hpp"
+#include "base/farray.hpp"
+#include "base/io_module.hpp"
 
 #include <complex>
 #include <string>
 
 namespace lyrt {
-
-extern int n_proc;       // number of processes (1)
-extern int my_proc;      // own rank, 0-based (0)
-extern bool i_am_master; // my_proc == 0
 
 void init_mpi();
 void close_mpi();

@@ -1,9 +1,8 @@
 #include "parallel/pdist_module.hpp"
 
-#include "numerics/utility_module.hpp"
-#include "run/allocate_module.hpp"
-#include "run/error_module.hpp"
-#include "run/io_module.hpp"
+#include "base/allocate_module.hpp"
+#include "base/error_module.hpp"
+#include "base/io_module.hpp"
 
 #include <algorithm>
 #include <cctype>

@@ -6,7 +6,7 @@
 // block-cyclic count. With one processor all maps are identities.
 #pragma once
 
-#include "numerics/farray.hpp"
+#include "base/farray.hpp"
 
 #include <string>
 #include <string_view>

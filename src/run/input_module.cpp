@@ -1,10 +1,10 @@
 #include "run/input_module.hpp"
 
+#include "base/dlexlib.hpp"
+#include "base/error_module.hpp"
+#include "base/io_module.hpp"
 #include "numerics/utility_module.hpp"
 #include "parallel/mpi_module.hpp"
-#include "run/dlexlib.hpp"
-#include "run/error_module.hpp"
-#include "run/io_module.hpp"
 
 #include <optional>
 

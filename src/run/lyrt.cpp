@@ -5,15 +5,15 @@
 // loop, and close down with the timing lines. A fatal stop anywhere has already
 // written its message and closed the files when it reaches this level; the run
 // then ends with a failure status.
+#include "base/error_module.hpp"
+#include "base/io_module.hpp"
+#include "base/timing_module.hpp"
 #include "dynamics/ions_dyn_module.hpp"
 #include "model/tb_model_module.hpp"
 #include "parallel/mpi_module.hpp"
-#include "run/error_module.hpp"
 #include "run/input_module.hpp"
-#include "run/io_module.hpp"
 #include "run/output_module.hpp"
-#include "run/timing_module.hpp"
-#include "system/system_def_module.hpp"
+#include "run/system_def_module.hpp"
 
 #include <cstdio>
 

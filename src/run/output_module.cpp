@@ -1,9 +1,9 @@
 #include "run/output_module.hpp"
 
+#include "base/error_module.hpp"
+#include "base/io_module.hpp"
 #include "parallel/mpi_module.hpp"
-#include "run/error_module.hpp"
-#include "run/io_module.hpp"
-#include "system/system_def_module.hpp"
+#include "run/system_def_module.hpp"
 
 #include <cmath>
 #include <cstdlib>

@@ -3,7 +3,7 @@
 #pragma once
 
 #include "diag/electrons_module.hpp"
-#include "neighbours/box_module.hpp"
+#include "system/box_module.hpp"
 
 #include <string_view>
 

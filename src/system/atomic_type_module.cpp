@@ -1,7 +1,8 @@
 #include "system/atomic_type_module.hpp"
 
-#include "run/error_module.hpp"
-#include "run/io_module.hpp"
+#include "base/error_module.hpp"
+#include "base/io_module.hpp"
+#include "system/constants_module.hpp"
 
 #include <cctype>
 #include <cmath>
@@ -215,7 +216,7 @@ void atomic_type_init_sym(atomic_type& type, std::string_view symbol) {
 }
 
 void atomic_type_init_mass(atomic_type& type, double mass) {
-    const double tolerance = 0.10000000149011612; // single-precision 0.1
+    const double tolerance = single_0_1; // amu
     int number = n_elements;
     for (int z = 1; z <= n_elements; ++z)
         if (std::fabs(elements[z - 1].mass - mass) < tolerance) {

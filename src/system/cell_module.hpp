@@ -2,7 +2,7 @@
 // and the volume, each with a short time history (slot 1 is the newest).
 #pragma once
 
-#include "numerics/farray.hpp"
+#include "base/farray.hpp"
 
 #include <string_view>
 

@@ -1,6 +1,6 @@
 #include "system/constants_module.hpp"
 
-#include "run/allocate_module.hpp"
+#include "base/allocate_module.hpp"
 
 #include <numbers>
 

@@ -1,13 +1,14 @@
 #include "system/ions_module.hpp"
 
-#include "neighbours/box_module.hpp"
+#include "base/allocate_module.hpp"
+#include "base/dlexlib.hpp"
+#include "base/error_module.hpp"
+#include "base/io_module.hpp"
 #include "numerics/random_module.hpp"
 #include "numerics/utility_module.hpp"
 #include "parallel/mpi_module.hpp"
-#include "run/allocate_module.hpp"
-#include "run/dlexlib.hpp"
-#include "run/error_module.hpp"
-#include "run/io_module.hpp"
+#include "system/box_module.hpp"
+#include "system/constants_module.hpp"
 #include "system/setlat.hpp"
 
 #include <cmath>
@@ -18,9 +19,7 @@ namespace lyrt {
 namespace {
 
 constexpr const char* mod = "ions_module";
-constexpr double tolerance = 9.999999974752427e-07; // single-precision 1e-6
-constexpr double kb_inverse = 11604.5;              // K per eV
-constexpr double ev_per_a3_to_gpa = 160.21766208;
+constexpr double tolerance = single_1e_6;
 
 // Whether the positions file had a velocities block (decides the velocity start).
 bool velocities_read = false;
@@ -615,7 +614,7 @@ void ions_init(ions_state_type& ions_state, i_algo_type& i_algo) {
     i_algo.inv_dt = 1.0 / dt;
     i_algo.inv_2dt = 1.0 / (2.0 * dt);
     i_algo.half_dt = dt / 2.0;
-    i_algo.target_e_kin = 0.5 * ions.dof * i_algo.temperature * 8.617346718945237e-05;
+    i_algo.target_e_kin = 0.5 * ions.dof * i_algo.temperature * k_b;
 
     if (i_algo.thermostat == thermostat_langevin) {
         const int ns = ions.n_species;
@@ -624,7 +623,7 @@ void ions_init(ions_state_type& ions_state, i_algo_type& i_algo) {
                 ca_real_1d(i_algo.lgv_sigma, 1, ns, "i_algo%lgv_sigma", proc, mod);
             for (int s = 1; s <= ns; ++s)
                 i_algo.lgv_sigma(s) = std::sqrt(2.0 * i_algo.friction * ions.mass(s) *
-                                                i_algo.temperature / (dt * kb_inverse));
+                                                i_algo.temperature / (dt * k_b_inverse));
         } else if (i_algo.eom_algo == eom_velocity_verlet) {
             const double g = i_algo.friction, h = dt * g;
             for (farray<double, 1>* a :
@@ -637,7 +636,7 @@ void ions_init(ions_state_type& ions_state, i_algo_type& i_algo) {
                            proc, mod);
             }
             for (int s = 1; s <= ns; ++s) {
-                const double c = i_algo.temperature / (ions.mass(s) * kb_inverse);
+                const double c = i_algo.temperature / (ions.mass(s) * k_b_inverse);
                 const double sr2 =
                     dt * dt * c / h * (2.0 - (3.0 - 4.0 * std::exp(-h) + std::exp(-2.0 * h)) / h);
                 const double sv2 = c * (1.0 - std::exp(-2.0 * h));
@@ -753,7 +752,7 @@ void ions_total_momentum(double* p, const ions_type& ions, int level) {
 void ions_calc_energies(ions_state_type& ions_state, const i_algo_type& i_algo) {
     const ions_type& ions = *ions_state.ions;
     ions_state.e_kin = kinetic_energy(ions, 1);
-    ions_state.temperature = ions.dof > 0 ? 23209.0 * ions_state.e_kin / ions.dof : 0.0;
+    ions_state.temperature = ions.dof > 0 ? two_k_b_inverse * ions_state.e_kin / ions.dof : 0.0;
     ions_state.e_tot = ions_state.e_kin + ions_state.e_pot;
     if (i_algo.thermostat == thermostat_nose)
         ions_state.e_tot += 2.0 * i_algo.target_e_kin * ions_state.nose_x +

@@ -4,11 +4,11 @@
 // POSLYRT and POSCONT; and the starting state of the ions.
 #pragma once
 
-#include "neighbours/nn_module.hpp"
-#include "numerics/farray.hpp"
-#include "run/input_module.hpp"
+#include "base/algo_module.hpp"
+#include "base/farray.hpp"
 #include "system/atomic_type_module.hpp"
 #include "system/cell_module.hpp"
+#include "system/nn_module.hpp"
 
 #include <string>
 #include <string_view>
@@ -69,6 +69,20 @@ struct ions_state_type {
     double boost_factor = 1.0; // time boost of hyper dynamics
     double hyper_time = 0.0;   // boosted time, fs
 };
+
+// The neighbour lists of ion i (numbered from 1).
+inline nn_list_type& ions_nn_list(ions_type& ions, int i) {
+    return ions.nn_list[static_cast<std::size_t>(i - 1)];
+}
+inline const nn_list_type& ions_nn_list(const ions_type& ions, int i) {
+    return ions.nn_list[static_cast<std::size_t>(i - 1)];
+}
+inline nn_list_type& ions_nn_hi_list(ions_type& ions, int i) {
+    return ions.nn_hi_list[static_cast<std::size_t>(i - 1)];
+}
+inline const nn_list_type& ions_nn_hi_list(const ions_type& ions, int i) {
+    return ions.nn_hi_list[static_cast<std::size_t>(i - 1)];
+}
 
 // ---- store ----------------------------------------------------------------------
 void ions_allocate_simple(ions_type& ions, int n);

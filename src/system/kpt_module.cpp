@@ -1,9 +1,9 @@
 #include "system/kpt_module.hpp"
 
-#include "neighbours/box_module.hpp"
+#include "base/error_module.hpp"
+#include "base/io_module.hpp"
 #include "parallel/mpi_module.hpp"
-#include "run/error_module.hpp"
-#include "run/io_module.hpp"
+#include "system/box_module.hpp"
 
 #include <cmath>
 
@@ -108,8 +108,7 @@ void kpt_calc_phase_factors(kpt_type& kpt, const box_type& box) {
 
 dcomplex kpt_get_phase(const kpt_type& kpt, const box_type& box, int ik, int i, int j, int nn) {
     // exp(i k.(r_j + R - r_i)) from the vector of the neighbour entry; 1 at gamma.
-    const double* r =
-        nn > 0 ? &box.ions.nn_list[static_cast<std::size_t>(i - 1)].r_ij(1, nn) : nullptr;
+    const double* r = nn > 0 ? &ions_nn_list(box.ions, i).r_ij(1, nn) : nullptr;
     if (r == nullptr || j == 0) return dcomplex(1.0, 0.0);
     double c, s;
     kpt_calc_phase(c, s, kpt, ik, r);

@@ -3,8 +3,8 @@
 // factors of image cells are all 1.
 #pragma once
 
-#include "numerics/farray.hpp"
-#include "run/allocate_module.hpp"
+#include "base/allocate_module.hpp"
+#include "base/farray.hpp"
 
 #include <string_view>
 #include <vector>

@@ -1,8 +1,8 @@
 #include "system/setlat.hpp"
 
+#include "base/error_module.hpp"
+#include "base/io_module.hpp"
 #include "numerics/utility_module.hpp"
-#include "run/error_module.hpp"
-#include "run/io_module.hpp"
 
 #include <cmath>
 

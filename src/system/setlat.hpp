@@ -5,7 +5,7 @@
 // first index is the vector and the second its Cartesian component.
 #pragma once
 
-#include "numerics/farray.hpp"
+#include "base/farray.hpp"
 
 namespace lyrt {
 

@@ -1,13 +1,11 @@
 #include "model_support.hpp"
+#include "numerics/lapack_module.hpp"
 
 #include "test_support.hpp"
 
 #include <algorithm>
 #include <gtest/gtest.h>
 #include <sstream>
-
-extern "C" void dsyev_(const char* jobz, const char* uplo, const int* n, double* a, const int* lda,
-                       double* w, double* work, const int* lwork, int* info);
 
 namespace lyrt_test {
 

@@ -1,9 +1,9 @@
 // Assembly of H and S and of their gradients: invariances, symmetry, analytic
 // limits and finite differences.
+#include "base/error_module.hpp"
+#include "base/io_module.hpp"
 #include "model_support.hpp"
 #include "numerics/random_module.hpp"
-#include "run/error_module.hpp"
-#include "run/io_module.hpp"
 #include "test_support.hpp"
 
 #include <cmath>

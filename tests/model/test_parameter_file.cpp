@@ -1,7 +1,7 @@
 // The parameter file, the model functions and the Slater-Koster table.
+#include "base/error_module.hpp"
+#include "base/io_module.hpp"
 #include "model_support.hpp"
-#include "run/error_module.hpp"
-#include "run/io_module.hpp"
 #include "test_support.hpp"
 
 #include <cmath>

@@ -1,9 +1,9 @@
 // Image cells, sub-boxes and neighbour lists against crystallography and the
 // invariants of the lists.
+#include "base/error_module.hpp"
+#include "base/io_module.hpp"
 #include "neighbours/pbc_module.hpp"
 #include "numerics/random_module.hpp"
-#include "run/error_module.hpp"
-#include "run/io_module.hpp"
 #include "test_support.hpp"
 
 #include <algorithm>
@@ -46,7 +46,7 @@ class Neighbours : public lyrt_test::program_test {
     void check_invariants(const box_type& box) {
         const ions_type& ions = box.ions;
         for (int i = 1; i <= ions.total_n_ions; ++i) {
-            const nn_list_type& li = ions.nn_list[static_cast<std::size_t>(i - 1)];
+            const nn_list_type& li = ions_nn_list(ions, i);
             int n_hi = 0;
             for (int m = 1; m <= li.n_nn; ++m) {
                 const int j = li.index(m);
@@ -61,7 +61,7 @@ class Neighbours : public lyrt_test::program_test {
                                       li.r_ij(2, m) * li.r_ij(2, m) +
                                       li.r_ij(3, m) * li.r_ij(3, m)),
                             1e-12);
-                const nn_list_type& lj = ions.nn_list[static_cast<std::size_t>(j - 1)];
+                const nn_list_type& lj = ions_nn_list(ions, j);
                 int p = 0;
                 for (int q = 1; q <= lj.n_nn; ++q)
                     if (lj.index(q) == i) p = q;
@@ -72,7 +72,7 @@ class Neighbours : public lyrt_test::program_test {
                     EXPECT_EQ(lj.trans(k, p), -li.trans(k, m));
                 }
             }
-            EXPECT_EQ(ions.nn_hi_list[static_cast<std::size_t>(i - 1)].n_nn, n_hi);
+            EXPECT_EQ(ions_nn_hi_list(ions, i).n_nn, n_hi);
         }
     }
 };
@@ -142,7 +142,7 @@ TEST_F(Neighbours, RandomSkewedCellsAgreeWithBruteForce) {
                         }
                 if (best < r_cut * r_cut) expected.push_back(j);
             }
-            const nn_list_type& l = ions.nn_list[static_cast<std::size_t>(i - 1)];
+            const nn_list_type& l = ions_nn_list(ions, i);
             std::vector<int> got(l.index.data(), l.index.data() + l.n_nn);
             EXPECT_EQ(got, expected) << "ion " << i;
         }
@@ -173,8 +173,7 @@ TEST_F(Neighbours, SubBoxSearchFindsTheSamePairs) {
     for (const sub_box_type& sb : box.sb_list)
         for (int m = 1; m <= sb.n_ions; ++m) {
             const int i = sb.ions(m);
-            pbc_calc_sb_ion_nn(box, i, box.ions.nn_list[static_cast<std::size_t>(i - 1)],
-                               box.ions.nn_hi_list[static_cast<std::size_t>(i - 1)], sb);
+            pbc_calc_sb_ion_nn(box, i, ions_nn_list(box.ions, i), ions_nn_hi_list(box.ions, i), sb);
         }
     for (int i = 0; i < 216; ++i) {
         std::vector<int> a(full[static_cast<std::size_t>(i)].index.data(),

@@ -1,5 +1,5 @@
 // The column-major array: layout, bounds, views and moves.
-#include "numerics/farray.hpp"
+#include "base/farray.hpp"
 
 #include <gtest/gtest.h>
 

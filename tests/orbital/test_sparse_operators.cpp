@@ -1,10 +1,10 @@
 // Sparse block products: each unrolled kernel against the general form and
 // against the dense matrix.
 #include "../model/model_support.hpp"
+#include "base/error_module.hpp"
+#include "base/io_module.hpp"
 #include "numerics/random_module.hpp"
 #include "orbital/hs_psi_module.hpp"
-#include "run/error_module.hpp"
-#include "run/io_module.hpp"
 #include "test_support.hpp"
 
 #include <cmath>

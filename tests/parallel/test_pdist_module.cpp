@@ -1,10 +1,10 @@
 // Index distributions: the worked examples, the invariants for many sizes, and
 // the one-process message layer.
+#include "base/error_module.hpp"
+#include "base/io_module.hpp"
 #include "parallel/blacs_module.hpp"
 #include "parallel/mpi_module.hpp"
 #include "parallel/pdist_module.hpp"
-#include "run/error_module.hpp"
-#include "run/io_module.hpp"
 
 #include <algorithm>
 #include <gtest/gtest.h>

@@ -1,7 +1,7 @@
 // Fatal stops, warnings, the trace stack and accounted allocation.
-#include "run/allocate_module.hpp"
-#include "run/error_module.hpp"
-#include "run/io_module.hpp"
+#include "base/allocate_module.hpp"
+#include "base/error_module.hpp"
+#include "base/io_module.hpp"
 #include "test_support.hpp"
 
 #include <gtest/gtest.h>

@@ -3,7 +3,7 @@
 // Every expected string below was produced by gfortran 12.2 (Debian 12.2.0-14)
 // from a small program that wrote the same items with the same format to
 // standard output; records are joined by '\n' here.
-#include "run/format_module.hpp"
+#include "base/format_module.hpp"
 
 #include <cmath>
 #include <gtest/gtest.h>

@@ -1,7 +1,7 @@
 // read_input on whole keyword files.
-#include "run/error_module.hpp"
+#include "base/error_module.hpp"
+#include "base/io_module.hpp"
 #include "run/input_module.hpp"
-#include "run/io_module.hpp"
 #include "test_support.hpp"
 
 #include <gtest/gtest.h>

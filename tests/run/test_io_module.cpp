@@ -1,6 +1,6 @@
 // File units, the report header and the run of the bare program.
-#include "run/io_module.hpp"
-#include "run/timing_module.hpp"
+#include "base/io_module.hpp"
+#include "base/timing_module.hpp"
 #include "test_support.hpp"
 
 #include <cstring>

@@ -1,7 +1,7 @@
 // The input syntax through get_keyword on real files, and the lexical library.
+#include "base/dlexlib.hpp"
+#include "base/io_module.hpp"
 #include "numerics/utility_module.hpp"
-#include "run/dlexlib.hpp"
-#include "run/io_module.hpp"
 #include "test_support.hpp"
 
 #include <gtest/gtest.h>

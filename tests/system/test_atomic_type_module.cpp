@@ -1,6 +1,6 @@
 // The periodic table against standard data.
-#include "run/error_module.hpp"
-#include "run/io_module.hpp"
+#include "base/error_module.hpp"
+#include "base/io_module.hpp"
 #include "system/atomic_type_module.hpp"
 #include "system/constants_module.hpp"
 

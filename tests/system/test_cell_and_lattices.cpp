@@ -1,6 +1,6 @@
 // The cell, the lattice generator and the k-point list.
-#include "run/error_module.hpp"
-#include "run/io_module.hpp"
+#include "base/error_module.hpp"
+#include "base/io_module.hpp"
 #include "system/cell_module.hpp"
 #include "system/kpt_module.hpp"
 #include "system/setlat.hpp"

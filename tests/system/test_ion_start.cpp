@@ -1,7 +1,7 @@
 // The starting state of the ions: masses, degrees of freedom, velocities.
-#include "neighbours/box_module.hpp"
-#include "run/error_module.hpp"
-#include "run/io_module.hpp"
+#include "base/error_module.hpp"
+#include "base/io_module.hpp"
+#include "system/box_module.hpp"
 #include "test_support.hpp"
 
 #include <cmath>

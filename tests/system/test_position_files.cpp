@@ -1,8 +1,8 @@
 // Position files: every form of POSLYRT, the continuation file POSCONT and the
 // bad-input stops.
-#include "neighbours/box_module.hpp"
-#include "run/error_module.hpp"
-#include "run/io_module.hpp"
+#include "base/error_module.hpp"
+#include "base/io_module.hpp"
+#include "system/box_module.hpp"
 #include "test_support.hpp"
 
 #include <cmath>

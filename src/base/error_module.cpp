@@ -1,7 +1,6 @@
-#include "run/error_module.hpp"
+#include "base/error_module.hpp"
 
-#include "parallel/mpi_module.hpp"
-#include "run/io_module.hpp"
+#include "base/io_module.hpp"
 
 namespace lyrt {
 

@@ -5,9 +5,9 @@
 #include "diag/electrons_module.hpp"
 #include "model/hamiltonian_module.hpp"
 #include "model/tb_model_module.hpp"
-#include "neighbours/box_module.hpp"
 #include "parallel/pdist_module.hpp"
 #include "run/input_module.hpp"
+#include "system/box_module.hpp"
 #include "system/kpt_module.hpp"
 
 #include <string>

@@ -3,10 +3,10 @@
 // into them. Every ionic step folds the ions back into the cell here.
 #pragma once
 
-#include "neighbours/grid_module.hpp"
-#include "neighbours/nn_module.hpp"
 #include "system/cell_module.hpp"
+#include "system/grid_module.hpp"
 #include "system/ions_module.hpp"
+#include "system/nn_module.hpp"
 
 #include <optional>
 #include <vector>

@@ -1,9 +1,13 @@
-#include "run/dlexlib.hpp"
+#include "base/dlexlib.hpp"
 
-#include "run/io_module.hpp"
+#include "base/error_module.hpp"
+#include "base/io_module.hpp"
 
 #include <algorithm>
 #include <cctype>
+#include <cerrno>
+#include <cmath>
+#include <cstdlib>
 #include <vector>
 
 namespace lyrt {
@@ -453,6 +457,251 @@ int nxtfru() {
         if (!unit_is_open(unit)) return unit;
     }
     return -1;
+}
+
+// ---- keyword reader ------------------------------------------------------------
+
+namespace {
+
+// The keyword reader names utility_module in its messages, its home of old.
+constexpr const char* kw_mod = "utility_module";
+constexpr std::size_t record_length = 500; // characters of a record that count
+constexpr char escape = '\\';
+
+// Position of the first `c` not preceded by the escape character, or npos.
+std::size_t unescaped(std::string_view s, char c, std::size_t from = 0) {
+    for (std::size_t i = from; i < s.size(); ++i)
+        if (s[i] == c && (i == 0 || s[i - 1] != escape)) return i;
+    return std::string_view::npos;
+}
+
+std::string blank_free_upper(std::string_view s) {
+    std::string t;
+    for (char ch : s)
+        if (ch != ' ' && ch != '\t') t += ch;
+    upper(t);
+    return t;
+}
+
+std::string undo_escapes(std::string_view s) {
+    std::string t;
+    for (std::size_t i = 0; i < s.size(); ++i) {
+        if (s[i] == escape && i + 1 < s.size() &&
+            (s[i + 1] == '=' || s[i + 1] == '!' || s[i + 1] == ';' || s[i + 1] == escape)) {
+            t += s[i + 1];
+            ++i;
+        } else {
+            t += s[i];
+        }
+    }
+    return t;
+}
+
+bool read_real_token(std::string token, double& v) {
+    for (char& c : token)
+        if (c == 'd' || c == 'D' || c == 'q' || c == 'Q') c = 'E';
+    char* end = nullptr;
+    errno = 0;
+    v = std::strtod(token.c_str(), &end);
+    return end != nullptr && *end == '\0' && !token.empty() && errno == 0;
+}
+
+// Reads the blank-separated items of an expanded value into the receiver.
+bool read_values(const std::string& value, char type, int count, const keyword_receivers& out) {
+    std::vector<std::string> tokens;
+    std::size_t i = 0;
+    while (i < value.size() && static_cast<int>(tokens.size()) < count) {
+        while (i < value.size() && value[i] == ' ') ++i;
+        std::size_t j = i;
+        while (j < value.size() && value[j] != ' ') ++j;
+        if (j > i) tokens.push_back(value.substr(i, j - i));
+        i = j;
+    }
+    if (static_cast<int>(tokens.size()) < count) return false;
+    for (int k = 0; k < count; ++k) {
+        const std::string& t = tokens[static_cast<std::size_t>(k)];
+        const auto ku = static_cast<std::size_t>(k);
+        switch (type) {
+        case 'I': {
+            double v;
+            if (!read_real_token(t, v) || v != std::trunc(v) || std::fabs(v) > 2147483647.0)
+                return false;
+            out.int_values[ku] = static_cast<int>(v);
+            break;
+        }
+        case 'F': {
+            double v;
+            if (!read_real_token(t, v)) return false;
+            out.real_values[ku] = v;
+            break;
+        }
+        case 'L': {
+            const char c0 = static_cast<char>(std::toupper(static_cast<unsigned char>(t[0])));
+            const char c = c0 == '.' && t.size() > 1
+                               ? static_cast<char>(std::toupper(static_cast<unsigned char>(t[1])))
+                               : c0;
+            if (c != 'T' && c != 'F') return false;
+            out.log_values[ku] = c == 'T';
+            break;
+        }
+        case 'C': {
+            if (t.size() < 5 || t.front() != '(' || t.back() != ')') return false;
+            auto comma = t.find(',');
+            double re, im;
+            if (comma == std::string::npos || !read_real_token(t.substr(1, comma - 1), re) ||
+                !read_real_token(t.substr(comma + 1, t.size() - comma - 2), im))
+                return false;
+            out.cplx_values[ku] = std::complex<double>(re, im);
+            break;
+        }
+        default: return false;
+        }
+    }
+    return true;
+}
+
+std::size_t receiver_size(const keyword_receivers& out, char type) {
+    switch (type) {
+    case 'I': return out.int_values.size();
+    case 'F': return out.real_values.size();
+    case 'C': return out.cplx_values.size();
+    case 'L': return out.log_values.size();
+    default: return 0;
+    }
+}
+
+} // namespace
+
+void get_keyword(bool open_file, std::string_view file_name, int unit, std::string_view keyword,
+                 char equals, char comment, char separator, char type_in,
+                 const keyword_receivers& out, int& n_found, int max_values, int& status,
+                 int occurrence) {
+    status = kw_ok;
+    n_found = 0;
+    const char type = static_cast<char>(std::toupper(static_cast<unsigned char>(type_in)));
+    if (std::string_view("IFCSKL").find(type) == std::string_view::npos || type == '\0') {
+        status = kw_bad_type;
+        return;
+    }
+    std::string name(file_name);
+    strip(name, 'L');
+    name.resize(static_cast<std::size_t>(length(name)));
+    if (open_file) {
+        if (name.empty()) {
+            write_free(error_unit, {"File name for input is empty ..."});
+            status = kw_no_file;
+            return;
+        }
+        const int ios = unit_open(unit, name, "old");
+        if (ios != 0) {
+            write_free(error_unit, {"Problem opening file ", name, " IOSTAT=", ios});
+            status = kw_no_file;
+            return;
+        }
+    } else {
+        unit_rewind(unit);
+    }
+    std::string key = blank_free_upper(keyword.substr(0, 255));
+    int count = 0;
+    bool found = false, continued = false;
+    std::string saved, record;
+    auto finish = [&] {
+        if (open_file) unit_close(unit);
+    };
+
+    for (;;) {
+        const int ios = unit_read(unit, record);
+        if (ios < 0) break;
+        if (ios > 0) {
+            finish();
+            fatal_error("Problem reading from file " + name + "IO STATUS CODE = ", ios,
+                        "get_keyword", kw_mod);
+        }
+        if (record.size() > record_length) record.resize(record_length);
+        std::string text = continued ? saved + record : record;
+        if (text.size() > record_length) text.resize(record_length);
+        continued = false;
+        // An odd number of trailing escapes continues the record on the next one.
+        const std::size_t len = static_cast<std::size_t>(length(text));
+        std::size_t n_esc = 0;
+        while (n_esc < len && text[len - 1 - n_esc] == escape) ++n_esc;
+        if (n_esc % 2 == 1) {
+            saved = text.substr(0, len - 1);
+            continued = true;
+            continue;
+        }
+        auto first = text.find_first_not_of(" \t");
+        if (first == std::string::npos) continue;
+        text.erase(0, first);
+        if (text[0] == comment) continue;
+        auto cpos = unescaped(text, comment);
+        if (cpos != std::string::npos) text.resize(cpos);
+
+        std::size_t start = 0;
+        while (start <= text.size()) {
+            auto stop = unescaped(text, separator, start);
+            std::string_view stmt = std::string_view(text).substr(
+                start, stop == std::string::npos ? std::string::npos : stop - start);
+            start = stop == std::string::npos ? text.size() + 1 : stop + 1;
+            const std::string squeezed = blank_free_upper(stmt);
+            if (squeezed.empty() || squeezed.compare(0, key.size(), key) != 0) continue;
+            if (type != 'K' && (squeezed.size() <= key.size() || squeezed[key.size()] != equals))
+                continue;
+            ++count;
+            if (occurrence > 0 && count != occurrence) continue;
+
+            if (type == 'K') {
+                n_found = 1;
+                status = kw_ok;
+                finish();
+                return;
+            }
+            found = true;
+            auto eq = unescaped(stmt, equals);
+            std::string value(eq == std::string_view::npos ? std::string_view()
+                                                           : stmt.substr(eq + 1));
+            if (type == 'S') {
+                value = undo_escapes(value);
+                n_found = length(value);
+                if (max_values > 0 && n_found > max_values) n_found = max_values;
+                if (out.string_value != nullptr)
+                    *out.string_value = value.substr(0, static_cast<std::size_t>(n_found));
+                finish();
+                return;
+            }
+            // Commas separate items like blanks, except inside the pairs of a complex.
+            int depth = 0;
+            for (char& c : value) {
+                if (c == '(') ++depth;
+                if (c == ')') --depth;
+                if (c == ',' && depth == 0) c = ' ';
+                if (c == '\t') c = ' ';
+            }
+            value.resize(record_length, ' ');
+            std::string work;
+            int n = nitems(value, work, true, type);
+            if (n == 0) {
+                status = kw_bad_value;
+                n_found = 0;
+                finish();
+                return;
+            }
+            if (max_values > 0 && n > max_values) n = max_values;
+            const int room = static_cast<int>(receiver_size(out, type));
+            if (n > room) n = room;
+            if (!read_values(value, type, n, out)) {
+                status = kw_bad_value;
+                n_found = 0;
+                finish();
+                return;
+            }
+            n_found = n;
+            finish();
+            return;
+        }
+    }
+    finish();
+    if (!found) status = kw_not_found;
 }
 
 } // namespace lyrt

@@ -1,10 +1,10 @@
-#include "system/system_def_module.hpp"
+#include "run/system_def_module.hpp"
 
+#include "base/error_module.hpp"
+#include "base/io_module.hpp"
 #include "neighbours/pbc_module.hpp"
 #include "numerics/random_module.hpp"
 #include "parallel/mpi_module.hpp"
-#include "run/error_module.hpp"
-#include "run/io_module.hpp"
 #include "system/constants_module.hpp"
 
 namespace lyrt {
@@ -78,7 +78,7 @@ void init_elec_dim(const ions_type& ions, const kpt_type& kpt, const tb_model_ty
         else if (!electrons_given && n_states < n_el / 2)
             fatal_error(few, -1, proc, mod);
     } else {
-        const int s_default = std::max(static_cast<int>(0.6000000238418579 * n_electrons),
+        const int s_default = std::max(static_cast<int>(single_0_6 * n_electrons),
                                        std::max(ions.total_n_ions / 2, 3) + (n_el + 1) / 2);
         if (!states_given) {
             n_states = s_default;

@@ -2,7 +2,7 @@
 // image cells of the box, neighbouring sub-boxes of a sub-box.
 #pragma once
 
-#include "numerics/farray.hpp"
+#include "base/farray.hpp"
 
 #include <string>
 #include <string_view>

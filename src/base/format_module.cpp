@@ -1,4 +1,4 @@
-#include "run/format_module.hpp"
+#include "base/format_module.hpp"
 
 #include <cctype>
 #include <cmath>

@@ -1,6 +1,6 @@
-#include "neighbours/grid_module.hpp"
+#include "system/grid_module.hpp"
 
-#include "run/io_module.hpp"
+#include "base/io_module.hpp"
 
 namespace lyrt {
 

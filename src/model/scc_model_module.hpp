@@ -2,7 +2,7 @@
 // on-site energies by U q, and a double-counting term enters the energy.
 #pragma once
 
-#include "numerics/farray.hpp"
+#include "base/farray.hpp"
 #include "system/ions_module.hpp"
 
 namespace lyrt {

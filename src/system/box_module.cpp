@@ -1,10 +1,11 @@
-#include "neighbours/box_module.hpp"
+#include "system/box_module.hpp"
 
+#include "base/allocate_module.hpp"
+#include "base/error_module.hpp"
+#include "base/io_module.hpp"
+#include "base/timing_module.hpp"
 #include "parallel/mpi_module.hpp"
-#include "run/allocate_module.hpp"
-#include "run/error_module.hpp"
-#include "run/io_module.hpp"
-#include "run/timing_module.hpp"
+#include "system/constants_module.hpp"
 
 #include <cmath>
 
@@ -13,7 +14,7 @@ namespace lyrt {
 namespace {
 
 constexpr const char* mod = "box_module";
-constexpr double degenerate_volume = 9.999999974752427e-07;
+constexpr double degenerate_volume = single_1e_6; // Angstrom^3
 
 // Whole part of the nearest integer, halves rounded away from zero.
 int nearest(double x) {

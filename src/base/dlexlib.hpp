@@ -1,4 +1,5 @@
-// Lexical library of blank-padded strings.
+// Lexical library of blank-padded strings, and the keyword reader get_keyword
+// built on it, through which all text input passes.
 //
 // A string's declared length is its size(); trailing blanks count as absent, and
 // "length" means the position of the last non-blank (0 for a blank string).
@@ -8,6 +9,8 @@
 // two blank lines, followed by "Continuing execution ...".
 #pragma once
 
+#include <complex>
+#include <span>
 #include <string>
 #include <string_view>
 
@@ -59,5 +62,31 @@ void dattyp(std::string_view s, std::string& work, char& type, std::string& form
 
 // First unit from 0 to 99 that is not connected, skipping 0, 5 and 6; -1 if none.
 int nxtfru();
+
+// ---- keyword reader -----------------------------------------------------------
+
+// Receivers of get_keyword: the one for the type asked for is filled, the others
+// stay untouched. A receiver's size caps the number of values delivered.
+struct keyword_receivers {
+    std::span<int> int_values = {};
+    std::span<double> real_values = {};
+    std::span<std::complex<double>> cplx_values = {};
+    std::span<bool> log_values = {};
+    std::string* string_value = nullptr;
+};
+
+// Status codes of get_keyword.
+constexpr int kw_ok = 0;
+constexpr int kw_no_file = 2;
+constexpr int kw_not_found = 3;
+constexpr int kw_bad_type = 4;
+constexpr int kw_bad_value = 5;
+
+// Finds `keyword = value` in a file (types I F C L S K, see the input syntax) and
+// reads its value. open_file: open file_name on unit and close it afterwards;
+// otherwise the open unit is rewound. occurrence > 0 takes the n-th match.
+void get_keyword(bool open_file, std::string_view file_name, int unit, std::string_view keyword,
+                 char equals, char comment, char separator, char type, const keyword_receivers& out,
+                 int& n_found, int max_values, int& status, int occurrence = 0);
 
 } // namespace lyrt

@@ -7,7 +7,7 @@
 // Element sizes count as 4 (integer, logical), 8 (real) and 16 (complex) bytes.
 #pragma once
 
-#include "numerics/farray.hpp"
+#include "base/farray.hpp"
 
 #include <complex>
 #include <cstdint>

@@ -1,6 +1,6 @@
-#include "run/allocate_module.hpp"
+#include "base/allocate_module.hpp"
 
-#include "run/error_module.hpp"
+#include "base/error_module.hpp"
 
 #include <string>
 

@@ -1,4 +1,4 @@
-#include "run/io_module.hpp"
+#include "base/io_module.hpp"
 
 #include <cctype>
 #include <cerrno>
@@ -10,6 +10,10 @@
 #include <unistd.h>
 
 namespace lyrt {
+
+int n_proc = 1;
+int my_proc = 0;
+bool i_am_master = true;
 
 int report_unit = 12;
 int error_unit = 13;

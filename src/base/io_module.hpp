@@ -9,7 +9,7 @@
 // as a Fortran runtime does.
 #pragma once
 
-#include "run/format_module.hpp"
+#include "base/format_module.hpp"
 
 #include <cstddef>
 #include <string>
@@ -19,6 +19,12 @@
 namespace lyrt {
 
 constexpr int stdout_unit = 6;
+
+// The identity of this process. The message layer sets it in init_mpi; the
+// file layer and the fatal path read it, since only process 0 writes.
+extern int n_proc;       // number of processes (1)
+extern int my_proc;      // own rank, 0-based (0)
+extern bool i_am_master; // my_proc == 0
 
 // Fixed unit numbers of the run's streams.
 extern int report_unit; // 12, OUTLYRT

@@ -1,8 +1,8 @@
-#include "diag/scc_model_module.hpp"
+#include "model/scc_model_module.hpp"
 
-#include "run/allocate_module.hpp"
-#include "run/error_module.hpp"
-#include "run/io_module.hpp"
+#include "base/allocate_module.hpp"
+#include "base/error_module.hpp"
+#include "base/io_module.hpp"
 
 namespace lyrt {
 

@@ -1,8 +1,8 @@
-#include "neighbours/nn_module.hpp"
+#include "system/nn_module.hpp"
 
+#include "base/allocate_module.hpp"
+#include "base/error_module.hpp"
 #include "parallel/mpi_module.hpp"
-#include "run/allocate_module.hpp"
-#include "run/error_module.hpp"
 
 namespace lyrt {
 
