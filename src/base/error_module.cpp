@@ -2,6 +2,8 @@
 
 #include "base/io_module.hpp"
 
+#include <exception>
+
 namespace lyrt {
 
 namespace {
@@ -110,6 +112,16 @@ void trace_out(std::string_view procedure, std::string_view module) {
         }
     }
     trace_line("Leaving ", procedure, module);
+}
+
+trace_guard::trace_guard(std::string_view procedure_in, std::string_view module_in)
+    : procedure(procedure_in), module(module_in), active(debug > 0),
+      exceptions_at_entry(std::uncaught_exceptions()) {
+    if (active) trace_in(procedure, module);
+}
+
+trace_guard::~trace_guard() {
+    if (active && std::uncaught_exceptions() == exceptions_at_entry) trace_out(procedure, module);
 }
 
 void trace_print_stack() {

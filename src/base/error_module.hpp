@@ -39,6 +39,21 @@ void trace_in(std::string_view procedure, std::string_view module);
 void trace_out(std::string_view procedure, std::string_view module);
 void trace_print_stack();
 
+// Brackets a routine in the call trace when debug is above 0 at its entry: the
+// level is pushed here and popped when the routine is left by any return. When
+// the routine is left by a fatal stop the level stays, so that the stack keeps
+// the place where the run stopped.
+struct trace_guard {
+    trace_guard(std::string_view procedure, std::string_view module);
+    ~trace_guard();
+    trace_guard(const trace_guard&) = delete;
+    trace_guard& operator=(const trace_guard&) = delete;
+    std::string_view procedure;
+    std::string_view module;
+    bool active = false;
+    int exceptions_at_entry = 0;
+};
+
 // Read access to the stack, for tests and the report.
 int trace_depth();
 const std::string& trace_procedure(int level); // 32 characters, blank padded

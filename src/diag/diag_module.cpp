@@ -87,30 +87,26 @@ void calc_gen_eigen_real_lp(char jobz, farray<double, 2>& h, farray<double, 2>& 
 
 void calc_eigen_values_real(farray<double, 2>& h, int n, farray<double, 1>& en,
                             blacs_distr_type& d) {
-    if (debug > 0) trace_in("calc_eigen_values_real", mod);
+    const trace_guard trace("calc_eigen_values_real", mod);
     calc_eigen_real_lp('N', h, n, en, nullptr, d);
-    if (debug > 0) trace_out("calc_eigen_values_real", mod);
 }
 
 void calc_eigen_vectors_real(farray<double, 2>& h, int n, farray<double, 1>& en,
                              farray<double, 2>& x, blacs_distr_type& d) {
-    if (debug > 0) trace_in("calc_eigen_vectors_real", mod);
+    const trace_guard trace("calc_eigen_vectors_real", mod);
     calc_eigen_real_lp('V', h, n, en, &x, d);
-    if (debug > 0) trace_out("calc_eigen_vectors_real", mod);
 }
 
 void calc_gen_eigen_values_real(farray<double, 2>& h, farray<double, 2>& s, int n,
                                 farray<double, 1>& en, blacs_distr_type& d) {
-    if (debug > 0) trace_in("calc_gen_eigen_values_real", mod);
+    const trace_guard trace("calc_gen_eigen_values_real", mod);
     calc_gen_eigen_real_lp('N', h, s, n, en, nullptr, d);
-    if (debug > 0) trace_out("calc_gen_eigen_values_real", mod);
 }
 
 void calc_gen_eigen_vectors_real(farray<double, 2>& h, farray<double, 2>& s, int n,
                                  farray<double, 1>& en, farray<double, 2>& x, blacs_distr_type& d) {
-    if (debug > 0) trace_in("calc_gen_eigen_vectors_real", mod);
+    const trace_guard trace("calc_gen_eigen_vectors_real", mod);
     calc_gen_eigen_real_lp('V', h, s, n, en, &x, d);
-    if (debug > 0) trace_out("calc_gen_eigen_vectors_real", mod);
 }
 
 namespace {

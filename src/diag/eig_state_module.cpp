@@ -426,7 +426,7 @@ void setup_dh_dm_r(const hamiltonian_type& ham, const farray<double, 2>& psi, co
 void eig_forces_dm(hamiltonian_type& ham, ions_type& ions, const box_type& box, eig_state_type& eig,
                    bool /*calc_stress*/, double fboost, const scc_type* scc) {
     const char* proc = "eig_forces_dm";
-    if (debug > 0) trace_in(proc, mod);
+    const trace_guard trace(proc, mod);
     const int nk = n_kpt(eig), ns = eig.n_states;
     const bool non_orth = ham.tb_model->non_orthogonal;
     const double sigma = eig.kpt->sigma;
@@ -466,7 +466,6 @@ void eig_forces_dm(hamiltonian_type& ham, ions_type& ions, const box_type& box, 
     cd_real_1d(dm_diag, "dm_diag", proc, mod);
     cd_real_2d(wf, "wf", proc, mod);
     cd_real_2d(wen, "wen", proc, mod);
-    if (debug > 0) trace_out(proc, mod);
 }
 
 } // namespace lyrt

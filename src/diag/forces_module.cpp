@@ -69,7 +69,7 @@ void forces_calc(hamiltonian_type& ham, ions_type& ions, box_type& box, const i_
                  elec_state_type& elec, const elec_algo_type& elec_algo,
                  std::optional<double> fboost) {
     const char* proc = "calc_ionic_forces";
-    if (debug > 0) trace_in(proc, "forces_module");
+    const trace_guard trace(proc, "forces_module");
     const double start = utime();
     const double boost = fboost ? *fboost : 1.0;
     const tb_model_type& model = *ham.tb_model;
@@ -113,7 +113,6 @@ void forces_calc(hamiltonian_type& ham, ions_type& ions, box_type& box, const i_
         }
     }
     write_free(timing_unit, {my_proc, "calc_ionic_forces", utime() - start, "sec"});
-    if (debug > 0) trace_out(proc, "forces_module");
 }
 
 void print_ionic_forces(const ions_type& ions, int unit) {

@@ -20,7 +20,7 @@ constexpr const char* mod = "gs_module";
 void gs_calc(box_type& box, ions_state_type& ions_state, elec_state_type& elec,
              elec_algo_type& elec_algo, hamiltonian_type& ham, bool calc_elocal) {
     const char* proc = "gs_calc";
-    if (debug > 0) trace_in(proc, mod);
+    const trace_guard trace(proc, mod);
     const double start = utime();
     ions_type& ions = *ions_state.ions;
     const tb_model_type& model = *ham.tb_model;
@@ -57,7 +57,6 @@ void gs_calc(box_type& box, ions_state_type& ions_state, elec_state_type& elec,
     if (model.pair_pot_used)
         gs_calc_classical_energy(box, ions_state, model, calc_elocal, ions.e_local);
     write_free(timing_unit, {my_proc, "gs_calc", utime() - start, "sec"});
-    if (debug > 0) trace_out(proc, mod);
 }
 
 void gs_calc_classical_energy(const box_type& box, ions_state_type& ions_state,

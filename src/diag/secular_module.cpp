@@ -21,7 +21,7 @@ void solve_secular_eqn(hamiltonian_type& ham, ions_type& ions, const box_type& b
                        eig_state_type& eig, scc_type& scc, const elec_algo_type& elec_algo,
                        char hs_mode, char jobz, bool calc_elocal, farray<double, 1>& elocal) {
     const char* proc = "solve_secular_eqn";
-    if (debug > 0) trace_in(proc, mod);
+    const trace_guard trace(proc, mod);
     const double mix = elec_algo.charge_mixing, keep = 1.0 - mix;
     const double tol = elec_algo.energy_tol;
     double e_new = 0.0, e_old = 0.0, rel = 1.0;
@@ -120,7 +120,6 @@ void solve_secular_eqn(hamiltonian_type& ham, ions_type& ions, const box_type& b
     } else if (calc_elocal) {
         for (int i = 1; i <= ions.total_n_ions; ++i) ions.qion(i) -= scc.qi0(i);
     }
-    if (debug > 0) trace_out(proc, mod);
 }
 
 } // namespace lyrt

@@ -16,7 +16,7 @@ constexpr const char* mod = "ions_dyn_module";
 void ions_static(box_type& box, ions_state_type& ions_state, i_algo_type& i_algo,
                  elec_state_type* elec, elec_algo_type& elec_algo, hamiltonian_type& ham) {
     const char* proc = "ions_static";
-    if (debug > 0) trace_in(proc, mod);
+    const trace_guard trace(proc, mod);
     box_ions_fill_sb(box);
     pbc_calc_nn_lists(box);
     if (debug > 1) pbc_print(box, report_unit);
@@ -28,13 +28,12 @@ void ions_static(box_type& box, ions_state_type& ions_state, i_algo_type& i_algo
     if (i_algo.calc_forces) forces_calc(ham, box.ions, box, i_algo, e, elec_algo);
     ions_calc_energies(ions_state, i_algo);
     print_system_status(box, ions_state, i_algo, elec, elec_algo, *ham.tb_model, report_unit);
-    if (debug > 0) trace_out(proc, mod);
 }
 
 void ions_main_loop(box_type& box, ions_state_type& ions_state, i_algo_type& i_algo,
                     elec_state_type* elec, elec_algo_type& elec_algo, hamiltonian_type& ham) {
     const char* proc = "ions_main_loop";
-    if (debug > 0) trace_in(proc, mod);
+    const trace_guard trace(proc, mod);
     if (i_algo.n_steps > 0) {
         ions_state.final_call = 0;
         ions_state.skip_save = -1;
@@ -48,7 +47,6 @@ void ions_main_loop(box_type& box, ions_state_type& ions_state, i_algo_type& i_a
     } else {
         ions_static(box, ions_state, i_algo, elec, elec_algo, ham);
     }
-    if (debug > 0) trace_out(proc, mod);
 }
 
 double sum_local_energy(const ions_type& ions) {

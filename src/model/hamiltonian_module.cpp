@@ -30,7 +30,7 @@ void block_rows(const ions_type& ions, farray<int, 1>& n_blocks, farray<int, 2>&
 void hamiltonian_init(hamiltonian_type& ham, const ions_type& ions, const tb_model_type& tb_model,
                       const pdist_type& row_pdist, const pdist_type& col_pdist, bool allocate_h) {
     const char* proc = "hamiltonian_init";
-    if (debug > 0) trace_in(proc, mod);
+    const trace_guard trace(proc, mod);
     ham.tb_model = &tb_model;
     if (!tb_model.classical) {
         const int n = ions.total_n_ions;
@@ -62,7 +62,6 @@ void hamiltonian_init(hamiltonian_type& ham, const ions_type& ions, const tb_mod
     ham.e_atoms = 0.0;
     for (int s = 1; s <= tb_model.n_species && s <= ions.n_species; ++s)
         ham.e_atoms += ions.n_ions(s) * (tb_model.e_atom.allocated() ? tb_model.e_atom(s) : 0.0);
-    if (debug > 0) trace_out(proc, mod);
 }
 
 void hamiltonian_reinit(hamiltonian_type& ham, const ions_type& ions) {

@@ -59,7 +59,7 @@ void cal_charge_aux(const scc_type& scc, const farray<double, 1>& q, farray<doub
 }
 
 double get_scc_detot(const scc_type& scc, double x, const farray<double, 1>& q) {
-    if (debug > 0) trace_in("get_scc_energy", mod);
+    const trace_guard trace("get_scc_energy", mod);
     double e = x * scc.q_total;
     if (scc.used) {
         double s1 = 0.0, s2 = 0.0;
@@ -69,7 +69,6 @@ double get_scc_detot(const scc_type& scc, double x, const farray<double, 1>& q) 
         }
         e -= 0.5 * s1 + s2;
     }
-    if (debug > 0) trace_out("get_scc_energy", mod);
     return e;
 }
 

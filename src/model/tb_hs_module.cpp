@@ -143,7 +143,7 @@ void assemble(hamiltonian_type& ham, const ions_type& ions, const box_type& box,
 void calc_hs_real(hamiltonian_type& ham, const ions_type& ions, const box_type& box,
                   std::string_view which) {
     const char* proc = "calc_hs_real";
-    if (debug > 0) trace_in(proc, mod);
+    const trace_guard trace(proc, mod);
     const double start = utime();
     const tb_model_type& model = *ham.tb_model;
     bool want_h, want_s;
@@ -175,7 +175,6 @@ void calc_hs_real(hamiltonian_type& ham, const ions_type& ions, const box_type& 
         proc);
     work_free(w, proc);
     write_free(timing_unit, {my_proc, "calc_hs_real", utime() - start, "sec"});
-    if (debug > 0) trace_out(proc, mod);
 }
 
 namespace {
@@ -207,7 +206,7 @@ void add_scc_terms(const hamiltonian_type& ham, const scc_type& scc, farray<doub
 void calc_hs_ij_real(hamiltonian_type& ham, const ions_type& ions, const box_type& box,
                      const scc_type* scc, farray<double, 2>* h_ij, farray<double, 2>* s_ij) {
     const char* proc = "calc_hs_ij_real";
-    if (debug > 0) trace_in(proc, mod);
+    const trace_guard trace(proc, mod);
     dense_checks(ham, scc, h_ij, s_ij, proc);
     const sparse_1d_matrix_desc_type& sd = ham.desc;
     hs_work w;
@@ -233,7 +232,6 @@ void calc_hs_ij_real(hamiltonian_type& ham, const ions_type& ions, const box_typ
         proc);
     if (scc != nullptr) add_scc_terms(ham, *scc, *h_ij);
     work_free(w, proc);
-    if (debug > 0) trace_out(proc, mod);
 }
 
 void get_hs_ij_real(const hamiltonian_type& ham, farray<double, 2>* h_ij, farray<double, 2>* s_ij,
@@ -261,10 +259,7 @@ void get_hs_ij_real(const hamiltonian_type& ham, farray<double, 2>* h_ij, farray
 }
 
 void calc_hs_ij_bc2d_real(const hamiltonian_type& /*ham*/) {
-    if (debug > 0) {
-        trace_in("calc_hs_ij_bc2d_real", mod);
-        trace_out("calc_hs_ij_bc2d_real", mod);
-    }
+    const trace_guard trace("calc_hs_ij_bc2d_real", mod);
 }
 
 namespace {
@@ -330,7 +325,7 @@ void add_pair_gradient(const offsite_param_type& p, const double* v, double d, b
 void calc_hs_grad_real(hamiltonian_type& ham, const ions_type& ions, const box_type& box,
                        std::string_view which, std::string_view strain) {
     const char* proc = "calc_hs_grad_real";
-    if (debug > 0) trace_in(proc, mod);
+    const trace_guard trace(proc, mod);
     const double start = utime();
     const tb_model_type& model = *ham.tb_model;
     bool want_h, want_s;
@@ -448,7 +443,6 @@ void calc_hs_grad_real(hamiltonian_type& ham, const ions_type& ions, const box_t
     for (const auto& [a, name] : blocks) cd_real_2d(*a, name, proc, mod);
     cd_real_2d(w.dh_aa_blk, "dh_aa_blk", proc, mod);
     write_free(timing_unit, {my_proc, "calc_hs_grad_real", utime() - start, "sec"});
-    if (debug > 0) trace_out(proc, mod);
 }
 
 void print_matrix_real(const farray<double, 2>& m, int unit) {

@@ -198,7 +198,7 @@ double density_term(const offsite_param_type& p, double d) {
 void tb_model_read_param(std::vector<atomic_type>& species, tb_model_type& tb_model,
                          std::string_view file_name, int n_species_of_ions) {
     const char* proc = "tb_model_read_param";
-    if (debug > 0) trace_in(proc, mod);
+    const trace_guard trace(proc, mod);
     const std::string name(file_name);
     if (i_am_master) {
         param_reader rd{next_free_unit(), name};
@@ -331,7 +331,6 @@ void tb_model_read_param(std::vector<atomic_type>& species, tb_model_type& tb_mo
     tb_model_bcast(tb_model);
     tb_model.pair_pot_used = tb_model.pair_pot;
     tb_init_atm_energies(tb_model);
-    if (debug > 0) trace_out(proc, mod);
 }
 
 void correct_units(offsite_param_type& p) {

@@ -126,7 +126,7 @@ void pbc_count_ion_nn(const box_type& box, int i, int& n) {
 
 void pbc_calc_max_nn(box_type& box) {
     const char* proc = "pbc_calc_max_nn";
-    if (debug > 0) trace_in(proc, mod);
+    const trace_guard trace(proc, mod);
     const double start = utime();
     ions_type& ions = box.ions;
     int largest = 0;
@@ -140,7 +140,6 @@ void pbc_calc_max_nn(box_type& box) {
     ions.max_n_nn = largest;
     ions.ub_n_nn = std::min(2 * largest, ions.total_n_ions - 1);
     write_free(timing_unit, {my_proc, "pbc_calc_max_nn", utime() - start, "sec"});
-    if (debug > 0) trace_out(proc, mod);
 }
 
 void pbc_calc_ion_nn(box_type& box, int i, nn_list_type& nn_list, nn_list_type& nn_hi_list) {
@@ -163,7 +162,7 @@ void pbc_calc_ion_nn(box_type& box, int i, nn_list_type& nn_list, nn_list_type& 
 
 void pbc_calc_nn_lists(box_type& box, std::optional<int> n_alloc, bool check) {
     const char* proc = "pbc_init_nn_lists";
-    if (debug > 0) trace_in(proc, mod);
+    const trace_guard trace(proc, mod);
     const double start = utime();
     ions_type& ions = box.ions;
     const auto n = static_cast<std::size_t>(ions.total_n_ions);
@@ -221,7 +220,6 @@ void pbc_calc_nn_lists(box_type& box, std::optional<int> n_alloc, bool check) {
         fatal_error("The maximum # of NN is larger than the maximum allowed!", ions.max_n_nn, proc,
                     mod);
     write_free(timing_unit, {my_proc, "pbc_init_nn_lists", utime() - start, "sec"});
-    if (debug > 0) trace_out(proc, mod);
 }
 
 namespace {

@@ -60,7 +60,7 @@ void finish_maps(pdist_type& pd, farray<int, 1>& offset_on_pe) {
 void pdist_init(pdist_type& pd, int n, int block_size, int n_proc, int my_proc,
                 std::string_view method) {
     const char* proc = "pdist_init";
-    if (debug > 0) trace_in(proc, mod);
+    const trace_guard trace(proc, mod);
     pd.n_proc = n_proc;
     pd.my_proc = my_proc;
     pd.n = n;
@@ -126,7 +126,6 @@ void pdist_init(pdist_type& pd, int n, int block_size, int n_proc, int my_proc,
     finish_maps(pd, offset_on_pe);
     check_pe_map(pd, proc);
     cd_integer_1d(offset_on_pe, "offset_on_pe", proc, mod);
-    if (debug > 0) trace_out(proc, mod);
 }
 
 namespace {
@@ -182,19 +181,18 @@ void generate(pdist_type& pd, const pdist_type& blk_pd, const farray<int, 1>& di
 void pdist_generate(pdist_type& pd, const pdist_type& blk_pd, const farray<int, 1>& dim,
                     farray<int, 1>* blk_offset, farray<int, 1>* blk_dim) {
     const char* proc = "pdist_generate";
-    if (debug > 0) trace_in(proc, mod);
+    const trace_guard trace(proc, mod);
     std::vector<int> first(static_cast<std::size_t>(blk_pd.n) + 1, 1);
     for (int b = 2; b <= blk_pd.n; ++b)
         first[static_cast<std::size_t>(b)] = first[static_cast<std::size_t>(b - 1)] + dim(b - 1);
     generate(pd, blk_pd, dim, first, blk_offset, blk_dim, proc);
-    if (debug > 0) trace_out(proc, mod);
 }
 
 void pdist_generate_indexed(pdist_type& pd, const pdist_type& blk_pd, const farray<int, 1>& dim,
                             const farray<int, 1>& index, farray<int, 1>* blk_offset,
                             farray<int, 1>* blk_dim) {
     const char* proc = "pdist_generate_indexed";
-    if (debug > 0) trace_in(proc, mod);
+    const trace_guard trace(proc, mod);
     std::vector<int> order(index.begin(), index.end());
     std::sort(order.begin(), order.end());
     std::vector<int> first(static_cast<std::size_t>(blk_pd.n) + 1, 1);
@@ -204,7 +202,6 @@ void pdist_generate_indexed(pdist_type& pd, const pdist_type& blk_pd, const farr
         running += dim(b);
     }
     generate(pd, blk_pd, dim, first, blk_offset, blk_dim, proc);
-    if (debug > 0) trace_out(proc, mod);
 }
 
 void pdist_dist_index(const pdist_type& pd, const farray<int, 1>& index, farray<int, 1>& l_index,

@@ -117,7 +117,7 @@ const data_file_kind data_file_kinds[] = {
 
 void save_to_file(int unit, std::string_view file_name, i_algo_type& i_algo) {
     if (i_am_master) {
-        i_algo.save_to_file = save_pos + save_ene;
+        i_algo.save_to_file = i_algo_type{}.save_to_file;
         data_file_names = data_file_names_type{};
         data_file_names.pos = "POS";
         data_file_names.ene = "ENE";
@@ -152,8 +152,8 @@ void save_to_file(int unit, std::string_view file_name, i_algo_type& i_algo) {
 void read_input(std::string_view file_name, elec_algo_type& elec_algo, i_algo_type& i_algo,
                 tb_model_type& tb_model, kpt_type& kpt, std::string& system_name,
                 double& n_electrons, int& n_states, int& n_h_dup) {
-    const bool traced = debug > 0; // debug itself is one of the keywords read here
-    if (traced) trace_in("read_input", mod);
+    // debug itself is one of the keywords read here: the guard keeps its value at entry.
+    const trace_guard trace("read_input", mod);
     input_file f{-1, std::string(file_name)};
     if (i_am_master) {
         f.unit = next_free_unit();
@@ -163,53 +163,56 @@ void read_input(std::string_view file_name, elec_algo_type& elec_algo, i_algo_ty
     }
     barrier();
 
+    // The records' initialisers are the keywords' defaults.
+    const elec_algo_type de{};
+    const i_algo_type di{};
     read_string(f, "system_name", system_name, 80, "unknown");
     read_real(f, "r_cut", tb_model.r_cut, tb_model.r_cut);
     read_real(f, "lo_rad", elec_algo.lo_rad, tb_model.r_cut);
-    read_int(f, "nh", elec_algo.nh, -1);
-    read_int(f, "elec_gs_algo", elec_algo.gs, 2);
+    read_int(f, "nh", elec_algo.nh, de.nh);
+    read_int(f, "elec_gs_algo", elec_algo.gs, de.gs);
     read_real(f, "number_of_electrons", n_electrons, -1.0);
     read_real(f, "n_electrons", n_electrons);
     read_int(f, "number_of_states", n_states, -1);
     read_int(f, "n_states", n_states);
-    read_int(f, "ns_extra", elec_algo.ns_extra, 0);
+    read_int(f, "ns_extra", elec_algo.ns_extra, de.ns_extra);
     read_int(f, "elec_md_algo", elec_algo.md, elec_algo.gs);
-    read_int(f, "ionic_algo", i_algo.algo, 0);
+    read_int(f, "ionic_algo", i_algo.algo, di.algo);
     read_int(f, "ions_algo", i_algo.algo);
-    read_int(f, "ionic_eom_algo", i_algo.eom_algo, 1);
+    read_int(f, "ionic_eom_algo", i_algo.eom_algo, di.eom_algo);
     read_int(f, "ions_eom_algo", i_algo.eom_algo);
-    read_real(f, "elec_energy_tol", elec_algo.energy_tol, 1e-6);
-    read_real(f, "elec_charge_tol", elec_algo.charge_tol, 1e-8);
-    read_int(f, "max_elec_iter", elec_algo.max_iter, 10000);
-    read_int(f, "min_elec_iter", elec_algo.min_iter, 3);
-    read_real(f, "sigma", kpt.sigma, 0.0);
-    read_int(f, "cg_restart_freq", i_algo.cg_restart_freq, 10);
-    read_int(f, "elec_start", elec_algo.start, 0);
-    read_int(f, "save_wfs", elec_algo.save_wfs, 0);
-    read_real(f, "ions_delta_e", i_algo.delta_e, 1e-10);
-    read_real(f, "ions_max_force", i_algo.max_force, 1e-4);
-    read_int(f, "output_level", elec_algo.output_level, 1);
-    read_real(f, "eta", elec_algo.eta, 50.0);
-    read_int(f, "eta_mod_freq", elec_algo.eta_mod_freq, 10);
-    read_int(f, "eta_mod_delay", elec_algo.eta_mod_delay, 5);
-    read_real(f, "eta_mod_frac", elec_algo.eta_mod_frac, 0.5);
-    read_int(f, "eta_mod_fail_max", elec_algo.eta_mod_fail_max, 3);
-    read_logical(f, "scc_used", elec_algo.scc_used, false);
-    read_real(f, "charge_mixing", elec_algo.charge_mixing, 0.1);
-    read_int(f, "number_of_ionic_steps", i_algo.n_steps, 0);
+    read_real(f, "elec_energy_tol", elec_algo.energy_tol, de.energy_tol);
+    read_real(f, "elec_charge_tol", elec_algo.charge_tol, de.charge_tol);
+    read_int(f, "max_elec_iter", elec_algo.max_iter, de.max_iter);
+    read_int(f, "min_elec_iter", elec_algo.min_iter, de.min_iter);
+    read_real(f, "sigma", kpt.sigma, kpt_type{}.sigma);
+    read_int(f, "cg_restart_freq", i_algo.cg_restart_freq, di.cg_restart_freq);
+    read_int(f, "elec_start", elec_algo.start, de.start);
+    read_int(f, "save_wfs", elec_algo.save_wfs, de.save_wfs);
+    read_real(f, "ions_delta_e", i_algo.delta_e, di.delta_e);
+    read_real(f, "ions_max_force", i_algo.max_force, di.max_force);
+    read_int(f, "output_level", elec_algo.output_level, de.output_level);
+    read_real(f, "eta", elec_algo.eta, de.eta);
+    read_int(f, "eta_mod_freq", elec_algo.eta_mod_freq, de.eta_mod_freq);
+    read_int(f, "eta_mod_delay", elec_algo.eta_mod_delay, de.eta_mod_delay);
+    read_real(f, "eta_mod_frac", elec_algo.eta_mod_frac, de.eta_mod_frac);
+    read_int(f, "eta_mod_fail_max", elec_algo.eta_mod_fail_max, de.eta_mod_fail_max);
+    read_logical(f, "scc_used", elec_algo.scc_used, de.scc_used);
+    read_real(f, "charge_mixing", elec_algo.charge_mixing, de.charge_mixing);
+    read_int(f, "number_of_ionic_steps", i_algo.n_steps, di.n_steps);
     read_int(f, "n_steps", i_algo.n_steps);
     if (i_algo.n_steps == 0) i_algo.n_steps = -1; // a run without steps has a negative count
-    read_real(f, "dt", i_algo.dt, 1.0);
+    read_real(f, "dt", i_algo.dt, di.dt);
     elec_algo.dt = i_algo.dt;
-    read_int(f, "start", i_algo.start, 0);
-    read_int(f, "veloc_start", i_algo.init_vel, 1);
-    read_logical(f, "non_orth_exact", i_algo.non_orth_exact, true);
-    read_logical(f, "calc_forces", i_algo.calc_forces, true);
-    read_logical(f, "calc_stress", i_algo.calc_stress, false);
-    read_logical(f, "calc_elocal", i_algo.calc_elocal, false);
+    read_int(f, "start", i_algo.start, di.start);
+    read_int(f, "veloc_start", i_algo.init_vel, di.init_vel);
+    read_logical(f, "non_orth_exact", i_algo.non_orth_exact, di.non_orth_exact);
+    read_logical(f, "calc_forces", i_algo.calc_forces, di.calc_forces);
+    read_logical(f, "calc_stress", i_algo.calc_stress, di.calc_stress);
+    read_logical(f, "calc_elocal", i_algo.calc_elocal, di.calc_elocal);
     if (i_algo.calc_stress && !i_algo.calc_forces)
         warning_error("calc_forces is forced to T, because calc_stress is", "read_input", mod);
-    read_int(f, "ions_dyn_mode", i_algo.dyn_mode, 14);
+    read_int(f, "ions_dyn_mode", i_algo.dyn_mode, di.dyn_mode);
     read_int(f, "ionic_dyn_mode", i_algo.dyn_mode);
     read_int(f, "dyn_mode", i_algo.dyn_mode);
     read_logical(f, "eigen_vect", elec_algo.eigen_vect, i_algo.calc_forces);
@@ -219,29 +222,29 @@ void read_input(std::string_view file_name, elec_algo_type& elec_algo, i_algo_ty
     }
     // Charges and local energies are projections of the eigenvectors.
     if (elec_algo.scc_used || i_algo.calc_elocal) elec_algo.eigen_vect = true;
-    read_int(f, "number_of_moments", elec_algo.n_moments, 100);
+    read_int(f, "number_of_moments", elec_algo.n_moments, de.n_moments);
     read_int(f, "n_moments", elec_algo.n_moments);
-    read_real(f, "kpm_emin", elec_algo.kpm_emin, 0.0);
-    read_real(f, "kpm_emax", elec_algo.kpm_emax, 0.0);
-    read_int(f, "kpm_block_size", elec_algo.kpm_block_size, 2);
-    read_logical(f, "no_ex", elec_algo.no_ex, false);
+    read_real(f, "kpm_emin", elec_algo.kpm_emin, de.kpm_emin);
+    read_real(f, "kpm_emax", elec_algo.kpm_emax, de.kpm_emax);
+    read_int(f, "kpm_block_size", elec_algo.kpm_block_size, de.kpm_block_size);
+    read_logical(f, "no_ex", elec_algo.no_ex, de.no_ex);
     std::string kernel(1, elec_algo.kernel);
-    read_string(f, "kernel", kernel, 1, "J");
+    read_string(f, "kernel", kernel, 1, std::string(1, de.kernel));
     elec_algo.kernel = kernel.empty() ? ' ' : kernel[0];
     read_int(f, "n_h_dup", n_h_dup, n_proc);
-    read_int(f, "status_output_freq", i_algo.status_output_freq, 1);
+    read_int(f, "status_output_freq", i_algo.status_output_freq, di.status_output_freq);
     read_int(f, "save_freq", i_algo.status_output_freq);
     read_logical(f, "pair_pot_used", tb_model.pair_pot_used, tb_model.pair_pot_used);
-    read_int(f, "ionic_thermostat", i_algo.thermostat, 0);
+    read_int(f, "ionic_thermostat", i_algo.thermostat, di.thermostat);
     read_int(f, "ions_thermostat", i_algo.thermostat);
     read_int(f, "thermostat", i_algo.thermostat);
-    read_int(f, "temperature_seed_1", i_algo.temp_seed[0], 0);
-    read_int(f, "temperature_seed_2", i_algo.temp_seed[1], 0);
+    read_int(f, "temperature_seed_1", i_algo.temp_seed[0], di.temp_seed[0]);
+    read_int(f, "temperature_seed_2", i_algo.temp_seed[1], di.temp_seed[1]);
     read_int(f, "temp_seed_1", i_algo.temp_seed[0]);
     read_int(f, "temp_seed_2", i_algo.temp_seed[1]);
-    read_real(f, "temperature", i_algo.temperature, 300.0);
+    read_real(f, "temperature", i_algo.temperature, di.temperature);
     read_real(f, "temp", i_algo.temperature);
-    read_real(f, "ionic_friction", i_algo.friction, 0.0);
+    read_real(f, "ionic_friction", i_algo.friction, di.friction);
     read_real(f, "ions_friction", i_algo.friction);
     read_real(f, "friction", i_algo.friction);
     read_real(f, "gamma", i_algo.friction);
@@ -249,19 +252,18 @@ void read_input(std::string_view file_name, elec_algo_type& elec_algo, i_algo_ty
         fatal_error("you are using langevin dynamics but the ionic friction coeffcient is "
                     "undefined.set ionic_friction.",
                     -1, "read_input", mod);
-    read_real(f, "q_nose_ions", i_algo.q_nose_ions, 0.0);
+    read_real(f, "q_nose_ions", i_algo.q_nose_ions, di.q_nose_ions);
     if (i_algo.thermostat == thermostat_nose && i_algo.q_nose_ions == 0.0)
         warning_error("Nose mass for the ions is zero.Set q_nose_ions.", "read_input", mod);
     save_to_file(f.unit, f.name, i_algo);
-    read_real(f, "emass", elec_algo.emass, 10.0);
+    read_real(f, "emass", elec_algo.emass, de.emass);
     read_int(f, "debug", debug, 0);
-    read_real(f, "e_boost", i_algo.e_boost, -100.0);
-    read_real(f, "a_boost", i_algo.a_boost, 20.0);
-    read_logical(f, "hyper_md", i_algo.hyper_md, false);
+    read_real(f, "e_boost", i_algo.e_boost, di.e_boost);
+    read_real(f, "a_boost", i_algo.a_boost, di.a_boost);
+    read_logical(f, "hyper_md", i_algo.hyper_md, di.hyper_md);
 
     if (i_am_master) unit_close(f.unit);
     barrier();
-    if (traced) trace_out("read_input", mod);
 }
 
 } // namespace lyrt

@@ -35,7 +35,7 @@ double n_electrons = 0.0;
 
 void init_system_ions() {
     const char* proc = "init_system_ions";
-    if (debug > 0) trace_in(proc, mod);
+    const trace_guard trace(proc, mod);
     ions = &box.ions;
     ions_state.ions = &box.ions;
     ions_state.box = &box;
@@ -50,7 +50,6 @@ void init_system_ions() {
     pbc_calc_max_nn(box);
     write_free(stdout_unit, {"After pbc_calc_max_nn, max_n_nn=", ions->max_n_nn});
     pbc_calc_nn_lists(box, std::min(2 * ions->max_n_nn, ions->total_n_ions));
-    if (debug > 0) trace_out(proc, mod);
 }
 
 void init_elec_dim(const ions_type& ions, const kpt_type& kpt, const tb_model_type& tb_model,
@@ -96,7 +95,7 @@ void init_elec_dim(const ions_type& ions, const kpt_type& kpt, const tb_model_ty
 
 void init_system_elec() {
     const char* proc = "init_system_elec";
-    if (debug > 0) trace_in(proc, mod);
+    const trace_guard trace(proc, mod);
     // Counts of 0 or below stand for 1 (and divide every processor count).
     if (n_h_dup > 0 && n_proc % n_h_dup != 0)
         fatal_error("n_h_dup should be a divider of the # of processors", -1, proc, mod);
@@ -106,7 +105,6 @@ void init_system_elec() {
     pdist_init(ions_pdist, ions->total_n_ions, 1, n_proc / n_h_dup, my_proc / n_h_dup, "bl");
     hamiltonian_init(ham, *ions, tb_model, ions_pdist, ions_pdist);
     if (tb_model.classical) {
-        if (debug > 0) trace_out(proc, mod);
         return;
     }
     elec_state = &elec_state_record;
@@ -133,7 +131,6 @@ void init_system_elec() {
         elec_load_state(*elec_state, elec_algo, wfs_unit, "WFS");
         if (i_am_master) write_free(report_unit, {"done!"});
     }
-    if (debug > 0) trace_out(proc, mod);
 }
 
 } // namespace lyrt

@@ -25,7 +25,7 @@ int nearest(double x) {
 
 void box_init(box_type& box, double r_cut, std::optional<double> lo_rad, const int* sb_override) {
     const char* proc = "box_init";
-    if (debug > 0) trace_in(proc, mod);
+    const trace_guard trace(proc, mod);
     box.volume = cell_vol(box.cell);
     if (std::fabs(box.volume) < degenerate_volume)
         fatal_error("Cell is degenerate, volume = 0", 0, proc, mod);
@@ -70,7 +70,6 @@ void box_init(box_type& box, double r_cut, std::optional<double> lo_rad, const i
         }
     }
     cell_deallocate(sub);
-    if (debug > 0) trace_out(proc, mod);
 }
 
 void box_reset(box_type& box) {
@@ -84,7 +83,7 @@ void box_reset(box_type& box) {
 
 void box_calc_ic_list(box_type& box) {
     const char* proc = "box_calc_ic_list";
-    if (debug > 0) trace_in(proc, mod);
+    const trace_guard trace(proc, mod);
     nn_list_type tmp;
     nn_allocate(tmp, grid_get_n_pts(box.ic_grid), "tmp_ic_list:box_calc_ic_list:box_module");
     int lo[3], hi[3];
@@ -103,12 +102,11 @@ void box_calc_ic_list(box_type& box) {
     box.ic_list.name = "box%ic_list";
     nn_list_copy(box.ic_list, tmp);
     nn_deallocate(tmp);
-    if (debug > 0) trace_out(proc, mod);
 }
 
 void box_init_sb_list(box_type& box) {
     const char* proc = "box_init_sb_list";
-    if (debug > 0) trace_in(proc, mod);
+    const trace_guard trace(proc, mod);
     box.n_sb = grid_get_n_pts(box.sb_grid);
     box.sb_list.clear();
     box.sb_list.resize(static_cast<std::size_t>(box.n_sb));
@@ -141,7 +139,6 @@ void box_init_sb_list(box_type& box) {
                 sb.n_nn_sb = count;
                 box_sb_init_nn_sb_list(box, sb);
             }
-    if (debug > 0) trace_out(proc, mod);
 }
 
 void box_sb_init_nn_sb_list(box_type& box, sub_box_type& sb) {
@@ -181,7 +178,7 @@ void box_sb_init_nn_sb_list(box_type& box, sub_box_type& sb) {
 
 void box_ions_fill_sb(box_type& box) {
     const char* proc = "box_ions_fill_sb";
-    if (debug > 0) trace_in(proc, mod);
+    const trace_guard trace(proc, mod);
     const double start = utime();
     ions_type& ions = box.ions;
     const int n_r = ions.r.allocated() ? static_cast<int>(ions.r.extent(1)) : 0;
@@ -199,7 +196,6 @@ void box_ions_fill_sb(box_type& box) {
         for (int k = 0; k < 3; ++k) ions.r(k + 1, i) = r[k];
     }
     write_free(timing_unit, {my_proc, "box_ions_fill_sb", utime() - start, "sec"});
-    if (debug > 0) trace_out(proc, mod);
 }
 
 void box_rescale_ions(box_type& box, int t1, int t2) {

@@ -435,7 +435,7 @@ void ions_read_file(box_type& box, ions_type& ions, std::string_view file, int* 
 
 void ions_read_in(box_type& box, ions_type& ions, std::string_view file) {
     const char* proc = "ions_read_in";
-    if (debug > 0) trace_in(proc, mod);
+    const trace_guard trace(proc, mod);
     int grid[3] = {1, 1, 1}, n_basis = 0;
     bool grid_found = false;
     if (i_am_master) ions_read_file(box, ions, file, grid, grid_found, n_basis);
@@ -445,7 +445,6 @@ void ions_read_in(box_type& box, ions_type& ions, std::string_view file) {
         bcast_int(n_basis);
     }
     if (grid_found) ions_generate_lattice(box, ions, grid, n_basis);
-    if (debug > 0) trace_out(proc, mod);
 }
 
 void ions_read_restart(i_algo_type& i_algo, ions_state_type& ions_state, std::string_view file) {
@@ -597,7 +596,7 @@ void ions_generate_lattice(box_type& box, ions_type& ions, const int* grid, int 
 
 void ions_init(ions_state_type& ions_state, i_algo_type& i_algo) {
     const char* proc = "ions_init";
-    if (debug > 0) trace_in(proc, mod);
+    const trace_guard trace(proc, mod);
     ions_type& ions = *ions_state.ions;
     for (int s = 1; s <= ions.n_species; ++s) {
         ions.mass(s) = ions.species[static_cast<std::size_t>(s - 1)].mass;
@@ -667,7 +666,6 @@ void ions_init(ions_state_type& ions_state, i_algo_type& i_algo) {
         ions_rescale_velocities(ions_state, i_algo);
     if ((i_algo.algo != ions_algo_md && i_algo.algo != ions_algo_fixed_vel) || i_algo.n_steps == 0)
         ions.v.fill(0.0);
-    if (debug > 0) trace_out(proc, mod);
 }
 
 void ions_init_velocities(ions_state_type& ions_state, const i_algo_type& i_algo) {
@@ -852,7 +850,7 @@ namespace {
 // One frame of a data file: the cell, the counts, then species and three values per ion.
 void save_frame(const box_type& box, const farray<double, 2>& x, bool reduced, int unit,
                 std::string_view file, const char* proc) {
-    if (debug > 0) trace_in(proc, mod);
+    const trace_guard trace(proc, mod);
     const ions_type& ions = box.ions;
     unit_open(unit, std::string(file), "unknown", "append");
     for (int j = 1; j <= 3; ++j)
@@ -870,7 +868,6 @@ void save_frame(const box_type& box, const farray<double, 2>& x, bool reduced, i
         write_fmt(unit, "(I4,3E15.6)", {ions.type(i), c[0], c[1], c[2]});
     }
     unit_close(unit);
-    if (debug > 0) trace_out(proc, mod);
 }
 
 } // namespace

@@ -125,6 +125,36 @@ TEST_F(ErrorModule, TraceComparesFiveCharacters) {
     EXPECT_TRUE(found);
 }
 
+// A routine that leaves early, normally or by a fatal stop, through the guard.
+int guarded_routine(int mode) {
+    const trace_guard trace("guarded_routine", "test_module");
+    if (mode == 1) return 1;
+    if (mode == 2) fatal_error("stopped inside", 7, "guarded_routine", "test_module");
+    return 0;
+}
+
+TEST_F(ErrorModule, TraceGuardBalancesEveryExitAndKeepsTheStopLevel) {
+    const int saved = debug;
+    debug = 1;
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(guarded_routine(0), 0);
+    EXPECT_EQ(trace_depth(), 0);
+    EXPECT_EQ(guarded_routine(1), 1); // early return
+    EXPECT_EQ(trace_depth(), 0);
+    EXPECT_THROW(guarded_routine(2), fatal_stop);
+    // The stopped routine stays on the stack that the fatal path printed.
+    EXPECT_EQ(trace_depth(), 1);
+    EXPECT_EQ(trace_procedure(1).substr(0, 15), "guarded_routine");
+    const std::string out = testing::internal::GetCapturedStdout();
+    EXPECT_NE(out.find("Entering test_module:guarded_routine"), std::string::npos);
+    trace_reset();
+    // Without debug the guard traces nothing.
+    debug = 0;
+    EXPECT_EQ(guarded_routine(1), 1);
+    EXPECT_EQ(trace_depth(), 0);
+    debug = saved;
+}
+
 TEST_F(ErrorModule, TraceStackOverflowsAtOneHundred) {
     for (int k = 1; k <= 99; ++k) trace_in("level_routine", "level_module");
     EXPECT_EQ(trace_depth(), 99);
