@@ -59,21 +59,22 @@ int main(int argc, char** argv) {
             init_mpi();
             open_units();
             const double t_start = now();
-            box = box_type{};
-            tb_model = tb_model_type{};
-            ions_read_in(box, box.ions, "POSLYRT");
-            tb_model_read_param(box.ions.species, tb_model, "TBPARAM", box.ions.n_species);
-            read_input("INLYRT", elec_algo, i_algo, tb_model, kpt, system_name, n_electrons,
-                       n_states, n_h_dup);
+            sys.box = box_type{};
+            sys.tb_model = tb_model_type{};
+            ions_read_in(sys.box, sys.box.ions, "POSLYRT");
+            tb_model_read_param(sys.box.ions.species, sys.tb_model, "TBPARAM",
+                                sys.box.ions.n_species);
+            read_input("INLYRT", sys.elec_algo, sys.i_algo, sys.tb_model, sys.kpt, sys.system_name,
+                       sys.n_electrons, sys.n_states, sys.n_h_dup);
             init_system_ions();
-            kpt_read_and_allocate(kpt, box.cell.b, "KPTS", kpt_unit);
+            kpt_read_and_allocate(sys.kpt, sys.box.cell.b, "KPTS", kpt_unit);
             init_system_elec();
-            eig_state_type& eig = *elec_state->eig;
-            hamiltonian_reinit(ham, box.ions);
+            eig_state_type& eig = *sys.elec_state->eig;
+            hamiltonian_reinit(sys.ham, sys.box.ions);
             // The steps of the secular loop of one pass, timed one by one.
             const double t0 = now();
-            calc_hs_real(ham, box.ions, box);
-            get_hs_ij_real(ham, &eig.h_ij, &eig.s_ij, nullptr);
+            calc_hs_real(sys.ham, sys.box.ions, sys.box);
+            get_hs_ij_real(sys.ham, &eig.h_ij, &eig.s_ij, nullptr);
             const double t1 = now();
             calc_gen_eigen_vectors_real(eig.h_ij, eig.s_ij, eig.n_dim, eig.ework, eig.x, eig.d);
             const double t2 = now();
@@ -83,17 +84,17 @@ int main(int argc, char** argv) {
                 for (int r = 1; r <= eig.n_dim; ++r) eig.psi(r, j) = eig.x(r, j);
             eig_calc_energy(eig);
             const double t3 = now();
-            elec_algo.algo = elec_algo.gs;
-            forces_calc(ham, box.ions, box, i_algo, *elec_state, elec_algo);
+            sys.elec_algo.algo = sys.elec_algo.gs;
+            forces_calc(sys.ham, sys.box.ions, sys.box, sys.i_algo, *sys.elec_state, sys.elec_algo);
             const double t4 = now();
             const double total = t4 - t_start;
             const double assembly = t1 - t0, eigen = t2 - t1, forces = t4 - t3;
             std::printf("%6d %6d %10.3f %10.3f %10.3f %10.3f %10.3f %7.1f%%\n",
-                        box.ions.total_n_ions, eig.n_dim, assembly, eigen, forces,
+                        sys.box.ions.total_n_ions, eig.n_dim, assembly, eigen, forces,
                         total - assembly - eigen - forces, total, 100.0 * eigen / total);
             std::fflush(stdout);
             eig_state_deallocate(eig);
-            hamiltonian_free(ham);
+            hamiltonian_free(sys.ham);
             io_reset();
         } catch (const fatal_stop& stop) {
             std::printf("stopped: %s\n", stop.message.c_str());

@@ -7,8 +7,11 @@
 // mdspan; the index values themselves carry the array's own bounds (1 by default).
 //
 // An array either owns its storage or is a view into another array (a slice of
-// a history, a matrix handed to LAPACK); views never free. Owning arrays are
-// move-only; copy() makes an explicit deep copy.
+// a history, a matrix handed to LAPACK); views never free, and owner() tells
+// the two apart. Owning arrays are move-only; copy() makes an explicit deep
+// copy. A view taken of a const array has a const element type
+// (farray<const T, R>): what can only be read through the array stays read-only
+// through its views.
 //
 // With LYRT_BOUNDS_CHECK defined every element access checks its indices and
 // stops the process with a message naming the dimension and the bounds.
@@ -35,6 +38,7 @@ namespace lyrt {
 template <class T, int Rank>
 class farray {
     static_assert(Rank >= 1 && Rank <= 4, "farray supports ranks 1 to 4");
+    using mutable_type = std::remove_const_t<T>;
 
   public:
     using value_type = T;
@@ -81,24 +85,22 @@ class farray {
         return a;
     }
 
-    // A non-owning view of the whole array, same bounds.
-    farray view() const {
+    // A non-owning view of the whole array, same bounds; read-only for a const array.
+    farray view() {
         farray a;
         a.set_layout(data_, lb_, ub_);
         return a;
     }
+    farray<const T, Rank> view() const { return farray<const T, Rank>::view_of(data_, lb_, ub_); }
 
     // A non-owning view of the sub-array with the last index fixed at k:
     // slot k of a history array r_of_t(3, n, k) is the matrix r(3, n).
-    farray<T, Rank - 1> slice_last(long k) const requires(Rank >= 2) {
-        check(Rank - 1, k);
-        typename farray<T, Rank - 1>::bounds lb{}, ub{};
-        for (int r = 0; r < Rank - 1; ++r) {
-            lb[r] = lb_[r];
-            ub[r] = ub_[r];
-        }
-        T* p = data_ == nullptr ? nullptr : data_ + (k - lb_[Rank - 1]) * stride_[Rank - 1];
-        return farray<T, Rank - 1>::view_of(p, lb, ub);
+    farray<T, Rank - 1> slice_last(long k) requires(Rank >= 2) {
+        return farray<T, Rank - 1>::view_of(slice_pointer(k), sub_bounds(lb_), sub_bounds(ub_));
+    }
+    farray<const T, Rank - 1> slice_last(long k) const requires(Rank >= 2) {
+        return farray<const T, Rank - 1>::view_of(slice_pointer(k), sub_bounds(lb_),
+                                                  sub_bounds(ub_));
     }
 
     // Deep copy into new owning storage (not accounted: for short-lived work).
@@ -138,6 +140,16 @@ class farray {
   private:
     template <class, int>
     friend class farray;
+
+    T* slice_pointer(long k) const {
+        check(Rank - 1, k);
+        return data_ == nullptr ? nullptr : data_ + (k - lb_[Rank - 1]) * stride_[Rank - 1];
+    }
+    static std::array<long, Rank - 1> sub_bounds(const bounds& b) requires(Rank >= 2) {
+        std::array<long, Rank - 1> s{};
+        for (int r = 0; r < Rank - 1; ++r) s[r] = b[r];
+        return s;
+    }
 
     void set_layout(T* p, const bounds& lb, const bounds& ub) {
         data_ = p;

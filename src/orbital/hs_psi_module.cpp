@@ -14,7 +14,7 @@ int uniform_orbitals(const hamiltonian_type& ham) {
 
 void dx_product(const hamiltonian_type& ham, const farray<double, 3>& d, int il,
                 const farray<double, 2>& x, farray<double, 3>& out) {
-    farray<double, 2> col0 = d.slice_last(1);
+    const farray<const double, 2> col0 = d.slice_last(1);
     const x_psi_layout m = hs_layout(ham, col0);
     const long stride = static_cast<long>(d.extent(0)) * d.extent(1);
     dx_psi_xyz(m, uniform_orbitals(ham), il, d.data(), stride, x.data(),
@@ -25,6 +25,10 @@ void dx_product(const hamiltonian_type& ham, const farray<double, 3>& d, int il,
 } // namespace
 
 x_psi_layout hs_layout(const hamiltonian_type& ham, const farray<double, 2>& m) {
+    return hs_layout(ham, m.view());
+}
+
+x_psi_layout hs_layout(const hamiltonian_type& ham, const farray<const double, 2>& m) {
     const sparse_1d_matrix_desc_type& sd = ham.desc;
     const pdist_type& pd = *sd.row_pdist;
     // One process: the local rows of the output are the global rows.

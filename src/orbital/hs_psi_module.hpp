@@ -9,6 +9,7 @@ namespace lyrt {
 // The layout of a hamiltonian's blocks for the kernels, over the block matrix m
 // (ham.h_ab, ham.s_ab or a column of the gradient arrays).
 x_psi_layout hs_layout(const hamiltonian_type& ham, const farray<double, 2>& m);
+x_psi_layout hs_layout(const hamiltonian_type& ham, const farray<const double, 2>& m);
 
 // y = M x for any block matrix of the hamiltonian's layout; y is overwritten.
 void hs_psi_rmat(const hamiltonian_type& ham, const farray<double, 2>& m,

@@ -57,35 +57,35 @@ void finish_maps(pdist_type& pd, farray<int, 1>& offset_on_pe) {
 
 } // namespace
 
-void pdist_init(pdist_type& pd, int n, int block_size, int n_proc, int my_proc,
+void pdist_init(pdist_type& pd, int n, int block_size, int n_parts, int my_part,
                 std::string_view method) {
     const char* proc = "pdist_init";
     const trace_guard trace(proc, mod);
-    pd.n_proc = n_proc;
-    pd.my_proc = my_proc;
+    pd.n_proc = n_parts;
+    pd.my_proc = my_part;
     pd.n = n;
     farray<int, 1> offset_on_pe;
-    ca_integer_1d(offset_on_pe, 0, n_proc - 1, "offset_on_pe", proc, mod);
-    ca_integer_1d(pd.l_n_on_pe, 0, n_proc - 1, "pdist%l_n_on_pe", proc, mod);
+    ca_integer_1d(offset_on_pe, 0, n_parts - 1, "offset_on_pe", proc, mod);
+    ca_integer_1d(pd.l_n_on_pe, 0, n_parts - 1, "pdist%l_n_on_pe", proc, mod);
     pd.l_n_on_pe.fill(0);
 
     const int n_full = block_size > 0 ? (n / block_size) * block_size : 0;
     const int n_rest = n - n_full;
     const int n_blocks = block_size > 0 ? (n_full + block_size - 1) / block_size : 0;
     pd.l_n = 0;
-    if (n_proc < 2) {
+    if (n_parts < 2) {
         pd.l_n = n;
-        for (int p = 0; p < n_proc; ++p) pd.l_n_on_pe(p) = n;
+        for (int p = 0; p < n_parts; ++p) pd.l_n_on_pe(p) = n;
     } else {
         int p = 0;
         for (int b = 0; b < n_blocks; ++b) {
             pd.l_n_on_pe(p) += block_size;
-            if (p == my_proc) pd.l_n += block_size;
-            p = (p + 1) % n_proc;
+            if (p == my_part) pd.l_n += block_size;
+            p = (p + 1) % n_parts;
         }
         if (n_rest > 0) {
             pd.l_n_on_pe(p) += n_rest;
-            if (p == my_proc) pd.l_n += n_rest;
+            if (p == my_part) pd.l_n += n_rest;
         }
     }
     check_l_n(pd, proc);
@@ -101,23 +101,23 @@ void pdist_init(pdist_type& pd, int n, int block_size, int n_proc, int my_proc,
         auto deal = [&](int size) {
             for (int k = 0; k < size; ++k, ++g) {
                 pd.map(offset_on_pe(p) + k) = g;
-                if (p == my_proc) {
+                if (p == my_part) {
                     pd.l2g(l) = g;
                     pd.g2l(g) = l;
                     ++l;
                 }
             }
             offset_on_pe(p) += size;
-            p = (p + 1) % n_proc;
+            p = (p + 1) % n_parts;
         };
         for (int b = 0; b < n_blocks; ++b) deal(block_size);
         if (n_rest > 0) deal(n_rest);
     } else {
         int g = 1;
-        for (int p = 0; p < n_proc; ++p)
+        for (int p = 0; p < n_parts; ++p)
             for (int k = 1; k <= pd.l_n_on_pe(p); ++k, ++g) {
                 pd.map(g) = g;
-                if (p == my_proc) {
+                if (p == my_part) {
                     pd.l2g(k) = g;
                     pd.g2l(g) = k;
                 }

@@ -28,7 +28,9 @@ struct pdist_type {
     farray<int, 1> pe_map;    // (1:n) owner of each global index
 };
 
-void pdist_init(pdist_type& pd, int n, int block_size, int n_proc, int my_proc,
+// Distributes n indices over n_parts processors (blocks of block_size); this
+// process is my_part (0-based).
+void pdist_init(pdist_type& pd, int n, int block_size, int n_parts, int my_part,
                 std::string_view method);
 
 // Scalar distribution of the indices held by blocks of sizes dim(1..blk_pd.n), each

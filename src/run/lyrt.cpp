@@ -29,12 +29,12 @@ void main_lyrt() {
 
     // Positions and the model are read before the keywords, whose defaults
     // (cut-off, pair potential) come from the model.
-    ions_read_in(box, box.ions, "POSLYRT");
-    tb_model_read_param(box.ions.species, tb_model, "TBPARAM", box.ions.n_species);
-    read_input("INLYRT", elec_algo, i_algo, tb_model, kpt, system_name, n_electrons, n_states,
-               n_h_dup);
+    ions_read_in(sys.box, sys.box.ions, "POSLYRT");
+    tb_model_read_param(sys.box.ions.species, sys.tb_model, "TBPARAM", sys.box.ions.n_species);
+    read_input("INLYRT", sys.elec_algo, sys.i_algo, sys.tb_model, sys.kpt, sys.system_name,
+               sys.n_electrons, sys.n_states, sys.n_h_dup);
     init_system_ions();
-    kpt_read_and_allocate(kpt, box.cell.b, "KPTS", kpt_unit);
+    kpt_read_and_allocate(sys.kpt, sys.box.cell.b, "KPTS", kpt_unit);
     barrier();
     init_system_elec();
     if (i_am_master) print_system_def(report_unit);
@@ -45,7 +45,7 @@ void main_lyrt() {
     }
 
     const double loop_start = timeofday();
-    ions_main_loop(box, ions_state, i_algo, elec_state, elec_algo, ham);
+    ions_main_loop(sys.box, sys.ions_state, sys.i_algo, sys.elec_state, sys.elec_algo, sys.ham);
     const double loop_time = timeofday() - loop_start;
     write_free(timing_unit, {"Time of day interval ", loop_time});
     close_mpi();

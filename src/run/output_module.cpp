@@ -104,109 +104,112 @@ void start_file(int unit, const std::string& name, const char* head) {
 
 void print_system_def(int unit) {
     if (debug > 0) write_free(stdout_unit, {my_proc, unit, "print_system_def"});
-    const ions_type& ions = box.ions;
-    write_fmt(unit, "(A)", {"System :" + system_name});
+    const ions_type& ions = sys.box.ions;
+    write_fmt(unit, "(A)", {"System :" + sys.system_name});
     write_fmt(unit, "(A,I4,A)", {"Running on ", n_proc, " processors"});
     unit_write(unit, rule80);
     write_fmt(unit, "(A,I4)", {"Number of species = ", ions.n_species});
     for (const atomic_type& sp : ions.species) atomic_type_print(sp, unit);
     unit_write(unit, rule80);
-    if (tb_model.classical)
+    if (sys.tb_model.classical)
         unit_write(unit, "This is a classical potential");
     else
-        tb_model_print_param(tb_model, unit);
+        tb_model_print_param(sys.tb_model, unit);
     write_fmt(unit, "(A,I4)", {"Total number of ions    = ", ions.total_n_ions});
     fitem_list per{"Number of ions/specie   = "};
     for (int s = 1; s <= ions.n_species; ++s) per.emplace_back(ions.n_ions(s));
     write_fmt(unit, "(A,10I4)", per);
-    if (!tb_model.classical) {
+    if (!sys.tb_model.classical) {
         std::string orbitals = "Number of orbitals/ion  = ";
         for (int s = 1; s <= ions.n_species; ++s)
-            orbitals += format_items("(I4)", {ao_get_no_type(pair_param(tb_model, s, s).ao1)});
+            orbitals += format_items("(I4)", {ao_get_no_type(pair_param(sys.tb_model, s, s).ao1)});
         unit_write(unit, orbitals);
-        write_fmt(unit, "(A,I4)", {"Number of states        = ", n_states});
-        write_fmt(unit, "(A,F10.4)", {"Number of electrons     = ", n_electrons});
-        write_fmt(unit, "(A,I6)", {"Number of basis fcts    = ", n_basis});
-        write_fmt(unit, "(A,I4)", {"Number of k-points      = ", kpt.n_k});
-        write_fmt(unit, "(A,I4)", {"Hamiltonian duplication = ", n_h_dup});
+        write_fmt(unit, "(A,I4)", {"Number of states        = ", sys.n_states});
+        write_fmt(unit, "(A,F10.4)", {"Number of electrons     = ", sys.n_electrons});
+        write_fmt(unit, "(A,I6)", {"Number of basis fcts    = ", sys.n_basis});
+        write_fmt(unit, "(A,I4)", {"Number of k-points      = ", sys.kpt.n_k});
+        write_fmt(unit, "(A,I4)", {"Hamiltonian duplication = ", sys.n_h_dup});
     }
     unit_write(unit, "Lattice vectors :");
-    cell_print(box.cell, unit);
-    write_fmt(unit, "(A,F15.5)", {"Volume of supercell : ", cell_vol(box.cell)});
-    write_fmt(unit, "(A,F10.4)", {"NN cut-off radius : ", box.r_cut});
+    cell_print(sys.box.cell, unit);
+    write_fmt(unit, "(A,F15.5)", {"Volume of supercell : ", cell_vol(sys.box.cell)});
+    write_fmt(unit, "(A,F10.4)", {"NN cut-off radius : ", sys.box.r_cut});
     write_fmt(unit, "(A,3I4)",
-              {"Image cell grid : ", (box.ic_grid.n[0] - 1) / 2, (box.ic_grid.n[1] - 1) / 2,
-               (box.ic_grid.n[2] - 1) / 2});
-    ions_print(box, ions_state, ions_print_reduced, unit);
+              {"Image cell grid : ", (sys.box.ic_grid.n[0] - 1) / 2, (sys.box.ic_grid.n[1] - 1) / 2,
+               (sys.box.ic_grid.n[2] - 1) / 2});
+    ions_print(sys.box, sys.ions_state, ions_print_reduced, unit);
     unit_write(unit, rule80);
-    kpt_print(kpt, box.cell.b, unit);
+    kpt_print(sys.kpt, sys.box.cell.b, unit);
     unit_write(unit, rule80);
     write_fmt(unit, "(15(\"=\"),A,15(\"=\"))", {"PARAMETERS OF THE CALCULATION"});
-    if (!tb_model.classical) {
+    if (!sys.tb_model.classical) {
         unit_write(unit, "-------- Electronic part ---------");
         unit_write(unit,
                    std::string("   The initial electronic groundstate will be calculated using ") +
-                       gs_word(elec_algo.gs));
-        if (i_algo.n_steps > 0)
+                       gs_word(sys.elec_algo.gs));
+        if (sys.i_algo.n_steps > 0)
             unit_write(unit, std::string("   During MD the groundstate will be calculated using ") +
-                                 md_word(elec_algo.md));
-        if (elec_algo.gs == 0 || elec_algo.md == 0) {
+                                 md_word(sys.elec_algo.md));
+        if (sys.elec_algo.gs == 0 || sys.elec_algo.md == 0) {
             write_fmt(unit, "(a,e9.3)",
-                      {"   Electronic energy tolerance  = ", elec_algo.energy_tol});
+                      {"   Electronic energy tolerance  = ", sys.elec_algo.energy_tol});
             unit_write(unit, "   Parameter for unconstrained minimisation : ");
-            write_fmt(unit, "(a,f9.3)", {"      Starting ucgm parameter eta = ", elec_algo.eta});
+            write_fmt(unit, "(a,f9.3)",
+                      {"      Starting ucgm parameter eta = ", sys.elec_algo.eta});
             write_fmt(unit, "(a,i4,a)",
-                      {"      Will perform ", elec_algo.eta_mod_delay,
+                      {"      Will perform ", sys.elec_algo.eta_mod_delay,
                        " electronic steps with fixed eta."});
-            write_free(unit, {"       Changing eta by *", elec_algo.eta_mod_frac, " every ",
-                              elec_algo.eta_mod_freq, " steps."});
-            write_free(unit, {"       Max failing in changing eta = ", elec_algo.eta_mod_fail_max});
+            write_free(unit, {"       Changing eta by *", sys.elec_algo.eta_mod_frac, " every ",
+                              sys.elec_algo.eta_mod_freq, " steps."});
+            write_free(unit,
+                       {"       Max failing in changing eta = ", sys.elec_algo.eta_mod_fail_max});
         }
     }
     unit_write(unit, "-------- Ionic part ---------");
-    if (i_algo.n_steps > 0) {
+    if (sys.i_algo.n_steps > 0) {
         const char* what[6] = {"   molecular dynamics will be performed",
                                "   ionic positions will be relaxed using cg",
                                "   ionic positions will be relaxed using sd",
                                "   ions will be moved with fixed velocites",
                                "   ions will be moved to test the forces.",
                                "   the stress will be tested."};
-        if (i_algo.algo >= 0 && i_algo.algo <= 5) unit_write(unit, what[i_algo.algo]);
-        write_free(unit, {" for ", i_algo.n_steps, "steps."});
-        if (i_algo.eom_algo == eom_verlet)
+        if (sys.i_algo.algo >= 0 && sys.i_algo.algo <= 5) unit_write(unit, what[sys.i_algo.algo]);
+        write_free(unit, {" for ", sys.i_algo.n_steps, "steps."});
+        if (sys.i_algo.eom_algo == eom_verlet)
             unit_write(unit, "   the eom will be integrated using the verlet algorithm");
-        if (i_algo.eom_algo == eom_velocity_verlet)
+        if (sys.i_algo.eom_algo == eom_velocity_verlet)
             unit_write(unit, "   the eom will be integrated using the velocity-verlet algorithm");
-        write_fmt(unit, "(a,e10.4,a)", {"   time step dt = ", i_algo.dt, " fs"});
-        if (i_algo.hyper_md) {
+        write_fmt(unit, "(a,e10.4,a)", {"   time step dt = ", sys.i_algo.dt, " fs"});
+        if (sys.i_algo.hyper_md) {
             write_free(unit, {"   this will be a hyper-md run, with threshold energy = ",
-                              i_algo.e_boost, "ev"});
-            write_fmt(unit, "(a,e10.4)",
-                      {"   potential smoothing factor for boosted potential = ", i_algo.a_boost});
+                              sys.i_algo.e_boost, "ev"});
+            write_fmt(
+                unit, "(a,e10.4)",
+                {"   potential smoothing factor for boosted potential = ", sys.i_algo.a_boost});
         }
-        if (i_algo.friction != 0.0 && i_algo.thermostat != thermostat_langevin)
+        if (sys.i_algo.friction != 0.0 && sys.i_algo.thermostat != thermostat_langevin)
             write_fmt(unit, "(a,f8.3,a)",
-                      {"a friction coefficient of ", i_algo.friction, " will be used."});
-        if (i_algo.thermostat != thermostat_none) {
+                      {"a friction coefficient of ", sys.i_algo.friction, " will be used."});
+        if (sys.i_algo.thermostat != thermostat_none) {
             unit_write(unit, "Thermostat for the ionic degrees of freedom in use.");
-            write_free(unit, {"Target temperature : ", i_algo.temperature, " k."});
-            write_free(unit, {"Target ionic kinetic energy : ", i_algo.target_e_kin, " ev."});
-            if (i_algo.thermostat == thermostat_nose) {
+            write_free(unit, {"Target temperature : ", sys.i_algo.temperature, " k."});
+            write_free(unit, {"Target ionic kinetic energy : ", sys.i_algo.target_e_kin, " ev."});
+            if (sys.i_algo.thermostat == thermostat_nose) {
                 unit_write(unit, "A Nose-Hoover thermostat will be used");
                 write_free(unit,
-                           {"mass of the ionic Nose-Hoover thermostat : ", i_algo.q_nose_ions});
+                           {"mass of the ionic Nose-Hoover thermostat : ", sys.i_algo.q_nose_ions});
             }
-            if (i_algo.thermostat == thermostat_langevin) {
+            if (sys.i_algo.thermostat == thermostat_langevin) {
                 unit_write(unit, "Langevin dynamics will be used");
-                write_free(unit, {"  friction coefficient : ", i_algo.friction, "1/fs"});
+                write_free(unit, {"  friction coefficient : ", sys.i_algo.friction, "1/fs"});
             }
         }
-        write_free(unit,
-                   {"System status will be printed every ", i_algo.status_output_freq, "steps."});
+        write_free(unit, {"System status will be printed every ", sys.i_algo.status_output_freq,
+                          "steps."});
     } else {
         unit_write(unit, "Ions will remain fixed.");
     }
-    write_free(unit, {"Level of output = ", elec_algo.output_level});
+    write_free(unit, {"Level of output = ", sys.elec_algo.output_level});
 }
 
 void print_ene(const ions_state_type& st, const i_algo_type& i_algo, const elec_state_type* elec,

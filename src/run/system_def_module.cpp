@@ -9,47 +9,29 @@
 
 namespace lyrt {
 
-ions_type* ions = nullptr;
-box_type box;
-ions_state_type ions_state;
-elec_state_type* elec_state = nullptr;
-tb_model_type tb_model;
-hamiltonian_type ham;
-eig_state_type eig_state;
-scc_type scc;
+system_def_type sys;
 
 namespace {
-elec_state_type elec_state_record;
 constexpr const char* mod = "system_def_module";
 } // namespace
-kpt_type kpt;
-int n_states = 0;
-int n_basis = 0;
-int n_h_dup = 1;
-pdist_type ions_pdist;
-pdist_type states_pdist;
-elec_algo_type elec_algo;
-i_algo_type i_algo;
-std::string system_name;
-double n_electrons = 0.0;
 
 void init_system_ions() {
     const char* proc = "init_system_ions";
     const trace_guard trace(proc, mod);
-    ions = &box.ions;
-    ions_state.ions = &box.ions;
-    ions_state.box = &box;
+    sys.ions = &sys.box.ions;
+    sys.ions_state.ions = &sys.box.ions;
+    sys.ions_state.box = &sys.box;
     init_random();
     constants_init();
-    box_init(box, tb_model.r_cut, elec_algo.lo_rad);
-    box_calc_ic_list(box);
-    box_init_sb_list(box);
-    box_ions_fill_sb(box);
-    pdist_init(ions_pdist, ions->total_n_ions, 1, n_proc, my_proc, "bl");
-    ions_init(ions_state, i_algo);
-    pbc_calc_max_nn(box);
-    write_free(stdout_unit, {"After pbc_calc_max_nn, max_n_nn=", ions->max_n_nn});
-    pbc_calc_nn_lists(box, std::min(2 * ions->max_n_nn, ions->total_n_ions));
+    box_init(sys.box, sys.tb_model.r_cut, sys.elec_algo.lo_rad);
+    box_calc_ic_list(sys.box);
+    box_init_sb_list(sys.box);
+    box_ions_fill_sb(sys.box);
+    pdist_init(sys.ions_pdist, sys.ions->total_n_ions, 1, n_proc, my_proc, "bl");
+    ions_init(sys.ions_state, sys.i_algo);
+    pbc_calc_max_nn(sys.box);
+    write_free(stdout_unit, {"After pbc_calc_max_nn, max_n_nn=", sys.ions->max_n_nn});
+    pbc_calc_nn_lists(sys.box, std::min(2 * sys.ions->max_n_nn, sys.ions->total_n_ions));
 }
 
 void init_elec_dim(const ions_type& ions, const kpt_type& kpt, const tb_model_type& tb_model,
@@ -97,38 +79,41 @@ void init_system_elec() {
     const char* proc = "init_system_elec";
     const trace_guard trace(proc, mod);
     // Counts of 0 or below stand for 1 (and divide every processor count).
-    if (n_h_dup > 0 && n_proc % n_h_dup != 0)
+    if (sys.n_h_dup > 0 && n_proc % sys.n_h_dup != 0)
         fatal_error("n_h_dup should be a divider of the # of processors", -1, proc, mod);
-    if (n_h_dup <= 0) n_h_dup = 1;
-    if (n_h_dup > n_proc) n_h_dup = n_proc;
-    pdist_deallocate(ions_pdist);
-    pdist_init(ions_pdist, ions->total_n_ions, 1, n_proc / n_h_dup, my_proc / n_h_dup, "bl");
-    hamiltonian_init(ham, *ions, tb_model, ions_pdist, ions_pdist);
-    if (tb_model.classical) {
+    if (sys.n_h_dup <= 0) sys.n_h_dup = 1;
+    if (sys.n_h_dup > n_proc) sys.n_h_dup = n_proc;
+    pdist_deallocate(sys.ions_pdist);
+    pdist_init(sys.ions_pdist, sys.ions->total_n_ions, 1, n_proc / sys.n_h_dup,
+               my_proc / sys.n_h_dup, "bl");
+    hamiltonian_init(sys.ham, *sys.ions, sys.tb_model, sys.ions_pdist, sys.ions_pdist);
+    if (sys.tb_model.classical) {
         return;
     }
-    elec_state = &elec_state_record;
-    init_elec_dim(*ions, kpt, tb_model, n_basis, n_states, n_electrons);
-    elec_state_init(*elec_state, n_basis, n_states, n_electrons, kpt);
-    pdist_init(states_pdist, n_states, 1, n_proc, my_proc, "bc");
-    const auto uses = [](int code) { return elec_algo.gs == code || elec_algo.md == code; };
+    sys.elec_state = &sys.elec_state_record;
+    init_elec_dim(*sys.ions, sys.kpt, sys.tb_model, sys.n_basis, sys.n_states, sys.n_electrons);
+    elec_state_init(*sys.elec_state, sys.n_basis, sys.n_states, sys.n_electrons, sys.kpt);
+    pdist_init(sys.states_pdist, sys.n_states, 1, n_proc, my_proc, "bc");
+    const auto uses = [](int code) { return sys.elec_algo.gs == code || sys.elec_algo.md == code; };
     if (uses(elec_algo_diag) || uses(elec_algo_diag_b)) {
-        eig_state_allocate(eig_state, n_basis, n_states, n_electrons, 1, 1, tb_model.non_orthogonal,
-                           elec_algo.eigen_vect ? 'V' : 'N', kpt);
-        elec_state->eig = &eig_state;
+        eig_state_allocate(sys.eig_state, sys.n_basis, sys.n_states, sys.n_electrons, 1, 1,
+                           sys.tb_model.non_orthogonal, sys.elec_algo.eigen_vect ? 'V' : 'N',
+                           sys.kpt);
+        sys.elec_state->eig = &sys.eig_state;
     }
     if (uses(elec_algo_kpm))
         fatal_error("the kernel polynomial solver (elec_gs_algo = 4) is not built yet", 4, proc,
                     mod);
-    scc_model_init(scc, *ions, elec_algo.scc_used, uses(elec_algo_sd) || uses(elec_algo_cg));
-    elec_state->scc = &scc;
-    if (elec_algo.start == 1) {
-        if (elec_algo.gs > 1 && i_am_master)
+    scc_model_init(sys.scc, *sys.ions, sys.elec_algo.scc_used,
+                   uses(elec_algo_sd) || uses(elec_algo_cg));
+    sys.elec_state->scc = &sys.scc;
+    if (sys.elec_algo.start == 1) {
+        if (sys.elec_algo.gs > 1 && i_am_master)
             warning_error("Reading wave-function only make sense when elec_algo%gs/md <= 1", proc,
                           mod);
         if (i_am_master) write_free(report_unit, {"reading wave-functions from WFS..."});
-        elec_algo.algo = elec_algo.gs;
-        elec_load_state(*elec_state, elec_algo, wfs_unit, "WFS");
+        sys.elec_algo.algo = sys.elec_algo.gs;
+        elec_load_state(*sys.elec_state, sys.elec_algo, wfs_unit, "WFS");
         if (i_am_master) write_free(report_unit, {"done!"});
     }
 }

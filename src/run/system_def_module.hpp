@@ -14,24 +14,30 @@
 
 namespace lyrt {
 
-extern ions_type* ions; // the ion store of the box, bound in init_system_ions
-extern box_type box;    // cell, cut-off, ions, image cells and sub-boxes
-extern ions_state_type ions_state;
-extern elec_state_type* elec_state; // set by init_system_elec (none for a classical model)
-extern tb_model_type tb_model;
-extern hamiltonian_type ham;
-extern eig_state_type eig_state;
-extern scc_type scc;
-extern kpt_type kpt;
-extern int n_states;            // electronic states
-extern int n_basis;             // basis functions
-extern int n_h_dup;             // Hamiltonian duplication factor
-extern pdist_type ions_pdist;   // distribution of the ions (blocks)
-extern pdist_type states_pdist; // distribution of the electronic states
-extern elec_algo_type elec_algo;
-extern i_algo_type i_algo;
-extern std::string system_name; // keyword system_name, 80 characters
-extern double n_electrons;      // keyword n_electrons, completed with the electrons
+// The global records of the run, in one record so that a routine's own
+// arguments of the same names never hide them.
+struct system_def_type {
+    ions_type* ions = nullptr; // the ion store of the box, bound in init_system_ions
+    box_type box;              // cell, cut-off, ions, image cells and sub-boxes
+    ions_state_type ions_state;
+    elec_state_type* elec_state = nullptr; // set by init_system_elec (none for a classical model)
+    elec_state_type elec_state_record;     // what elec_state points to
+    tb_model_type tb_model;
+    hamiltonian_type ham;
+    eig_state_type eig_state;
+    scc_type scc;
+    kpt_type kpt;
+    int n_states = 0;        // electronic states
+    int n_basis = 0;         // basis functions
+    int n_h_dup = 1;         // Hamiltonian duplication factor
+    pdist_type ions_pdist;   // distribution of the ions (blocks)
+    pdist_type states_pdist; // distribution of the electronic states
+    elec_algo_type elec_algo;
+    i_algo_type i_algo;
+    std::string system_name;  // keyword system_name, 80 characters
+    double n_electrons = 0.0; // keyword n_electrons, completed with the electrons
+};
+extern system_def_type sys;
 
 // The ionic side of a ready system: pointers, random numbers, box, ion
 // distribution, starting state of the ions and neighbour lists.
