@@ -65,8 +65,8 @@ TEST(Farray, ViewsOfConstArraysAreReadOnly) {
     using mutable_view = decltype(std::declval<farray<double, 3>&>().slice_last(1));
     static_assert(std::is_same_v<const_view, farray<const double, 2>>);
     static_assert(std::is_same_v<mutable_view, farray<double, 2>>);
-    static_assert(
-        std::is_same_v<decltype(std::declval<const farray<int, 1>&>().view()), farray<const int, 1>>);
+    static_assert(std::is_same_v<decltype(std::declval<const farray<int, 1>&>().view()),
+                                 farray<const int, 1>>);
 
     farray<double, 3> hist;
     hist.allocate({1, 1, 1}, {3, 2, 3});

@@ -10,7 +10,9 @@
 #include "test_support.hpp"
 
 #include <cmath>
+#include <fstream>
 #include <gtest/gtest.h>
+#include <vector>
 
 namespace {
 
@@ -146,6 +148,17 @@ TEST_F(Eigenstates, EigenvectorFileRoundTrip) {
         for (int r = 1; r <= 5; ++r) a.psi(r, j) = r * 0.1 + j;
     eig_state_write(a, wfs_unit, "WFS");
     EXPECT_EQ(std::filesystem::file_size(dir / "WFS"), 3u * 5u * 8u);
+    // Read back byte by byte: record j (n_dim doubles, no header) is column j of psi.
+    {
+        std::ifstream raw(dir / "WFS", std::ios::binary);
+        std::vector<double> file(15);
+        raw.read(reinterpret_cast<char*>(file.data()), 15 * sizeof(double));
+        ASSERT_TRUE(raw.good());
+        for (int j = 1; j <= 3; ++j)
+            for (int r = 1; r <= 5; ++r)
+                EXPECT_EQ(file[static_cast<std::size_t>((j - 1) * 5 + (r - 1))], r * 0.1 + j)
+                    << "record " << j << " element " << r;
+    }
     eig_state_allocate(b, 5, 3, 6.0, 1, 1, false, 'V', kpt);
     eig_state_read(b, wfs_unit, "WFS");
     for (int j = 1; j <= 3; ++j)

@@ -73,6 +73,21 @@ run_result run_case(const std::filesystem::path& dir, const std::string& pos,
         if (l.rfind("  Potential       Energy =", 0) == 0 ||
             l.rfind("  Potential     Energy =", 0) == 0)
             r.e_pot = std::stod(l.substr(l.find('=') + 1));
+        if (l.rfind("  Atomic        Energy =", 0) == 0)
+            r.e_atoms = std::stod(l.substr(l.find('=') + 1));
+        if (l.rfind("  Fermi         Energy =", 0) == 0)
+            r.e_fermi = std::stod(l.substr(l.find('=') + 1));
+        if (l.rfind("K-point #     1", 0) == 0) {
+            r.eigenvalues.clear();
+            for (std::size_t m = k + 1; m < lines.size(); ++m) {
+                std::istringstream in(lines[m]);
+                int index;
+                double e;
+                if (!(in >> index >> e) || index != static_cast<int>(r.eigenvalues.size()) + 1)
+                    break;
+                r.eigenvalues.push_back(e);
+            }
+        }
         if (l.rfind(" Type      Cartesian Coordinates                Forces", 0) == 0) {
             r.force.clear();
             for (std::size_t m = k + 1; m < lines.size() && lines[m].rfind("----", 0) != 0; ++m) {
@@ -86,6 +101,37 @@ run_result run_case(const std::filesystem::path& dir, const std::string& pos,
         }
     }
     return r;
+}
+
+std::vector<double> json_numbers(const std::string& json, const std::string& key) {
+    std::vector<double> out;
+    const std::string quoted = "\"" + key + "\"";
+    std::size_t p = json.find(quoted);
+    if (p == std::string::npos) return out;
+    p = json.find(':', p + quoted.size());
+    if (p == std::string::npos) return out;
+    int depth = 0;
+    for (++p; p < json.size(); ++p) {
+        const char c = json[p];
+        if (c == '[') {
+            ++depth;
+        } else if (c == ']') {
+            if (--depth <= 0) break;
+        } else if (c == '-' || c == '+' || c == '.' || (c >= '0' && c <= '9')) {
+            std::size_t used = 0;
+            out.push_back(std::stod(json.substr(p), &used));
+            p += used - 1;
+            if (depth == 0) break;
+        } else if ((c == ',' || c == '}') && depth == 0) {
+            break;
+        }
+    }
+    return out;
+}
+
+run_result run_folder(const std::filesystem::path& dir, const std::filesystem::path& from) {
+    return run_case(dir, read_text(from / "POSLYRT"), read_text(from / "INLYRT"),
+                    read_text(from / "TBPARAM"));
 }
 
 } // namespace lyrt_test

@@ -11,7 +11,10 @@ namespace lyrt_test {
 struct run_result {
     int status = -1;
     double e_pot = 0.0;                       // potential energy, eV
+    double e_atoms = 0.0;                     // energy of the free atoms, eV
+    double e_fermi = 0.0;                     // Fermi level, eV
     std::vector<std::array<double, 3>> force; // eV/Angstrom, per ion (when printed)
+    std::vector<double> eigenvalues;          // eV, of the first k-point (when printed)
     std::string report;                       // OUTLYRT
 };
 
@@ -27,6 +30,11 @@ std::string poslyrt(const std::array<std::array<double, 3>, 3>& cell,
 std::vector<atom> diamond(double a, int n);
 std::vector<atom> fcc(double a, int n);
 std::string tbparam(const std::string& name); // "Si" or "Cu" from tests/data
+// The numbers of one member of a JSON object, nested arrays flattened in order:
+// a reader for the reference files, which hold numbers, arrays and strings only.
+std::vector<double> json_numbers(const std::string& json, const std::string& key);
+// Runs the program in dir on the three input files of folder `from`.
+run_result run_folder(const std::filesystem::path& dir, const std::filesystem::path& from);
 run_result run_case(const std::filesystem::path& dir, const std::string& poslyrt,
                     const std::string& inlyrt, const std::string& tbparam);
 
