@@ -5,7 +5,7 @@ PACKAGES := g++ cmake make libopenblas-dev libgtest-dev googletest clang-format
 EXAMPLE ?= si8
 JOBS ?= 2
 
-.PHONY: run test bench deps build-release build-test format clean
+.PHONY: run test bench deps build-release build-test format layers clean
 
 deps:
 	@missing=""; for p in $(PACKAGES); do \
@@ -35,7 +35,11 @@ run: build-release
 format:
 	clang-format --dry-run --Werror $$(git ls-files 'src/*.cpp' 'src/*.hpp' 'tests/*.cpp' 'tests/*.hpp' 'bench/*.cpp')
 
-test: build-test format
+# Every include points to its own layer (folder of src/) or a lower one.
+layers:
+	tools/check_layers.sh
+
+test: build-test format layers
 	cd build/test && ctest --output-on-failure -j $(JOBS)
 
 # Time of one static run of diamond Si cells of 64, 216 and 512 atoms, split by phase.

@@ -124,15 +124,26 @@ void complex_workspace(blacs_distr_type& d, int n, std::vector<double>& rwork) {
 
 } // namespace
 
+namespace {
+
+// The matrix that the solver overwrites: x, holding a copy of h, when vectors are
+// wanted (they come back in it); h itself otherwise.
+farray<dcomplex, 2>& solver_operand(char jobz, farray<dcomplex, 2>& h, farray<dcomplex, 2>* x,
+                                    int n) {
+    if (!wants_vectors(jobz)) return h;
+    for (int j = 1; j <= n; ++j)
+        for (int i = 1; i <= n; ++i) (*x)(i, j) = h(i, j);
+    return *x;
+}
+
+} // namespace
+
 void calc_eigen_complex_lp(char jobz, farray<dcomplex, 2>& h, int n, farray<double, 1>& en,
                            farray<dcomplex, 2>* x, blacs_distr_type& d) {
     std::vector<double> rwork;
     complex_workspace(d, n, rwork);
     int info = 0;
-    farray<dcomplex, 2>& a = wants_vectors(jobz) ? *x : h;
-    if (wants_vectors(jobz))
-        for (int j = 1; j <= n; ++j)
-            for (int i = 1; i <= n; ++i) a(i, j) = h(i, j);
+    farray<dcomplex, 2>& a = solver_operand(jobz, h, x, n);
     const char jz = wants_vectors(jobz) ? 'V' : 'N';
     zheev_(&jz, "U", &n, a.data(), &n, en.data(), d.cwork.data(), &d.lcwork, rwork.data(), &info);
     if (info != 0) fatal_error("error occured in Xsyev", info, "calc_eigen_complex_lp", mod);
@@ -144,10 +155,7 @@ void calc_gen_eigen_complex_lp(char jobz, farray<dcomplex, 2>& h, farray<dcomple
     complex_workspace(d, n, rwork);
     const int itype = 1;
     int info = 0;
-    farray<dcomplex, 2>& a = wants_vectors(jobz) ? *x : h;
-    if (wants_vectors(jobz))
-        for (int j = 1; j <= n; ++j)
-            for (int i = 1; i <= n; ++i) a(i, j) = h(i, j);
+    farray<dcomplex, 2>& a = solver_operand(jobz, h, x, n);
     const char jz = wants_vectors(jobz) ? 'V' : 'N';
     zhegv_(&itype, &jz, "U", &n, a.data(), &n, s.data(), &n, en.data(), d.cwork.data(), &d.lcwork,
            rwork.data(), &info);
