@@ -20,7 +20,10 @@ bool is_letter(std::string_view s, char c) {
     return !s.empty() && std::toupper(static_cast<unsigned char>(s[0])) == c && s.size() == 1;
 }
 
-void resolve_which(std::string_view which, bool non_orthogonal, bool& want_h, bool& want_s) {
+// Which of H and S a call builds: "H", "S", or both (S only for a non-orthogonal
+// model). Asking for S of an orthogonal model stops the run with `message`.
+void resolve_which(std::string_view which, bool non_orthogonal, bool& want_h, bool& want_s,
+                   std::string_view message, const char* proc) {
     want_h = true;
     want_s = non_orthogonal;
     if (is_letter(which, 'H')) {
@@ -29,6 +32,7 @@ void resolve_which(std::string_view which, bool non_orthogonal, bool& want_h, bo
         want_h = false;
         want_s = true;
     }
+    if (want_s && !non_orthogonal) fatal_error(message, -1, proc, mod);
 }
 
 // Work blocks of one build, max_no x max_no each.
@@ -147,9 +151,8 @@ void calc_hs_real(hamiltonian_type& ham, const ions_type& ions, const box_type& 
     const double start = utime();
     const tb_model_type& model = *ham.tb_model;
     bool want_h, want_s;
-    resolve_which(which, model.non_orthogonal, want_h, want_s);
-    if (want_s && !model.non_orthogonal)
-        fatal_error("Trying to calculate S for an orthogonal TB model !", -1, proc, mod);
+    resolve_which(which, model.non_orthogonal, want_h, want_s,
+                  "Trying to calculate S for an orthogonal TB model !", proc);
     hs_work w;
     work_allocate(w, model.max_no, proc);
     if (want_h) ham.h_ab.fill(0.0);
@@ -329,9 +332,8 @@ void calc_hs_grad_real(hamiltonian_type& ham, const ions_type& ions, const box_t
     const double start = utime();
     const tb_model_type& model = *ham.tb_model;
     bool want_h, want_s;
-    resolve_which(which, model.non_orthogonal, want_h, want_s);
-    if (want_s && !model.non_orthogonal)
-        fatal_error("Trying to calculate dS_ab for an orthogonal TB model !", -1, proc, mod);
+    resolve_which(which, model.non_orthogonal, want_h, want_s,
+                  "Trying to calculate dS_ab for an orthogonal TB model !", proc);
     int mode = mode_force;
     if (is_letter(strain, 'D')) mode = mode_diagonal;
     if (is_letter(strain, 'O')) mode = mode_off_diagonal;
