@@ -3,6 +3,7 @@
 #include "base/error_module.hpp"
 
 #include <string>
+#include <unistd.h>
 
 namespace lyrt {
 
@@ -17,6 +18,19 @@ int get_allocated_memory() {
 
 void allocate_set_test_limit(long long bytes) {
     test_limit = bytes;
+}
+
+bool allocation_possible(long long bytes) {
+    if (bytes < 0 || !detail::allocation_allowed(bytes)) return false;
+    const long pages = ::sysconf(_SC_PHYS_PAGES), page = ::sysconf(_SC_PAGE_SIZE);
+    if (pages <= 0 || page <= 0) return true; // unknown: let the allocation decide
+    return static_cast<double>(bytes) <= static_cast<double>(pages) * static_cast<double>(page);
+}
+
+void allocation_failed(std::string_view name, long long bytes, std::string_view procedure,
+                       std::string_view module) {
+    detail::allocate_error(name, bytes, procedure, module);
+    throw fatal_stop{}; // not reached: the stop above throws
 }
 
 namespace detail {

@@ -23,6 +23,14 @@ int get_allocated_memory();
 // means no limit. Lets a test provoke the failure path.
 void allocate_set_test_limit(long long bytes);
 
+// Whether a request of this many bytes can be met at all: not beyond the machine's
+// physical memory (nor the test limit). Lets a routine refuse a size before it
+// allocates the first of its arrays.
+bool allocation_possible(long long bytes);
+// The allocation-failure stop, for a request refused before it is made.
+[[noreturn]] void allocation_failed(std::string_view name, long long bytes,
+                                    std::string_view procedure, std::string_view module);
+
 namespace detail {
 void allocate_error(std::string_view name, long long bytes, std::string_view procedure,
                     std::string_view module);

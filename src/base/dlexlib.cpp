@@ -503,7 +503,7 @@ bool read_real_token(std::string token, double& v) {
     char* end = nullptr;
     errno = 0;
     v = std::strtod(token.c_str(), &end);
-    return end != nullptr && *end == '\0' && !token.empty() && errno == 0;
+    return end != nullptr && *end == '\0' && !token.empty() && errno == 0 && std::isfinite(v);
 }
 
 // Reads the blank-separated items of an expanded value into the receiver.

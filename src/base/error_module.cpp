@@ -47,8 +47,18 @@ void fatal_error(std::string_view message, long long number, std::string_view pr
     unit_write(error_unit, "        " + std::string(message));
     write_free(error_unit, {"ABORTING LYRT !"});
     flush(error_unit);
+    // The report says that the run stopped and why, in place of its normal end.
+    if (unit_is_open(report_unit)) {
+        unit_write(report_unit, "");
+        unit_write(report_unit, " *** THE RUN STOPPED WITH A FATAL ERROR ***");
+        unit_write(report_unit, " " + std::string(message));
+        unit_write(report_unit, " in procedure " + trimmed(procedure) + " of module " +
+                                    trimmed(module) + "; see ERRLYRT");
+    }
     flush(report_unit);
-    close_units();
+    close_units(false);
+    // Standard output carries the message too: a user watching the run sees why it ended.
+    unit_write(stdout_unit, " FATAL ERROR: " + std::string(message));
     trace_print_stack();
     std::fflush(stdout);
     fatal_stop stop;

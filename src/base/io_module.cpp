@@ -2,6 +2,8 @@
 
 #include <cctype>
 #include <cerrno>
+#include <climits>
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
@@ -122,6 +124,9 @@ int unit_open(int unit, const std::string& file, std::string_view status, std::s
               std::string_view access, int recl) {
     if (is_standard(unit)) return 0;
     if (find(unit) != nullptr) unit_close(unit);
+    // A directory of that name is no file to read or write.
+    struct stat info {};
+    if (::stat(file.c_str(), &info) == 0 && S_ISDIR(info.st_mode)) return EISDIR;
     bool exists = file_exists(file);
     const char* mode = nullptr;
     if (status == "replace" || status == "REPLACE") {
@@ -365,7 +370,8 @@ bool to_real(std::string item, double& v) {
         if (c == 'd' || c == 'D' || c == 'q' || c == 'Q') c = 'E';
     char* end = nullptr;
     v = std::strtod(item.c_str(), &end);
-    return !item.empty() && end != nullptr && *end == '\0';
+    // NaN, infinities and values beyond the double range are no numbers of an input.
+    return !item.empty() && end != nullptr && *end == '\0' && std::isfinite(v);
 }
 
 } // namespace
@@ -379,9 +385,10 @@ int read_free_reals(int unit, std::span<double> values) {
 int read_free_ints(int unit, std::span<int> values) {
     return read_free(unit, values.size(), [&](const std::string& item, std::size_t k) {
         char* end = nullptr;
+        errno = 0;
         const long v = std::strtol(item.c_str(), &end, 10);
         values[k] = static_cast<int>(v);
-        return end != nullptr && *end == '\0';
+        return end != nullptr && *end == '\0' && errno == 0 && v >= INT_MIN && v <= INT_MAX;
     });
 }
 
@@ -421,12 +428,18 @@ void write_unit_info() {
     }
 }
 
-void close_units() {
+void close_units(bool normal_end) {
     std::string date, time;
     date_and_time(date, time);
-    write_free(report_unit, {"   Program Terminated on: ", date, ",  at: ", time});
-    unit_write(report_unit, "");
-    write_free(report_unit, {"-- LYRT end --"});
+    if (normal_end) {
+        write_free(report_unit, {"   Program Terminated on: ", date, ",  at: ", time});
+        unit_write(report_unit, "");
+        write_free(report_unit, {"-- LYRT end --"});
+    } else {
+        write_free(report_unit, {"   Program Stopped on: ", date, ",  at: ", time});
+        unit_write(report_unit, "");
+        write_free(report_unit, {"-- LYRT stopped with an error --"});
+    }
     unit_close(report_unit);
     unit_close(error_unit);
     unit_close(timing_unit);

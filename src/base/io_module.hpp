@@ -104,7 +104,9 @@ std::vector<std::string> free_form_items(std::string_view record);
 
 void open_units();
 void write_unit_info();
-void close_units();
+// Writes the closing lines of the report and closes the three report files; a
+// run that ends with a fatal error closes with lines that say so (normal_end false).
+void close_units(bool normal_end = true);
 void reopen_units();
 int next_free_unit();
 int file_count_lines(int unit);

@@ -82,6 +82,11 @@ void calc_gen_eigen_real_lp(char jobz, farray<double, 2>& h, farray<double, 2>& 
         dsygv_(&itype, "N", "U", &n, h.data(), &n, s.data(), &n, en.data(), d.work.data(), &d.lwork,
                &info);
     }
+    if (info > n)
+        // The Cholesky factor of the overlap failed: S is not positive definite.
+        fatal_error("error occured in Xsygv: the overlap is not positive definite" +
+                        (d.failure_hint.empty() ? std::string() : "; " + d.failure_hint),
+                    info, proc, mod);
     if (info != 0) fatal_error("error occured in Xsygv", info, proc, mod);
 }
 

@@ -56,6 +56,10 @@ void gs_calc(box_type& box, ions_state_type& ions_state, elec_state_type& elec,
     }
     if (model.pair_pot_used)
         gs_calc_classical_energy(box, ions_state, model, calc_elocal, ions.e_local);
+    if (!std::isfinite(ions_state.e_pot))
+        fatal_error("the energy is not a finite number: a coefficient of the parameter file is "
+                    "out of range",
+                    -1, proc, mod);
     write_free(timing_unit, {my_proc, "gs_calc", utime() - start, "sec"});
 }
 

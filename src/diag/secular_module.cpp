@@ -4,6 +4,7 @@
 #include "base/io_module.hpp"
 #include "diag/diag_module.hpp"
 #include "model/tb_hs_module.hpp"
+#include "neighbours/pbc_module.hpp"
 
 #include <cmath>
 
@@ -14,6 +15,18 @@ namespace {
 constexpr const char* mod = "secular_module";
 
 void debug_print_hs() {}
+
+// A matrix element that is not finite comes from a model coefficient too large for
+// the distances at hand; the solver would return garbage for it.
+void check_finite(const farray<double, 2>& m, int n, const char* name) {
+    for (int j = 1; j <= n; ++j)
+        for (int i = 1; i <= n; ++i)
+            if (!std::isfinite(m(i, j)))
+                fatal_error(std::string(name) + " holds a number that is not finite at row " +
+                                std::to_string(i) + ", column " + std::to_string(j) +
+                                ": a coefficient of the parameter file is out of range",
+                            -1, "solve_secular_eqn", mod);
+}
 
 } // namespace
 
@@ -44,6 +57,17 @@ void solve_secular_eqn(hamiltonian_type& ham, ions_type& ions, const box_type& b
     farray<double, 2>* s_arg = non_orth ? &eig.s_ij : nullptr;
     // The projections on the ions need S as blocks, which the direct route doesn't build.
     if (direct && non_orth && (scc_used || calc_elocal)) calc_hs_real(ham, ions, box, "S");
+    if (non_orth) {
+        // Close ions make the overlap singular: name the closest pair should it fail.
+        int i_min, j_min;
+        double d_min;
+        pbc_min_dist_pair(box, i_min, j_min, d_min);
+        eig.d.failure_hint.clear();
+        if (i_min > 0)
+            eig.d.failure_hint = "ions may be too close: the closest pair, ions " +
+                                 std::to_string(i_min) + " and " + std::to_string(j_min) + ", is " +
+                                 format_items("(F8.4)", {d_min}) + " Angstrom apart";
+    }
     int iter = 0;
     for (;;) {
         if (scc_used) {
@@ -59,6 +83,8 @@ void solve_secular_eqn(hamiltonian_type& ham, ions_type& ions, const box_type& b
                 get_hs_ij_real(ham, &eig.h_ij, s_arg, scc_arg);
             }
             if (debug > 2) debug_print_hs();
+            check_finite(eig.h_ij, n_dim, "the Hamiltonian");
+            if (non_orth) check_finite(eig.s_ij, n_dim, "the overlap");
             if (vectors && non_orth)
                 calc_gen_eigen_vectors_real(eig.h_ij, eig.s_ij, n_dim, eig.ework, eig.x, eig.d);
             else if (vectors)

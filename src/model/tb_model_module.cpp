@@ -181,7 +181,7 @@ int leading_numbers(const std::string& line, double* values) {
             if (c == 'd' || c == 'D') c = 'E';
         char* end = nullptr;
         const double v = std::strtod(t.c_str(), &end);
-        if (end == nullptr || *end != '\0' || t.empty()) break;
+        if (end == nullptr || *end != '\0' || t.empty() || !std::isfinite(v)) break;
         values[m++] = v;
     }
     return m;
@@ -483,6 +483,10 @@ double f_cut(double r, double r0, double l) {
 double df_cut(double r, double r0, double l) {
     double d;
     const double s = f_cut_smooth_and_d(r, r0, l, d);
+    // At and beyond the pair's reach the cut-off is 0, and so is its product with
+    // this derivative in every caller: return 0 there instead of 0/0, so that a
+    // pair reaching less far than the neighbour search adds nothing to gradients.
+    if (s == 0.0) return 0.0;
     return 1.0 / (l * (1.0 + std::exp((r0 - r) / l))) - d / s;
 }
 

@@ -160,6 +160,33 @@ void pbc_calc_ion_nn(box_type& box, int i, nn_list_type& nn_list, nn_list_type& 
     }
 }
 
+void pbc_min_dist_pair(const box_type& box, int& i_min, int& j_min, double& d_min) {
+    const ions_type& ions = box.ions;
+    i_min = j_min = 0;
+    d_min = -1.0;
+    for (int i = 1; i <= ions.total_n_ions && i <= static_cast<int>(ions.nn_hi_list.size()); ++i) {
+        const nn_list_type& l = ions_nn_hi_list(ions, i);
+        for (int m = 1; m <= l.n_nn; ++m)
+            if (d_min < 0.0 || l.dist(m) < d_min) {
+                d_min = l.dist(m);
+                i_min = i;
+                j_min = l.index(m);
+            }
+    }
+}
+
+void pbc_check_min_dist(const box_type& box) {
+    int i, j;
+    double d;
+    pbc_min_dist_pair(box, i, j, d);
+    if (i > 0 && d < min_ion_distance)
+        fatal_error("ions " + std::to_string(i) + " and " + std::to_string(j) + " are " +
+                        format_items("(F10.6)", {d}) + " Angstrom apart, closer than " +
+                        format_items("(F4.2)", {min_ion_distance}) +
+                        " Angstrom: two ions cannot sit there; check the positions",
+                    static_cast<long long>(i) * 10000 + j, "pbc_check_min_dist", mod);
+}
+
 void pbc_calc_nn_lists(box_type& box, std::optional<int> n_alloc, bool check) {
     const char* proc = "pbc_init_nn_lists";
     const trace_guard trace(proc, mod);
@@ -214,6 +241,7 @@ void pbc_calc_nn_lists(box_type& box, std::optional<int> n_alloc, bool check) {
     }
     for (std::size_t i = 0; i < n; ++i)
         ions.max_n_nn = std::max(ions.max_n_nn, ions.nn_list[i].n_nn);
+    pbc_check_min_dist(box);
     if (ions.max_n_nn > ions.total_n_ions)
         fatal_error("The maximum # of NN is larger than # of ions!", ions.max_n_nn, proc, mod);
     if (ions.max_n_nn > ions.ub_n_nn)

@@ -34,6 +34,14 @@ void pbc_calc_ion_nn_old(box_type& box, int i, nn_list_type& nn_list, nn_list_ty
 void pbc_test_min_vec(const box_type& box);
 void pbc_print(const box_type& box, int unit);
 
+// Ions closer than this are an input error (a repeated line, a wrong unit), Angstrom.
+constexpr double min_ion_distance = 0.1;
+// The closest pair of the present lists (i < j) and its distance; i = 0 and
+// d = -1 when no ion has a neighbour.
+void pbc_min_dist_pair(const box_type& box, int& i, int& j, double& d);
+// Stops the run when two ions are closer than min_ion_distance, naming both.
+void pbc_check_min_dist(const box_type& box);
+
 // Visits every pair within the cut-off, periodic images included, as
 // f(i, n, vector from i to the partner, its length, self), where self marks an
 // ion's own image. With one image cell the neighbour lists hold the pairs; with

@@ -5,6 +5,7 @@
 #include "base/allocate_module.hpp"
 #include "base/farray.hpp"
 
+#include <string>
 #include <string_view>
 
 namespace lyrt {
@@ -22,6 +23,7 @@ struct blacs_distr_type {
     int lcwork = -1;
     farray<int, 1> iwork; // integer workspace (divide-and-conquer solvers)
     int liwork = -1;
+    std::string failure_hint; // what the caller knows of a failure's likely cause, for its message
 };
 
 void init_blacs_distr(blacs_distr_type& d, int m, int n, int mb, int nb);

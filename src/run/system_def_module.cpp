@@ -51,6 +51,10 @@ void init_elec_dim(const ions_type& ions, const kpt_type& kpt, const tb_model_ty
     const bool states_given = n_states >= 0;
     const bool electrons_given = n_electrons >= 0.0;
     if (!electrons_given) n_electrons = q;
+    if (n_electrons > 2.0 * n_basis)
+        fatal_error("more electrons than the basis functions can hold (twice their number, " +
+                        std::to_string(2 * n_basis) + ")",
+                    static_cast<long long>(n_electrons), proc, mod);
     const int n_el = static_cast<int>(n_electrons);
     if (kpt.sigma == 0.0) {
         if (n_el % 2 != 0) fatal_error(odd, -1, proc, mod);

@@ -34,8 +34,36 @@ void box_init(box_type& box, double r_cut, std::optional<double> lo_rad, const i
     box.lo_rad = lo_rad ? *lo_rad : r_cut;
     box.lo_rad2 = box.lo_rad * box.lo_rad;
 
+    if (!(r_cut > 0.0) || !std::isfinite(r_cut))
+        fatal_error("the cut-off r_cut = " + format_items("(ES11.4)", {r_cut}) +
+                        " Angstrom is not a positive number",
+                    -1, proc, mod);
+
     double min_dist[3];
     cell_calc_min_distances(min_dist, box.cell);
+    // Counts of image cells and sub-boxes in floating point first: a cut-off far
+    // beyond the cell (or far below it) would overflow the integer grids.
+    double n_images = 1.0, n_sub_boxes = 1.0;
+    for (int k = 0; k < 3; ++k) {
+        const double x = min_dist[k] / (2.0 * r_cut);
+        if (x < 1.0)
+            n_images *= 2.0 * (std::round(0.5 / x) + 1.0) + 1.0;
+        else
+            n_sub_boxes *= std::round(x) + 1.0;
+    }
+    if (!(n_images <= max_image_cells) || !(n_sub_boxes <= max_sub_boxes)) {
+        const bool images = !(n_images <= max_image_cells);
+        fatal_error(
+            "the cut-off r_cut = " + format_items("(ES11.4)", {r_cut}) + " Angstrom needs " +
+                format_items("(ES10.3)", {images ? n_images : n_sub_boxes}) +
+                (images ? " image cells" : " sub-boxes") + " of a cell whose shortest width is " +
+                format_items("(ES11.4)",
+                             {std::min(min_dist[0], std::min(min_dist[1], min_dist[2]))}) +
+                " Angstrom (at most " +
+                format_items("(I8)", {images ? max_image_cells : max_sub_boxes}) +
+                "): check r_cut and the cell (lattice constant, units)",
+            -1, proc, mod);
+    }
     int sb[3], ic[3];
     for (int k = 0; k < 3; ++k) {
         const double x = min_dist[k] / (2.0 * r_cut);
@@ -189,6 +217,10 @@ void box_ions_fill_sb(box_type& box) {
     for (sub_box_type& sb : box.sb_list) sb.n_ions = 0;
     for (int i = 1; i <= ions.total_n_ions; ++i) {
         double rp[3], folded[3], r[3];
+        if (!std::isfinite(ions.r(1, i)) || !std::isfinite(ions.r(2, i)) ||
+            !std::isfinite(ions.r(3, i)))
+            fatal_error("the position of ion " + std::to_string(i) + " is not a finite number", i,
+                        proc, mod);
         box_r_to_rp(rp, box, &ions.r(1, i));
         box_rp_to_unit_box(folded, rp);
         box_sb_add_particle_index(box, box_sb_rp_to_index(box, folded), i);

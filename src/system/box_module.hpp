@@ -38,6 +38,11 @@ struct box_type {
     std::vector<sub_box_type> sb_list;
 };
 
+// Largest image-cell and sub-box grids a run accepts: beyond them the cut-off and
+// the cell do not fit together (a unit mistake, a cut-off of kilometres).
+constexpr int max_image_cells = 1000000;
+constexpr int max_sub_boxes = 1000000;
+
 void box_init(box_type& box, double r_cut, std::optional<double> lo_rad = std::nullopt,
               const int* sb_override = nullptr);
 void box_reset(box_type& box);

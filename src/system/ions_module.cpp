@@ -12,6 +12,7 @@
 #include "system/setlat.hpp"
 
 #include <cmath>
+#include <limits>
 #include <numbers>
 
 namespace lyrt {
@@ -356,6 +357,18 @@ void ions_read_coord(farray<double, 2>& x, farray<int, 1>* type, int n, std::str
 
 namespace {
 
+// Non-blank records after the line of `key` to the end of the file; -1 without key.
+long long lines_after_keyword(int unit, const std::string& name, std::string_view key) {
+    int n = 0, status = 0;
+    get_keyword(false, name, unit, key, '=', '!', ';', 'K', {}, n, 0, status);
+    if (status != kw_ok) return -1;
+    long long count = 0;
+    std::string record;
+    while (unit_read(unit, record) == 0)
+        if (record.find_first_not_of(" \t\r") != std::string::npos) ++count;
+    return count;
+}
+
 // Reads POSLYRT on the master; returns the basis count, the grid and whether it was given.
 void ions_read_file(box_type& box, ions_type& ions, std::string_view file, int* grid,
                     bool& grid_found, int& n_basis) {
@@ -372,14 +385,23 @@ void ions_read_file(box_type& box, ions_type& ions, std::string_view file, int* 
     if (status == kw_not_found)
         fatal_error("Could not find key word number_of_ions in file " + name, -1, proc, mod);
     check_input_error(status, "number_of_ions", name);
-    n_basis = 0;
+    long long basis_count = 0;
     for (int s = 0; s < n_species; ++s) {
         if (counts[s] < 0)
             fatal_error("number_of_ions needs counts of 0 or more in file " + name, counts[s], proc,
                         mod);
-        n_basis += counts[s];
+        basis_count += counts[s];
     }
-    if (n_basis == 0) fatal_error("number_of_ions counts no ions in file " + name, 0, proc, mod);
+    if (basis_count == 0)
+        fatal_error("number_of_ions counts no ions in file " + name, 0, proc, mod);
+    // The positions block must hold a line per ion: check before allocating for them.
+    const long long lines = lines_after_keyword(unit, name, "positions");
+    if (lines >= 0 && lines < basis_count)
+        fatal_error("number_of_ions asks for " + std::to_string(basis_count) +
+                        " ions, but the positions block of file " + name + " has only " +
+                        std::to_string(lines) + " lines",
+                    basis_count, proc, mod);
+    n_basis = static_cast<int>(basis_count);
 
     grid[0] = grid[1] = grid[2] = 1;
     int n = 0;
@@ -389,6 +411,11 @@ void ions_read_file(box_type& box, ions_type& ions, std::string_view file, int* 
     grid_found = status == kw_ok;
     if (grid[0] < 1 || grid[1] < 1 || grid[2] < 1)
         fatal_error("unit_cell_grid needs positive repeats in file " + name, -1, proc, mod);
+    // Counts in 64 bits: a large grid must stop with a message, not overflow.
+    const long long total = basis_count * grid[0] * static_cast<long long>(grid[1]) * grid[2];
+    const long long history_bytes = 3LL * 3 * 8 * total; // positions, velocities, forces
+    if (total > std::numeric_limits<int>::max() / 9 || !allocation_possible(history_bytes))
+        allocation_failed("ions%r_of_t", history_bytes, proc, mod);
     const int repeats = grid[0] * grid[1] * grid[2];
 
     ions_allocate_physical(ions, n_basis * repeats, n_species);
@@ -594,6 +621,20 @@ void ions_generate_lattice(box_type& box, ions_type& ions, const int* grid, int 
     cell_multiply(box.cell, grid[0], grid[1], grid[2]);
 }
 
+namespace {
+
+void fill_history_from_present(ions_type& ions, cell_type& cell) {
+    for (farray<double, 3>* h : {&ions.r_of_t, &ions.v_of_t})
+        for (int t = 2; t <= ions.n_t; ++t)
+            for (int i = 1; i <= ions.total_n_ions; ++i)
+                for (int k = 1; k <= 3; ++k) (*h)(k, i, t) = (*h)(k, i, 1);
+    for (int t = 2; t <= cell.n_t; ++t)
+        for (int j = 1; j <= 3; ++j)
+            for (int k = 1; k <= 3; ++k) cell.a_of_t(k, j, t) = cell.a_of_t(k, j, 1);
+}
+
+} // namespace
+
 void ions_init(ions_state_type& ions_state, i_algo_type& i_algo) {
     const char* proc = "ions_init";
     const trace_guard trace(proc, mod);
@@ -666,6 +707,11 @@ void ions_init(ions_state_type& ions_state, i_algo_type& i_algo) {
         ions_rescale_velocities(ions_state, i_algo);
     if ((i_algo.algo != ions_algo_md && i_algo.algo != ions_algo_fixed_vel) || i_algo.n_steps == 0)
         ions.v.fill(0.0);
+    // A run that starts afresh has no past: every older slot of the histories holds
+    // the initial state, so that a restart file written at any step reads valid
+    // cells and positions.
+    if (i_algo.start == 0 && ions_state.box != nullptr)
+        fill_history_from_present(ions, ions_state.box->cell);
 }
 
 void ions_init_velocities(ions_state_type& ions_state, const i_algo_type& i_algo) {

@@ -47,10 +47,12 @@ TEST_F(ErrorModule, AllocationFailureStopsWithSizeAndName) {
     EXPECT_EQ(err[k + 1], "Occured in procedure ions_allocate_physical in module ions_module");
     EXPECT_EQ(err[k + 2], "        Attempt to allocate ions%r_of_thas failed.");
     EXPECT_EQ(err[k + 3], " ABORTING LYRT !");
-    // The stop closed the report with its closing lines.
+    // The stop closed the report with lines that say the run stopped, and why.
     auto out = read_lines(dir / "OUTLYRT");
-    ASSERT_FALSE(out.empty());
-    EXPECT_EQ(out.back(), " -- LYRT end --");
+    ASSERT_GE(out.size(), 6u);
+    EXPECT_EQ(out.back(), " -- LYRT stopped with an error --");
+    EXPECT_EQ(out[out.size() - 6], " *** THE RUN STOPPED WITH A FATAL ERROR ***");
+    EXPECT_EQ(out[out.size() - 5], " Attempt to allocate ions%r_of_thas failed.");
     EXPECT_FALSE(unit_is_open(report_unit));
 }
 

@@ -219,10 +219,20 @@ TEST_F(IoModule, ProgramStopsOnMissingInput) {
     EXPECT_EQ(err[21], "Occured in procedure ions_read_file in module ions_module");
     EXPECT_EQ(err[22], "        Problems opening file POSLYRT iostat=");
     EXPECT_EQ(err[23], " ABORTING LYRT !");
-    EXPECT_EQ(read_lines(dir / "OUTLYRT").back(), " -- LYRT end --");
+    EXPECT_EQ(read_lines(dir / "OUTLYRT").back(), " -- LYRT stopped with an error --");
     EXPECT_TRUE(read_lines(dir / "timings").empty());
     auto std_out = lyrt_test::read_text(dir / "stdout.txt");
     EXPECT_NE(std_out.find("Calling stack :"), std::string::npos);
+    EXPECT_NE(std_out.find(" FATAL ERROR: Problems opening file POSLYRT iostat="),
+              std::string::npos);
+}
+
+// A directory that bears a file's name is no file: opening it fails in every mode.
+TEST_F(IoModule, DirectoryIsNoFile) {
+    std::filesystem::create_directory(dir / "INLYRT");
+    for (const char* status : {"old", "unknown", "replace"})
+        EXPECT_NE(unit_open(40, "INLYRT", status), 0) << status;
+    EXPECT_FALSE(unit_is_open(40));
 }
 
 } // namespace

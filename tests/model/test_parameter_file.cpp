@@ -161,9 +161,13 @@ TEST(ModelFunctions, CutOffAndIntegrals) {
         const double fd = (std::log(f_cut(r + h, r0, l)) - std::log(f_cut(r - h, r0, l))) / (2 * h);
         EXPECT_NEAR(df_cut(r, r0, l), -fd, 1e-6 * (1 + std::fabs(fd))) << r;
     }
-    // Beyond the reach of a pair its derivative is 0/0; the caller's product with
-    // f_cut = 0 is then not a number, which the global cut-off keeps away.
-    EXPECT_TRUE(std::isnan(df_cut(r2 + 0.1, r0, l)));
+    // At and beyond the reach of a pair the cut-off and its product with the
+    // derivative are 0 (not 0/0), so a pair that ends inside the search radius
+    // adds nothing to gradients.
+    for (double r : {r2, r2 + 0.1, r2 + 5.0}) {
+        EXPECT_TRUE(std::isfinite(df_cut(r, r0, l))) << r;
+        EXPECT_EQ(f_cut(r, r0, l) * df_cut(r, r0, l), 0.0) << r;
+    }
     // Radial derivatives of both integral forms against finite differences.
     sk_param_type c[4];
     for (int t = 0; t < n_sk; ++t) {
@@ -174,7 +178,7 @@ TEST(ModelFunctions, CutOffAndIntegrals) {
     }
     ao_type spd;
     ao_init(spd, 511);
-    for (double r : {1.5, 2.9, r1 + 0.1}) {
+    for (double r : {1.5, 2.9, r1 + 0.1, r2 + 0.5}) {
         double x1[n_sk], x2[n_sk], dx[n_sk], y1[n_sk], y2[n_sk], dy[n_sk];
         const double h = 1e-6;
         calc_x_ij_sk_param(x1, c, r0, l, r + h, spd, spd);
@@ -186,6 +190,16 @@ TEST(ModelFunctions, CutOffAndIntegrals) {
         for (int t = 0; t < n_sk; ++t) {
             EXPECT_NEAR(dx[t], (x1[t] - x2[t]) / (2 * h), 1e-7) << t << " " << r;
             EXPECT_NEAR(dy[t], (y1[t] - y2[t]) / (2 * h), 1e-7) << t << " " << r;
+        }
+    }
+    // At the reach itself the taper is flat: both radial derivatives are exactly 0.
+    {
+        double dx[n_sk], dy[n_sk];
+        calc_dx_ij_sk_param(dx, c, r0, l, r2, spd, spd);
+        calc_dx_ij_sk_param_insul(dy, c, r0, l, r2, spd, spd);
+        for (int t = 0; t < n_sk; ++t) {
+            EXPECT_EQ(dx[t], 0.0) << t;
+            EXPECT_EQ(dy[t], 0.0) << t;
         }
     }
     // The constant term of the overlap form within one shell.

@@ -2,6 +2,8 @@
 
 #include "test_support.hpp"
 
+#include <cmath>
+#include <gtest/gtest.h>
 #include <sstream>
 
 namespace lyrt_test {
@@ -132,6 +134,53 @@ std::vector<double> json_numbers(const std::string& json, const std::string& key
 run_result run_folder(const std::filesystem::path& dir, const std::filesystem::path& from) {
     return run_case(dir, read_text(from / "POSLYRT"), read_text(from / "INLYRT"),
                     read_text(from / "TBPARAM"));
+}
+
+cell3 cube(double a) {
+    return {{{a, 0, 0}, {0, a, 0}, {0, 0, a}}};
+}
+
+std::vector<atom> shaken(std::vector<atom> atoms, double amount) {
+    for (std::size_t i = 0; i < atoms.size(); ++i) {
+        const double s = static_cast<double>(i) + 1.0;
+        atoms[i].x += amount * std::sin(1.3 * s);
+        atoms[i].y += amount * std::cos(2.1 * s);
+        atoms[i].z += amount * std::sin(0.7 * s + 1.0);
+    }
+    return atoms;
+}
+void check_forces(const std::filesystem::path& dir, const std::string& name, const cell3& cell,
+                  const std::vector<atom>& atoms, int n_species, const std::string& input,
+                  const std::string& param, int ion, double tol) {
+    const run_result base =
+        run_case(dir / (name + "0"), poslyrt(cell, atoms, n_species), input, param);
+    ASSERT_EQ(base.status, 0) << name;
+    ASSERT_EQ(base.force.size(), atoms.size());
+    const double delta = 1e-4;
+    for (int k = 0; k < 3; ++k) {
+        std::vector<atom> plus = atoms, minus = atoms;
+        double* pp = k == 0 ? &plus[static_cast<std::size_t>(ion)].x
+                            : (k == 1 ? &plus[static_cast<std::size_t>(ion)].y
+                                      : &plus[static_cast<std::size_t>(ion)].z);
+        double* pm = k == 0 ? &minus[static_cast<std::size_t>(ion)].x
+                            : (k == 1 ? &minus[static_cast<std::size_t>(ion)].y
+                                      : &minus[static_cast<std::size_t>(ion)].z);
+        *pp += delta;
+        *pm -= delta;
+        const run_result rp = run_case(dir / (name + "p" + std::to_string(k)),
+                                       poslyrt(cell, plus, n_species), input, param);
+        const run_result rm = run_case(dir / (name + "m" + std::to_string(k)),
+                                       poslyrt(cell, minus, n_species), input, param);
+        const double fd = -(rp.e_pot - rm.e_pot) / (2 * delta);
+        EXPECT_NEAR(base.force[static_cast<std::size_t>(ion)][static_cast<std::size_t>(k)], fd, tol)
+            << name << " direction " << k;
+    }
+    // The forces of all ions sum to zero.
+    for (int k = 0; k < 3; ++k) {
+        double s = 0.0;
+        for (const auto& f : base.force) s += f[static_cast<std::size_t>(k)];
+        EXPECT_NEAR(s, 0.0, 1e-7) << name;
+    }
 }
 
 } // namespace lyrt_test

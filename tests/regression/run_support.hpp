@@ -18,6 +18,9 @@ struct run_result {
     std::string report;                       // OUTLYRT
 };
 
+using cell3 = std::array<std::array<double, 3>, 3>; // cell vectors in rows, Angstrom
+cell3 cube(double a);
+
 struct atom {
     int species;
     double x, y, z; // Cartesian, Angstrom
@@ -35,6 +38,13 @@ std::string tbparam(const std::string& name); // "Si" or "Cu" from tests/data
 std::vector<double> json_numbers(const std::string& json, const std::string& key);
 // Runs the program in dir on the three input files of folder `from`.
 run_result run_folder(const std::filesystem::path& dir, const std::filesystem::path& from);
+// A crystal with every atom moved a little (a fixed pattern), so that forces don't vanish.
+std::vector<atom> shaken(std::vector<atom> atoms, double amount);
+// The forces of ion `ion` (0-based) against minus the central differences (+-1e-4 A)
+// of the energy to tol, and the sum of all forces against zero; runs in dir.
+void check_forces(const std::filesystem::path& dir, const std::string& name, const cell3& cell,
+                  const std::vector<atom>& atoms, int n_species, const std::string& input,
+                  const std::string& param, int ion, double tol = 1e-5);
 run_result run_case(const std::filesystem::path& dir, const std::string& poslyrt,
                     const std::string& inlyrt, const std::string& tbparam);
 

@@ -10,59 +10,15 @@
 namespace {
 
 using namespace lyrt_test;
-using cell3 = std::array<std::array<double, 3>, 3>;
-
-cell3 cube(double a) {
-    return {{{a, 0, 0}, {0, a, 0}, {0, 0, a}}};
-}
 
 class StaticRuns : public ::testing::Test {
   protected:
     void SetUp() override {
         dir = fresh_dir(::testing::UnitTest::GetInstance()->current_test_info()->name());
     }
-    // A crystal with every atom moved a little, so that forces don't vanish.
-    static std::vector<atom> shaken(std::vector<atom> atoms, double amount) {
-        for (std::size_t i = 0; i < atoms.size(); ++i) {
-            const double s = static_cast<double>(i) + 1.0;
-            atoms[i].x += amount * std::sin(1.3 * s);
-            atoms[i].y += amount * std::cos(2.1 * s);
-            atoms[i].z += amount * std::sin(0.7 * s + 1.0);
-        }
-        return atoms;
-    }
-    // Forces of ion `ion` against -dE/dr by central differences of +-delta.
     void check_forces(const std::string& name, const cell3& cell, std::vector<atom> atoms,
                       const std::string& input, const std::string& param, int ion) {
-        const run_result base = run_case(dir / (name + "0"), poslyrt(cell, atoms, 1), input, param);
-        ASSERT_EQ(base.status, 0) << name;
-        ASSERT_EQ(base.force.size(), atoms.size());
-        const double delta = 1e-4;
-        for (int k = 0; k < 3; ++k) {
-            std::vector<atom> plus = atoms, minus = atoms;
-            double* pp = k == 0 ? &plus[static_cast<std::size_t>(ion)].x
-                                : (k == 1 ? &plus[static_cast<std::size_t>(ion)].y
-                                          : &plus[static_cast<std::size_t>(ion)].z);
-            double* pm = k == 0 ? &minus[static_cast<std::size_t>(ion)].x
-                                : (k == 1 ? &minus[static_cast<std::size_t>(ion)].y
-                                          : &minus[static_cast<std::size_t>(ion)].z);
-            *pp += delta;
-            *pm -= delta;
-            const run_result rp = run_case(dir / (name + "p" + std::to_string(k)),
-                                           poslyrt(cell, plus, 1), input, param);
-            const run_result rm = run_case(dir / (name + "m" + std::to_string(k)),
-                                           poslyrt(cell, minus, 1), input, param);
-            const double fd = -(rp.e_pot - rm.e_pot) / (2 * delta);
-            EXPECT_NEAR(base.force[static_cast<std::size_t>(ion)][static_cast<std::size_t>(k)], fd,
-                        1e-5)
-                << name << " direction " << k;
-        }
-        // The forces of all ions sum to zero.
-        for (int k = 0; k < 3; ++k) {
-            double s = 0.0;
-            for (const auto& f : base.force) s += f[static_cast<std::size_t>(k)];
-            EXPECT_NEAR(s, 0.0, 1e-7) << name;
-        }
+        lyrt_test::check_forces(dir, name, cell, atoms, 1, input, param, ion);
     }
     std::filesystem::path dir;
 };

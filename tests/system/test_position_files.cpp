@@ -108,8 +108,18 @@ TEST_F(PositionFiles, BadInputStops) {
     EXPECT_EQ(stop_message("number_of_ions = 1\n" + cell), "could not find keyword positions !!");
     EXPECT_EQ(stop_message("number_of_ions = 1\n" + cell + "positions\n0 0 0 0 0\n"),
               "coordinates faulty, only 3 or 4 enrties expected ...");
+    // Fewer position lines than ions are found before anything is allocated for them.
     EXPECT_EQ(stop_message("number_of_ions = 2\n" + cell + "positions\n0 0 0\n"),
+              "number_of_ions asks for 2 ions, but the positions block of file POSLYRT has "
+              "only 1 lines");
+    EXPECT_EQ(stop_message("number_of_ions = 2\n" + cell + "positions\n0 0 0\n0 x 0\n"),
               "an error occured while reading ionic coordinates iostat=");
+    // Numbers that are no numbers: NaN, infinities, values beyond the double range.
+    for (const char* bad : {"nan", "inf", "-Infinity", "1e999"})
+        EXPECT_EQ(stop_message("number_of_ions = 1\n" + cell + "positions\n0 " + std::string(bad) +
+                               " 0\n"),
+                  "an error occured while reading ionic coordinates iostat=")
+            << bad;
     EXPECT_EQ(stop_message("number_of_ions = 1\na_1 = 5 0 0\na_3 = 0 0 5\npositions\n0 0 0\n"),
               "error reading file POSLYRT: lattice vector a_2 not found !");
     EXPECT_EQ(stop_message("number_of_ions = 1\n" + cell + "positions\n0 0 0\nfreeze\nT X\n"),
