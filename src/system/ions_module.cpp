@@ -628,9 +628,14 @@ void fill_history_from_present(ions_type& ions, cell_type& cell) {
         for (int t = 2; t <= ions.n_t; ++t)
             for (int i = 1; i <= ions.total_n_ions; ++i)
                 for (int k = 1; k <= 3; ++k) (*h)(k, i, t) = (*h)(k, i, 1);
-    for (int t = 2; t <= cell.n_t; ++t)
+    for (int t = 2; t <= cell.n_t; ++t) {
         for (int j = 1; j <= 3; ++j)
-            for (int k = 1; k <= 3; ++k) cell.a_of_t(k, j, t) = cell.a_of_t(k, j, 1);
+            for (int k = 1; k <= 3; ++k) {
+                cell.a_of_t(k, j, t) = cell.a_of_t(k, j, 1);
+                cell.b_of_t(k, j, t) = cell.b_of_t(k, j, 1);
+            }
+        cell.vol_of_t(t) = cell.vol_of_t(1);
+    }
 }
 
 } // namespace
