@@ -570,6 +570,53 @@ std::size_t receiver_size(const keyword_receivers& out, char type) {
     }
 }
 
+// Calls f(statement) for each statement of the open file, from its start:
+// continuation records joined, comments cut, statements split at the separator.
+// Stops when f returns true, and then returns true.
+template <class F>
+bool for_each_statement(int unit, const std::string& name, char comment, char separator,
+                        bool close_on_error, F&& f) {
+    bool continued = false;
+    std::string saved, record;
+    for (;;) {
+        const int ios = unit_read(unit, record);
+        if (ios < 0) return false;
+        if (ios > 0) {
+            if (close_on_error) unit_close(unit);
+            fatal_error("Problem reading from file " + name + "IO STATUS CODE = ", ios,
+                        "get_keyword", kw_mod);
+        }
+        if (record.size() > record_length) record.resize(record_length);
+        std::string text = continued ? saved + record : record;
+        if (text.size() > record_length) text.resize(record_length);
+        continued = false;
+        // An odd number of trailing escapes continues the record on the next one.
+        const std::size_t len = static_cast<std::size_t>(length(text));
+        std::size_t n_esc = 0;
+        while (n_esc < len && text[len - 1 - n_esc] == escape) ++n_esc;
+        if (n_esc % 2 == 1) {
+            saved = text.substr(0, len - 1);
+            continued = true;
+            continue;
+        }
+        auto first = text.find_first_not_of(" \t");
+        if (first == std::string::npos) continue;
+        text.erase(0, first);
+        if (text[0] == comment) continue;
+        auto cpos = unescaped(text, comment);
+        if (cpos != std::string::npos) text.resize(cpos);
+
+        std::size_t start = 0;
+        while (start <= text.size()) {
+            auto stop = unescaped(text, separator, start);
+            std::string_view stmt = std::string_view(text).substr(
+                start, stop == std::string::npos ? std::string::npos : stop - start);
+            start = stop == std::string::npos ? text.size() + 1 : stop + 1;
+            if (f(stmt)) return true;
+        }
+    }
+}
+
 } // namespace
 
 void get_keyword(bool open_file, std::string_view file_name, int unit, std::string_view keyword,
@@ -603,58 +650,24 @@ void get_keyword(bool open_file, std::string_view file_name, int unit, std::stri
     }
     std::string key = blank_free_upper(keyword.substr(0, 255));
     int count = 0;
-    bool found = false, continued = false;
-    std::string saved, record;
+    bool found = false;
     auto finish = [&] {
         if (open_file) unit_close(unit);
     };
 
-    for (;;) {
-        const int ios = unit_read(unit, record);
-        if (ios < 0) break;
-        if (ios > 0) {
-            finish();
-            fatal_error("Problem reading from file " + name + "IO STATUS CODE = ", ios,
-                        "get_keyword", kw_mod);
-        }
-        if (record.size() > record_length) record.resize(record_length);
-        std::string text = continued ? saved + record : record;
-        if (text.size() > record_length) text.resize(record_length);
-        continued = false;
-        // An odd number of trailing escapes continues the record on the next one.
-        const std::size_t len = static_cast<std::size_t>(length(text));
-        std::size_t n_esc = 0;
-        while (n_esc < len && text[len - 1 - n_esc] == escape) ++n_esc;
-        if (n_esc % 2 == 1) {
-            saved = text.substr(0, len - 1);
-            continued = true;
-            continue;
-        }
-        auto first = text.find_first_not_of(" \t");
-        if (first == std::string::npos) continue;
-        text.erase(0, first);
-        if (text[0] == comment) continue;
-        auto cpos = unescaped(text, comment);
-        if (cpos != std::string::npos) text.resize(cpos);
-
-        std::size_t start = 0;
-        while (start <= text.size()) {
-            auto stop = unescaped(text, separator, start);
-            std::string_view stmt = std::string_view(text).substr(
-                start, stop == std::string::npos ? std::string::npos : stop - start);
-            start = stop == std::string::npos ? text.size() + 1 : stop + 1;
+    const bool stopped =
+        for_each_statement(unit, name, comment, separator, open_file, [&](std::string_view stmt) {
             const std::string squeezed = blank_free_upper(stmt);
-            if (squeezed.empty() || squeezed.compare(0, key.size(), key) != 0) continue;
+            if (squeezed.empty() || squeezed.compare(0, key.size(), key) != 0) return false;
             if (type != 'K' && (squeezed.size() <= key.size() || squeezed[key.size()] != equals))
-                continue;
+                return false;
             ++count;
-            if (occurrence > 0 && count != occurrence) continue;
+            if (occurrence > 0 && count != occurrence) return false;
 
             if (type == 'K') {
                 n_found = 1;
                 status = kw_ok;
-                finish();
-                return;
+                return true;
             }
             found = true;
             auto eq = unescaped(stmt, equals);
@@ -666,8 +679,7 @@ void get_keyword(bool open_file, std::string_view file_name, int unit, std::stri
                 if (max_values > 0 && n_found > max_values) n_found = max_values;
                 if (out.string_value != nullptr)
                     *out.string_value = value.substr(0, static_cast<std::size_t>(n_found));
-                finish();
-                return;
+                return true;
             }
             // Commas separate items like blanks, except inside the pairs of a complex.
             int depth = 0;
@@ -683,8 +695,7 @@ void get_keyword(bool open_file, std::string_view file_name, int unit, std::stri
             if (n == 0) {
                 status = kw_bad_value;
                 n_found = 0;
-                finish();
-                return;
+                return true;
             }
             if (max_values > 0 && n > max_values) n = max_values;
             const int room = static_cast<int>(receiver_size(out, type));
@@ -692,16 +703,42 @@ void get_keyword(bool open_file, std::string_view file_name, int unit, std::stri
             if (!read_values(value, type, n, out)) {
                 status = kw_bad_value;
                 n_found = 0;
-                finish();
-                return;
+                return true;
             }
             n_found = n;
-            finish();
-            return;
-        }
-    }
+            return true;
+        });
     finish();
-    if (!found) status = kw_not_found;
+    if (!stopped && !found) status = kw_not_found;
+}
+
+std::vector<std::string> keyword_names(int unit, std::string_view file_name, char equals,
+                                       char comment, char separator) {
+    std::vector<std::string> names;
+    unit_rewind(unit);
+    for_each_statement(unit, std::string(file_name), comment, separator, false,
+                       [&](std::string_view stmt) {
+                           const auto eq = unescaped(stmt, equals);
+                           if (eq == std::string_view::npos) return false;
+                           std::string key = blank_free_upper(stmt.substr(0, eq));
+                           lower(key);
+                           if (!key.empty()) names.push_back(key);
+                           return false;
+                       });
+    return names;
+}
+
+int edit_distance(std::string_view a, std::string_view b) {
+    std::vector<int> prev(b.size() + 1), cur(b.size() + 1);
+    for (std::size_t j = 0; j <= b.size(); ++j) prev[j] = static_cast<int>(j);
+    for (std::size_t i = 1; i <= a.size(); ++i) {
+        cur[0] = static_cast<int>(i);
+        for (std::size_t j = 1; j <= b.size(); ++j)
+            cur[j] = std::min(
+                {prev[j] + 1, cur[j - 1] + 1, prev[j - 1] + (a[i - 1] == b[j - 1] ? 0 : 1)});
+        std::swap(prev, cur);
+    }
+    return prev[b.size()];
 }
 
 } // namespace lyrt

@@ -13,6 +13,7 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace lyrt {
 
@@ -88,5 +89,13 @@ constexpr int kw_bad_value = 5;
 void get_keyword(bool open_file, std::string_view file_name, int unit, std::string_view keyword,
                  char equals, char comment, char separator, char type, const keyword_receivers& out,
                  int& n_found, int max_values, int& status, int occurrence = 0);
+
+// The keywords of every statement `keyword = value` of an open file, blank-free and
+// in lower case, in file order (the unit is rewound first).
+std::vector<std::string> keyword_names(int unit, std::string_view file_name, char equals,
+                                       char comment, char separator);
+
+// Edit distance (insertions, deletions, substitutions) between two words.
+int edit_distance(std::string_view a, std::string_view b);
 
 } // namespace lyrt

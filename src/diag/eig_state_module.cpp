@@ -368,9 +368,9 @@ void eig_print_eigen_energies(const eig_state_type& eig, int unit,
                    eig.kpt->k_cart(3, k) * c});
         for (int i = 1; i <= ns; ++i) {
             if (eig.kpt->sigma <= 0.0)
-                write_fmt(unit, "(i5,f16.10)", {i, eig.en_i(i, k)});
+                write_fmt(unit, "(i8,f16.10)", {i, eig.en_i(i, k)});
             else
-                write_fmt(unit, "(i5,2f16.10)", {i, eig.en_i(i, k), eig.occ(i, k)});
+                write_fmt(unit, "(i8,2f16.10)", {i, eig.en_i(i, k), eig.occ(i, k)});
         }
     }
     if (file) unit_close(unit);

@@ -7,6 +7,7 @@
 #include "parallel/mpi_module.hpp"
 
 #include <optional>
+#include <vector>
 
 namespace lyrt {
 
@@ -14,10 +15,11 @@ namespace {
 
 constexpr const char* mod = "input_module";
 
-// The open keyword file of one read_input call.
+// The open keyword file of one read_input call, and the keywords asked for so far.
 struct input_file {
     int unit;
     std::string name;
+    mutable std::vector<std::string> known;
 };
 
 void check_input_error(int status, std::string_view keyword, const input_file& f) {
@@ -50,6 +52,7 @@ keyword_receivers receiver(std::span<bool> v) {
 // keeps its earlier value when the keyword is absent and no default is given.
 template <class T>
 void read_value(const input_file& f, std::string_view keyword, char type, T& value, const T* def) {
+    f.known.emplace_back(keyword);
     if (i_am_master) {
         if (def != nullptr) value = *def;
         T v[1] = {};
@@ -79,6 +82,7 @@ void read_logical(const input_file& f, std::string_view keyword, bool& value,
 
 void read_string(const input_file& f, std::string_view keyword, std::string& value, int max_length,
                  std::optional<std::string> def = std::nullopt) {
+    f.known.emplace_back(keyword);
     if (i_am_master) {
         if (def) value = *def;
         std::string v;
@@ -112,6 +116,30 @@ const data_file_kind data_file_kinds[] = {
     {"EIG", save_eig, "EIG", &data_file_names_type::eig},
     {"ELO", save_eloc, "ELOC", &data_file_names_type::eloc},
 };
+
+// Every statement of the file whose keyword the program does not know gets a
+// warning with the nearest known keyword; the run goes on (a misspelt keyword
+// would otherwise leave its default in place without a word).
+void warn_unknown_keywords(const input_file& f) {
+    for (const std::string& word : keyword_names(f.unit, f.name, '=', '!', ';')) {
+        std::string best;
+        int best_d = 1 << 30;
+        bool known = false;
+        for (const std::string& k : f.known) {
+            if (k == word) known = true;
+            const int d = edit_distance(word, k);
+            if (d < best_d) {
+                best_d = d;
+                best = k;
+            }
+        }
+        if (known) continue;
+        const std::string text =
+            "unknown keyword " + word + " in " + f.name + " is ignored (nearest: " + best + ")";
+        warning_error(text, "read_input", mod);
+        write_free(stdout_unit, {"WARNING: " + text});
+    }
+}
 
 } // namespace
 
@@ -154,7 +182,7 @@ void read_input(std::string_view file_name, elec_algo_type& elec_algo, i_algo_ty
                 double& n_electrons, int& n_states, int& n_h_dup) {
     // debug itself is one of the keywords read here: the guard keeps its value at entry.
     const trace_guard trace("read_input", mod);
-    input_file f{-1, std::string(file_name)};
+    input_file f{-1, std::string(file_name), {}};
     if (i_am_master) {
         f.unit = next_free_unit();
         const int ios = unit_open(f.unit, f.name, "old");
@@ -262,7 +290,11 @@ void read_input(std::string_view file_name, elec_algo_type& elec_algo, i_algo_ty
     read_real(f, "a_boost", i_algo.a_boost, di.a_boost);
     read_logical(f, "hyper_md", i_algo.hyper_md, di.hyper_md);
 
-    if (i_am_master) unit_close(f.unit);
+    f.known.emplace_back("save_to_file");
+    if (i_am_master) {
+        warn_unknown_keywords(f);
+        unit_close(f.unit);
+    }
     barrier();
 }
 

@@ -115,18 +115,18 @@ void print_system_def(int unit) {
         unit_write(unit, "This is a classical potential");
     else
         tb_model_print_param(sys.tb_model, unit);
-    write_fmt(unit, "(A,I4)", {"Total number of ions    = ", ions.total_n_ions});
+    write_fmt(unit, "(A,I8)", {"Total number of ions    = ", ions.total_n_ions});
     fitem_list per{"Number of ions/specie   = "};
     for (int s = 1; s <= ions.n_species; ++s) per.emplace_back(ions.n_ions(s));
-    write_fmt(unit, "(A,10I4)", per);
+    write_fmt(unit, "(A,10I8)", per);
     if (!sys.tb_model.classical) {
         std::string orbitals = "Number of orbitals/ion  = ";
         for (int s = 1; s <= ions.n_species; ++s)
             orbitals += format_items("(I4)", {ao_get_no_type(pair_param(sys.tb_model, s, s).ao1)});
         unit_write(unit, orbitals);
-        write_fmt(unit, "(A,I4)", {"Number of states        = ", sys.n_states});
-        write_fmt(unit, "(A,F10.4)", {"Number of electrons     = ", sys.n_electrons});
-        write_fmt(unit, "(A,I6)", {"Number of basis fcts    = ", sys.n_basis});
+        write_fmt(unit, "(A,I8)", {"Number of states        = ", sys.n_states});
+        write_fmt(unit, "(A,F14.4)", {"Number of electrons     = ", sys.n_electrons});
+        write_fmt(unit, "(A,I8)", {"Number of basis fcts    = ", sys.n_basis});
         write_fmt(unit, "(A,I4)", {"Number of k-points      = ", sys.kpt.n_k});
         write_fmt(unit, "(A,I4)", {"Hamiltonian duplication = ", sys.n_h_dup});
     }
@@ -144,6 +144,11 @@ void print_system_def(int unit) {
     write_fmt(unit, "(15(\"=\"),A,15(\"=\"))", {"PARAMETERS OF THE CALCULATION"});
     if (!sys.tb_model.classical) {
         unit_write(unit, "-------- Electronic part ---------");
+        if (sys.kpt.sigma > 0.0)
+            write_fmt(unit, "(a,f12.6,a)",
+                      {"   Fermi smearing of the occupations, sigma = ", sys.kpt.sigma, " eV"});
+        else
+            unit_write(unit, "   No smearing of the occupations (sigma = 0)");
         unit_write(unit,
                    std::string("   The initial electronic groundstate will be calculated using ") +
                        gs_word(sys.elec_algo.gs));

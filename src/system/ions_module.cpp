@@ -560,7 +560,7 @@ void ions_save_state(const ions_state_type& ions_state, const i_algo_type& i_alg
     save_cell(unit, cell, 1, "");
     fitem_list counts{"number_of_ions = "};
     for (int s = 1; s <= ions.n_species; ++s) counts.emplace_back(ions.n_ions(s));
-    write_fmt(unit, "(a,10I4)", counts);
+    write_fmt(unit, "(a,10I8)", counts);
     save_coord(unit, ions, cell, ions.r_of_t, 1, 1, "positions", true);
     save_coord(unit, ions, cell, ions.v_of_t, 1, 1, "velocities", false);
     write_fmt(unit, "(a)", {"freeze"});
@@ -887,7 +887,7 @@ void ions_print(const box_type& box, const ions_state_type& ions_state, int flag
         write_free(unit, {" Local energy"});
         double e_max = 0.0, e_sum = 0.0;
         for (int i = 1; i <= ions.total_n_ions; ++i) {
-            write_fmt(unit, "(i5,2e14.5)", {i, ions.e_local(i), ions.qion(i)});
+            write_fmt(unit, "(i8,2e14.5)", {i, ions.e_local(i), ions.qion(i)});
             if (i == 1 || ions.e_local(i) > e_max) e_max = ions.e_local(i);
             e_sum += ions.e_local(i);
         }
@@ -908,7 +908,7 @@ void save_frame(const box_type& box, const farray<double, 2>& x, bool reduced, i
         write_fmt(unit, "(3f15.8)", {box.cell.a(1, j), box.cell.a(2, j), box.cell.a(3, j)});
     fitem_list counts;
     for (int s = 1; s <= ions.n_species; ++s) counts.emplace_back(ions.n_ions(s));
-    write_fmt(unit, "(10I4)", counts);
+    write_fmt(unit, "(10I8)", counts);
     for (int i = 1; i <= ions.total_n_ions; ++i) {
         double c[3] = {x(1, i), x(2, i), x(3, i)};
         if (reduced) {
@@ -938,7 +938,7 @@ void ions_save_for(const box_type& box, int unit, std::string_view file) {
 void ions_save_eloc(const ions_type& ions, int unit, std::string_view file) {
     unit_open(unit, std::string(file), "unknown", "append");
     for (int i = 1; i <= ions.total_n_ions; ++i)
-        write_fmt(unit, "(i5,2f11.4)", {i, ions.e_local(i), ions.qion(i)});
+        write_fmt(unit, "(i8,2f11.4)", {i, ions.e_local(i), ions.qion(i)});
     unit_close(unit);
 }
 

@@ -171,3 +171,25 @@ TEST_F(ReadInput, DebugLevelIsReadAndTracingStaysBalanced) {
 }
 
 } // namespace
+
+namespace {
+
+using namespace lyrt;
+
+// A misspelt keyword is named with the nearest known one, and the run goes on;
+// known keywords in any spelling of case and blanks, aliases included, are quiet.
+TEST_F(ReadInput, UnknownKeywordsAreNamedWithTheNearestKnownOne) {
+    read("sigmaa = 0.1 ; n_stepz = 3\nSigma = 0.2\nnumber _ of _ ionic_steps = 4\n"
+         "ions_thermostat = 0\nsave_to_file = FOR\n! comment = x\nkpm_emax\\\n = 3\n");
+    EXPECT_EQ(kpt.sigma, 0.2);
+    EXPECT_EQ(i_algo.n_steps, 4);
+    EXPECT_EQ(elec_algo.kpm_emax, 3.0);
+    std::vector<std::string> warned;
+    for (const auto& l : errors())
+        if (l.find("unknown keyword") != std::string::npos) warned.push_back(l);
+    ASSERT_EQ(warned.size(), 2u);
+    EXPECT_EQ(warned[0], "        unknown keyword sigmaa in INLYRT is ignored (nearest: sigma)");
+    EXPECT_EQ(warned[1], "        unknown keyword n_stepz in INLYRT is ignored (nearest: n_steps)");
+}
+
+} // namespace

@@ -182,8 +182,26 @@ TEST_F(PositionFiles, ContinuationFileRoundTrip) {
     }
     auto lines = lyrt_test::read_lines(dir / "POSCONT");
     EXPECT_EQ(lines[0].substr(0, 5), "a_1 =");
-    EXPECT_EQ(lines[3], "number_of_ions =    2   1");
+    EXPECT_EQ(lines[3], "number_of_ions =        2       1");
     EXPECT_EQ(lines[4], "positions = unit");
+}
+
+// A continuation file of more than 9999 ions per species reads back whole: its
+// counts have room for them (a field of four digits once overflowed to "****").
+TEST_F(PositionFiles, ContinuationFileOfManyIons) {
+    box_type box;
+    read(box, "number_of_ions = 4\na_1 = 3 0 0\na_2 = 0 3 0\na_3 = 0 0 3\n"
+              "unit_cell_grid = 15 15 15\npositions\n0 0 0\n0 .5 .5\n.5 0 .5\n.5 .5 0\n");
+    ASSERT_EQ(box.ions.total_n_ions, 13500);
+    i_algo_type i_algo;
+    ions_state_type state;
+    state.ions = &box.ions;
+    state.box = &box;
+    ions_save_state(state, i_algo, cont_unit, "POSCONT");
+    box_type back;
+    ions_read_in(back, back.ions, "POSCONT");
+    ASSERT_EQ(back.ions.total_n_ions, 13500);
+    EXPECT_NEAR(back.ions.r(2, 13500), box.ions.r(2, 13500), 1e-12);
 }
 
 TEST_F(PositionFiles, RestartBlocksOfBothIntegrators) {
