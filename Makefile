@@ -5,7 +5,7 @@ PACKAGES := g++ cmake make libopenblas-dev libgtest-dev googletest clang-format
 EXAMPLE ?= si8
 JOBS ?= 2
 
-.PHONY: run test bench deps build-release build-test format layers clean
+.PHONY: run test bench deps build-release build-test release-warnings format layers clean
 
 deps:
 	@missing=""; for p in $(PACKAGES); do \
@@ -39,7 +39,13 @@ format:
 layers:
 	tools/check_layers.sh
 
-test: build-test format layers
+# The optimised build, whose inlining shows warnings the test build does not, is
+# also free of warnings.
+release-warnings: deps
+	cmake -S . -B build/release-check -DCMAKE_BUILD_TYPE=Release -DLYRT_TESTS=OFF -DLYRT_WERROR=ON >/dev/null
+	cmake --build build/release-check -j $(JOBS)
+
+test: build-test format layers release-warnings
 	cd build/test && ctest --output-on-failure -j $(JOBS)
 
 # Time of one static run of diamond Si cells of 64, 216 and 512 atoms, split by phase.

@@ -265,7 +265,8 @@ void chkint(std::string_view s, char& ok, std::string& format) {
     if (!body.empty() && (body[0] == '+' || body[0] == '-')) body.remove_prefix(1);
     if (is_digits(body)) {
         ok = 'Y';
-        format = "I" + std::to_string(t.size());
+        format.assign(1, 'I');
+        format += std::to_string(t.size());
         return;
     }
     // A real that holds a whole value passes as an integer; another real is unclear.
@@ -291,7 +292,10 @@ void chkflt(std::string_view s, char& ok, std::string& format) {
     int decimals = 0;
     if (real_mantissa(t, decimals)) {
         ok = 'Y';
-        format = "F" + std::to_string(t.size()) + "." + std::to_string(decimals);
+        format.assign(1, 'F');
+        format += std::to_string(t.size());
+        format += '.';
+        format += std::to_string(decimals);
     } else {
         ok = 'N';
         format.clear();
@@ -355,7 +359,8 @@ void chktyp(std::string_view s, std::string& work, char type, char& ok, std::str
             t.size() < 2 ? ' ' : static_cast<char>(std::toupper(static_cast<unsigned char>(t[1])));
         if (c0 == 'T' || c0 == 'F' || (c0 == '.' && (c1 == 'T' || c1 == 'F'))) {
             ok = 'Y';
-            format = "L" + std::to_string(t.size());
+            format.assign(1, 'L');
+            format += std::to_string(t.size());
         }
         return;
     }
@@ -382,7 +387,10 @@ void chktyp(std::string_view s, std::string& work, char type, char& ok, std::str
         return;
     default: return;
     }
-    if (ok == 'Y') format = "A" + std::to_string(t.size());
+    if (ok == 'Y') {
+        format.assign(1, 'A');
+        format += std::to_string(t.size());
+    }
 }
 
 void dattyp(std::string_view s, std::string& work, char& type, std::string& format) {
@@ -396,7 +404,8 @@ void dattyp(std::string_view s, std::string& work, char& type, std::string& form
     }
     type = 'G';
     work = without_blanks(s);
-    format = "A" + std::to_string(work.size());
+    format.assign(1, 'A');
+    format += std::to_string(work.size());
 }
 
 int nitems(std::string& s, std::string& work, bool expand, char type) {
@@ -430,7 +439,8 @@ int nitems(std::string& s, std::string& work, bool expand, char type) {
                 // Write the repeat out in place and count again from the start.
                 std::string expansion;
                 for (int r = 0; r < repeat; ++r)
-                    expansion += (r > 0 ? " " : "") + std::string(item);
+                    if (r > 0) expansion += ' ';
+                expansion += item;
                 const std::size_t at = static_cast<std::size_t>(word.data() - s.data());
                 std::string next = s.substr(0, at) + expansion + s.substr(at + word.size());
                 if (length(next) > static_cast<int>(s.size())) {

@@ -221,7 +221,7 @@ struct format_runner {
             if (it.kind == fitem::k_character)
                 s = std::string(it.s);
             else
-                s = it.kind == fitem::k_logical ? (it.l ? "T" : "F") : "?";
+                s.assign(1, it.kind == fitem::k_logical ? (it.l ? 'T' : 'F') : '?');
             if (n.w < 0) return s;
             if (static_cast<int>(s.size()) >= n.w)
                 return s.substr(0, static_cast<std::size_t>(n.w));
@@ -356,7 +356,8 @@ std::string format_fixed(double v, int w, int d) {
     std::string t = (neg ? "-" : "") + mag;
     if (static_cast<int>(t.size()) > w && mag.size() > 1 && mag[0] == '0' && mag[1] == '.') {
         // The leading zero is optional and goes first when the field is tight.
-        t = (neg ? "-" : "") + mag.substr(1);
+        t.assign(neg ? 1 : 0, '-');
+        t.append(mag, 1);
     }
     return right(t, w);
 }
@@ -381,7 +382,8 @@ std::string format_exp(double v, int w, int d, int e, char letter) {
     if (es.empty()) return stars(w);
     bool neg = std::signbit(v);
     std::string body = "." + digits + es;
-    std::string t = (neg ? "-" : "") + std::string("0") + body;
+    std::string t = neg ? "-0" : "0";
+    t += body;
     if (static_cast<int>(t.size()) > w) t = (neg ? "-" : "") + body;
     return right(t, w);
 }

@@ -497,7 +497,8 @@ void ions_read_restart(i_algo_type& i_algo, ions_state_type& ions_state, std::st
         farray<double, 2> x;
         x.allocate({1, 1}, {3, ions.total_n_ions});
         for (int k = 0; k < levels; ++k) {
-            const std::string sfx = "_" + std::to_string(k);
+            std::string sfx = "_";
+            sfx += std::to_string(k);
             const int slot = k + 1;
             read_cell(level_cell, unit, name, sfx);
             for (int j = 1; j <= 3; ++j)
@@ -577,7 +578,8 @@ void ions_save_state(const ions_state_type& ions_state, const i_algo_type& i_alg
     if (i_algo.eom_algo == eom_velocity_verlet) levels = 2;
     levels = std::min(levels, std::min(ions.n_t, cell.n_t));
     for (int k = 0; k < levels; ++k) {
-        const std::string sfx = "_" + std::to_string(k);
+        std::string sfx = "_";
+        sfx += std::to_string(k);
         const int slot = k + 1;
         save_cell(unit, cell, slot, sfx);
         save_coord(unit, ions, cell, ions.r_of_t, slot, slot, "positions" + sfx, true);

@@ -6,6 +6,7 @@
 #include <cmath>
 #include <gtest/gtest.h>
 #include <numbers>
+#include <sstream>
 
 namespace {
 
@@ -139,6 +140,30 @@ TEST(Examples, ZeroStepRunsWriteTheFullReport) {
         ASSERT_EQ(again.status, 0);
         EXPECT_NEAR(again.e_pot, r.e_pot, 1e-9) << ex;
     }
+}
+
+} // namespace
+
+namespace {
+
+// The annotated positions file of the README runs as it stands.
+TEST(Readme, AnnotatedPositionsFileRuns) {
+    const std::string readme =
+        lyrt_test::read_text(std::filesystem::path(LYRT_SOURCE_DIR) / "README.md");
+    const auto a = readme.find("    ! Two species, 3 + 1 ions");
+    ASSERT_NE(a, std::string::npos);
+    const auto b = readme.find("\n\n", a);
+    std::string pos;
+    std::istringstream in(readme.substr(a, b - a));
+    for (std::string line; std::getline(in, line);) pos += line.substr(4) + "\n";
+    const auto dir = lyrt_test::fresh_dir("readme_poslyrt");
+    const lyrt_test::run_result r =
+        lyrt_test::run_case(dir, pos, "sigma = 0.1\n", lyrt_test::tbparam("CuAu"));
+    ASSERT_EQ(r.status, 0);
+    ASSERT_EQ(r.force.size(), 32u);
+    // An ideal L1_2 crystal: every ion sits at a centre of symmetry, no force.
+    for (const auto& f : r.force)
+        for (double x : f) EXPECT_NEAR(x, 0.0, 1e-6);
 }
 
 } // namespace
