@@ -86,7 +86,9 @@ void program_test::TearDown() {
 }
 
 int run_lyrt_in(const std::filesystem::path& dir) {
-    std::string cmd = "cd '" + dir.string() + "' && '" LYRT_BINARY "' >stdout.txt 2>stderr.txt";
+    // One BLAS thread per run: the test runner runs several runs side by side.
+    std::string cmd = "cd '" + dir.string() +
+                      "' && OPENBLAS_NUM_THREADS=1 '" LYRT_BINARY "' >stdout.txt 2>stderr.txt";
     int status = std::system(cmd.c_str());
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }

@@ -36,6 +36,7 @@ constexpr int save_vel = 4;
 constexpr int save_for = 8;
 constexpr int save_eig = 16;
 constexpr int save_eloc = 32;
+constexpr int save_xyz = 64; // extended-XYZ trajectory
 
 struct elec_algo_type {
     int algo = 2;             // solver code in use now (set by the ion loops)
@@ -94,7 +95,9 @@ struct i_algo_type {
     int temp_seed[2] = {0, 0};
     double friction = 0.0; // 1/fs
     int cg_restart_freq = 10;
-    double q_nose_ions = 0.0; // Nose-Hoover mass
+    double q_nose_ions = 0.0; // Nose-Hoover mass, eV fs^2
+    // Nose-Hoover thermostat: its coordinate at t, t - dt, t - 2 dt and its rate (1/fs).
+    double xi = 0.0, xi_m1 = 0.0, xi_m2 = 0.0, dxi = 0.0;
     // Langevin tables, per species (set up with the ions).
     farray<double, 1> lgv_sigma;   // random-force strength (Verlet)
     farray<double, 1> lgv_sigma_r; // position noise (velocity Verlet)

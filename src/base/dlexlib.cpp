@@ -438,9 +438,10 @@ int nitems(std::string& s, std::string& work, bool expand, char type) {
             if (stars == 1 && expand) {
                 // Write the repeat out in place and count again from the start.
                 std::string expansion;
-                for (int r = 0; r < repeat; ++r)
+                for (int r = 0; r < repeat; ++r) {
                     if (r > 0) expansion += ' ';
-                expansion += item;
+                    expansion += item;
+                }
                 const std::size_t at = static_cast<std::size_t>(word.data() - s.data());
                 std::string next = s.substr(0, at) + expansion + s.substr(at + word.size());
                 if (length(next) > static_cast<int>(s.size())) {

@@ -29,6 +29,7 @@ int eig_unit = 20;
 int wfs_unit = 21;
 int eloc_unit = 22;
 int kpt_unit = 23;
+int xyz_unit = 24;
 int debug = 0;
 
 data_file_names_type data_file_names;

@@ -39,6 +39,7 @@ extern int eig_unit;    // 20, eigenvalues data file
 extern int wfs_unit;    // 21, WFS
 extern int eloc_unit;   // 22, local energies data file
 extern int kpt_unit;    // 23, KPTS (not opened at the gamma point)
+extern int xyz_unit;    // 24, extended-XYZ trajectory
 extern int debug;       // trace level, keyword debug
 
 // Names of the per-step data files (80 characters each), set by read_input.
@@ -49,6 +50,7 @@ struct data_file_names_type {
     std::string ene;
     std::string eig;
     std::string eloc;
+    std::string xyz;
 };
 extern data_file_names_type data_file_names;
 

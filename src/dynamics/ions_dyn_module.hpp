@@ -12,6 +12,33 @@ void ions_main_loop(box_type& box, ions_state_type& ions_state, i_algo_type& i_a
 // One ground state, forces if asked for, one report.
 void ions_static(box_type& box, ions_state_type& ions_state, i_algo_type& i_algo,
                  elec_state_type* elec, elec_algo_type& elec_algo, hamiltonian_type& ham);
+// Moves the ions along their given velocities (no forces act on the motion).
+void ions_fixvel(box_type& box, ions_state_type& ions_state, i_algo_type& i_algo,
+                 elec_state_type* elec, elec_algo_type& elec_algo, hamiltonian_type& ham);
+
+// Molecular dynamics by velocity Verlet (history depth 2), plain or Langevin.
+void ions_md_loop_vverlet(box_type& box, ions_state_type& ions_state, i_algo_type& i_algo,
+                          elec_state_type* elec, elec_algo_type& elec_algo, hamiltonian_type& ham);
+// Positions at t + dt from r, v, f at t (slot 2 after the roll).
+void move_eom_vv(ions_type& ions, box_type& box, i_algo_type& i_algo);
+// Velocities at t + dt from the forces at t and t + dt.
+void calc_velocities_vv(ions_type& ions, const i_algo_type& i_algo);
+
+// Molecular dynamics by position Verlet (history depth 3), with friction,
+// Nose-Hoover or Langevin thermostats.
+void ions_md_loop_sverlet(box_type& box, ions_state_type& ions_state, i_algo_type& i_algo,
+                          elec_state_type* elec, elec_algo_type& elec_algo, hamiltonian_type& ham);
+// One step; dr and noise are work arrays of 3 x ions (minimum-image step back,
+// Langevin force noise).
+void move_eom_sv(bool first_step, ions_type& ions, box_type& box, ions_state_type& ions_state,
+                 i_algo_type& i_algo, farray<double, 2>& dr, farray<double, 2>& noise);
+// The Nose-Hoover thermostat: friction takes the rate at t, then xi and its rate advance.
+void ions_move_nose_eom(ions_state_type& ions_state, i_algo_type& i_algo);
+
+// Hyper dynamics: the local energy of the boosted ions, and the factor on their
+// band forces (stores the boost potential and the clock factor in ions_state).
 double sum_local_energy(const ions_type& ions);
+double calc_fboost_factor(ions_state_type& ions_state, double e_boost, double a_boost,
+                          double temperature);
 
 } // namespace lyrt

@@ -60,6 +60,9 @@ void init_random(std::optional<int> seed_1, std::optional<int> seed_2) {
     g.i97 = 97;
     g.j97 = 33;
     g.random_initialised = true;
+    // A new stream starts without the spare deviate of the old one.
+    random_norm_first = true;
+    spare = 0.0;
 }
 
 double random() {

@@ -115,6 +115,7 @@ const data_file_kind data_file_kinds[] = {
     {"FOR", save_for, "FOR", &data_file_names_type::force},
     {"EIG", save_eig, "EIG", &data_file_names_type::eig},
     {"ELO", save_eloc, "ELOC", &data_file_names_type::eloc},
+    {"XYZ", save_xyz, "trajectory.xyz", &data_file_names_type::xyz},
 };
 
 // Every statement of the file whose keyword the program does not know gets a
@@ -281,14 +282,30 @@ void read_input(std::string_view file_name, elec_algo_type& elec_algo, i_algo_ty
                     "undefined.set ionic_friction.",
                     -1, "read_input", mod);
     read_real(f, "q_nose_ions", i_algo.q_nose_ions, di.q_nose_ions);
+    // The thermostat divides by its mass: a run without one cannot start.
     if (i_algo.thermostat == thermostat_nose && i_algo.q_nose_ions == 0.0)
-        warning_error("Nose mass for the ions is zero.Set q_nose_ions.", "read_input", mod);
+        fatal_error("Nose mass for the ions is zero.Set q_nose_ions.", -1, "read_input", mod);
     save_to_file(f.unit, f.name, i_algo);
     read_real(f, "emass", elec_algo.emass, de.emass);
     read_int(f, "debug", debug, 0);
     read_real(f, "e_boost", i_algo.e_boost, di.e_boost);
     read_real(f, "a_boost", i_algo.a_boost, di.a_boost);
     read_logical(f, "hyper_md", i_algo.hyper_md, di.hyper_md);
+    if (i_algo.hyper_md) {
+        // The boost potential reads the local energies, and its clock divides by the
+        // temperature and its smoothing by a_boost.
+        if (!i_algo.calc_elocal) {
+            i_algo.calc_elocal = true;
+            elec_algo.eigen_vect = true;
+            warning_error("calc_elocal is forced to T, because hyper_md is", "read_input", mod);
+        }
+        if (!(i_algo.temperature > 0.0))
+            fatal_error("hyper_md needs a temperature above 0 K (the boosted clock divides by it)",
+                        -1, "read_input", mod);
+        if (i_algo.a_boost == 0.0)
+            fatal_error("hyper_md needs a_boost other than 0 (the boost potential divides by it)",
+                        -1, "read_input", mod);
+    }
 
     f.known.emplace_back("save_to_file");
     if (i_am_master) {

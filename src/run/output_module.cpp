@@ -68,6 +68,7 @@ void save_step_to_files(box_type& box, ions_state_type& st, const i_algo_type& i
     if (mask & save_vel) ions_save_vel(box, vel_unit, data_file_names.vel);
     if (mask & save_for) ions_save_for(box, for_unit, data_file_names.force);
     if (mask & save_eloc) ions_save_eloc(ions, eloc_unit, data_file_names.eloc);
+    if (mask & save_xyz) ions_save_xyz(box, st, i_algo.calc_stress, xyz_unit, data_file_names.xyz);
     if ((mask & save_eig) && (elec_algo.gs == 2 || elec_algo.md == 2) && !tb_model.classical &&
         elec != nullptr && elec->eig != nullptr)
         eig_print_eigen_energies(*elec->eig, eig_unit, data_file_names.eig);
@@ -246,13 +247,15 @@ void print_ene(const ions_state_type& st, const i_algo_type& i_algo, const elec_
     }
     if (i_algo.hyper_md) {
         line(" Boost Pot     Energy = ", st.e_boost);
-        line(" Boost factor         = ", st.boost_factor);
+        line(" Boost factor         = ", st.time_factor);
     }
 }
 
 void energy_summary(const ions_state_type& st, const i_algo_type& /*i_algo*/) {
-    write_free(stdout_unit,
-               {"step", st.step, "e_pot", st.e_pot, "e_kin", st.e_kin, "e_tot", st.e_tot});
+    // One line per ionic step, for watching a run (tail -f of standard output).
+    write_fmt(stdout_unit, "(A,I8,A,F12.3,A,3F18.8,A,F10.2,A,F9.3,A)",
+              {" step", st.step, "  t(fs)", st.time, "  Epot Ekin Etot(eV)", st.e_pot, st.e_kin,
+               st.e_tot, "  T(K)", st.temperature, "  ", st.step_seconds, " s"});
 }
 
 void print_system_status(box_type& box, ions_state_type& st, const i_algo_type& i_algo,
@@ -284,6 +287,7 @@ void print_system_status(box_type& box, ions_state_type& st, const i_algo_type& 
         if (mask & save_vel) start_file(vel_unit, data_file_names.vel, nullptr);
         if (mask & save_for) start_file(for_unit, data_file_names.force, nullptr);
         if (mask & save_eloc) start_file(eloc_unit, data_file_names.eloc, nullptr);
+        if (mask & save_xyz) start_file(xyz_unit, data_file_names.xyz, nullptr);
         if ((mask & save_eig) && (elec_algo.gs == 2 || elec_algo.md == 2))
             start_file(eig_unit, data_file_names.eig, nullptr);
         st.e_kin_ref = st.e_kin;

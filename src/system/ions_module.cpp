@@ -532,6 +532,20 @@ void ions_read_restart(i_algo_type& i_algo, ions_state_type& ions_state, std::st
                     status);
         check_input_error(status, "step", name);
         if (status == kw_ok) ions_state.step = step[0];
+        // The clock and the thermostat go on from where the file left them (0 if absent).
+        double t[1] = {0.0};
+        get_keyword(false, name, unit, "time", '=', '!', ';', 'F', {.real_values = t}, n, 1,
+                    status);
+        check_input_error(status, "time", name);
+        ions_state.time = status == kw_ok ? t[0] : 0.0;
+        double xi[4] = {0.0, 0.0, 0.0, 0.0};
+        get_keyword(false, name, unit, "nose", '=', '!', ';', 'F', {.real_values = xi}, n, 4,
+                    status);
+        check_input_error(status, "nose", name);
+        i_algo.xi = xi[0];
+        i_algo.xi_m1 = xi[1];
+        i_algo.xi_m2 = xi[2];
+        i_algo.dxi = xi[3];
         double e[3] = {0, 0, 0};
         get_keyword(false, name, unit, "energies", '=', '!', ';', 'F', {.real_values = e}, n, 3,
                     status);
@@ -573,6 +587,10 @@ void ions_save_state(const ions_state_type& ions_state, const i_algo_type& i_alg
     for (int i = 1; i <= ions.total_n_ions; ++i) write_fmt(unit, "(E25.16)", {ions.qion(i)});
     write_fmt(unit, "(a)", {"!=== Restart information below ==="});
     write_fmt(unit, "(a,I9)", {"step =", ions_state.step});
+    write_fmt(unit, "(a,E25.16)", {"time =", ions_state.time});
+    if (i_algo.thermostat == thermostat_nose)
+        write_fmt(unit, "(a,4E25.16)",
+                  {"nose =", i_algo.xi, i_algo.xi_m1, i_algo.xi_m2, i_algo.dxi});
     int levels = 0;
     if (i_algo.eom_algo == eom_verlet) levels = 3;
     if (i_algo.eom_algo == eom_velocity_verlet) levels = 2;
@@ -664,6 +682,8 @@ void ions_init(ions_state_type& ions_state, i_algo_type& i_algo) {
     i_algo.target_e_kin = 0.5 * ions.dof * i_algo.temperature * k_b;
 
     if (i_algo.thermostat == thermostat_langevin) {
+        // The noise comes from the run's own seeds, so that a run can be repeated.
+        init_random(i_algo.temp_seed[0], i_algo.temp_seed[1]);
         const int ns = ions.n_species;
         if (i_algo.eom_algo == eom_verlet) {
             if (!i_algo.lgv_sigma.allocated())
@@ -806,8 +826,8 @@ void ions_calc_energies(ions_state_type& ions_state, const i_algo_type& i_algo) 
     ions_state.temperature = ions.dof > 0 ? two_k_b_inverse * ions_state.e_kin / ions.dof : 0.0;
     ions_state.e_tot = ions_state.e_kin + ions_state.e_pot;
     if (i_algo.thermostat == thermostat_nose)
-        ions_state.e_tot += 2.0 * i_algo.target_e_kin * ions_state.nose_x +
-                            0.5 * i_algo.q_nose_ions * ions_state.nose_v * ions_state.nose_v;
+        ions_state.e_tot += 2.0 * i_algo.target_e_kin * i_algo.xi +
+                            0.5 * i_algo.q_nose_ions * i_algo.dxi * i_algo.dxi;
     if (i_algo.calc_stress) {
         const cell_type& c = ions_state.box->cell;
         ions_state.pressure = (c.sig(1, 1) + c.sig(2, 2) + c.sig(3, 3)) / 3.0;
@@ -924,6 +944,41 @@ void save_frame(const box_type& box, const farray<double, 2>& x, bool reduced, i
 }
 
 } // namespace
+
+void ions_save_xyz(const box_type& box, const ions_state_type& ions_state, bool with_stress,
+                   int unit, std::string_view file) {
+    const trace_guard trace("ions_save_xyz", mod);
+    const ions_type& ions = box.ions;
+    const cell_type& cell = box.cell;
+    unit_open(unit, std::string(file), "unknown", "append");
+    write_free(unit, {ions.total_n_ions});
+    std::string comment = "Lattice=\"";
+    for (int j = 1; j <= 3; ++j)
+        for (int k = 1; k <= 3; ++k)
+            comment += format_items("(ES24.16)", {cell.a(k, j)}).substr(j == 1 && k == 1 ? 1 : 0);
+    comment += "\" Properties=species:S:1:pos:R:3:velo:R:3:forces:R:3 energy=" +
+               format_items("(ES24.16)", {ions_state.e_pot}).substr(1) +
+               " time=" + format_items("(ES24.16)", {ions_state.time}).substr(1);
+    if (with_stress) {
+        // The stress of the trajectory format is positive under tension.
+        comment += " stress=\"";
+        for (int j = 1; j <= 3; ++j)
+            for (int k = 1; k <= 3; ++k)
+                comment += format_items("(ES24.16)", {-cell.sig(k, j)}).substr(j == 1 && k == 1);
+        comment += "\"";
+    }
+    comment += " pbc=\"T T T\"";
+    unit_write(unit, comment);
+    for (int i = 1; i <= ions.total_n_ions; ++i) {
+        const atomic_type& sp = ions.species[static_cast<std::size_t>(ions.type(i) - 1)];
+        std::string symbol = sp.symbol;
+        symbol.erase(symbol.find_last_not_of(' ') + 1);
+        write_fmt(unit, "(A,9ES24.15)",
+                  {symbol, ions.r(1, i), ions.r(2, i), ions.r(3, i), ions.v(1, i), ions.v(2, i),
+                   ions.v(3, i), ions.f(1, i), ions.f(2, i), ions.f(3, i)});
+    }
+    unit_close(unit);
+}
 
 void ions_save_pos(const box_type& box, int unit, std::string_view file) {
     save_frame(box, box.ions.r, true, unit, file, "ions_save_pos");

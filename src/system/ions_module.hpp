@@ -63,11 +63,11 @@ struct ions_state_type {
     double time = 0.0;         // elapsed, fs
     double e_atoms = 0.0;      // energy of the free atoms, eV
     double e_pair = 0.0;       // classical pair energy, eV
-    double nose_x = 0.0;       // Nose-Hoover thermostat position
-    double nose_v = 0.0;       // Nose-Hoover thermostat velocity
-    double e_boost = 0.0;      // boost potential, eV
-    double boost_factor = 1.0; // time boost of hyper dynamics
-    double hyper_time = 0.0;   // boosted time, fs
+    double e_local_sum = 0.0;  // local energy of the boosted ions, eV
+    double fboost = 1.0;       // factor on their band forces
+    double time_factor = 1.0;  // advance of the clock per step, in units of dt
+    double e_boost = 0.0;      // the boost potential dV, eV
+    double step_seconds = 0.0; // wall-clock seconds of the last ionic step
 };
 
 // The neighbour lists of ion i (numbered from 1).
@@ -135,5 +135,10 @@ void ions_save_pos(const box_type& box, int unit, std::string_view file);
 void ions_save_vel(const box_type& box, int unit, std::string_view file);
 void ions_save_for(const box_type& box, int unit, std::string_view file);
 void ions_save_eloc(const ions_type& ions, int unit, std::string_view file);
+// One frame of the extended-XYZ trajectory: Angstrom, Angstrom/fs, eV/Angstrom,
+// the potential energy (eV) and the time (fs), the stress (eV/Angstrom^3,
+// positive under tension) when asked for.
+void ions_save_xyz(const box_type& box, const ions_state_type& ions_state, bool with_stress,
+                   int unit, std::string_view file);
 
 } // namespace lyrt

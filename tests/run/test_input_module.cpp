@@ -108,9 +108,15 @@ TEST_F(ReadInput, StepsAndForcesRules) {
 }
 
 TEST_F(ReadInput, ThermostatRules) {
-    read("thermostat = 1\n");
-    auto err = errors();
-    EXPECT_EQ(err.back(), "        Nose mass for the ions is zero.Set q_nose_ions.");
+    // A Nose-Hoover thermostat without its mass cannot run (it divides by it).
+    try {
+        read("thermostat = 1\n");
+        FAIL() << "Nose-Hoover without a mass must stop";
+    } catch (const fatal_stop& stop) {
+        EXPECT_EQ(stop.message, "Nose mass for the ions is zero.Set q_nose_ions.");
+    }
+    io_reset();
+    open_units();
     try {
         read("ionic_thermostat = 2\n");
         FAIL() << "Langevin without friction must stop";
