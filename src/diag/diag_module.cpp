@@ -69,14 +69,31 @@ void calc_gen_eigen_real_lp(char jobz, farray<double, 2>& h, farray<double, 2>& 
     const int itype = 1;
     int info = 0;
     if (wants_vectors(jobz)) {
+        // The stages of the generalized solver, with the back-transformation for the
+        // vectors the caller wants only: S = U^T U, the standard problem
+        // U^-T H U^-1 y = e y (all eigenvalues), x = U^-1 y for the first k columns.
         copy_upper(h, *x, n);
-        double wq = 0;
-        int iq = 0, query = -1;
-        dsygvd_(&itype, "V", "U", &n, x->data(), &n, s.data(), &n, en.data(), &wq, &query, &iq,
-                &query, &info);
-        ensure_workspace(d, static_cast<int>(wq) + 1, iq);
-        dsygvd_(&itype, "V", "U", &n, x->data(), &n, s.data(), &n, en.data(), d.work.data(),
-                &d.lwork, d.iwork.data(), &d.liwork, &info);
+        dpotrf_("U", &n, s.data(), &n, &info);
+        if (info != 0) {
+            // Numbered as the one-call solver numbers it: the order of the failed minor plus n.
+            info += n;
+        } else {
+            dsygst_(&itype, "U", &n, x->data(), &n, s.data(), &n, &info);
+            double wq = 0;
+            int iq = 0, query = -1;
+            if (info == 0)
+                dsyevd_("V", "U", &n, x->data(), &n, en.data(), &wq, &query, &iq, &query, &info);
+            if (info == 0) {
+                ensure_workspace(d, static_cast<int>(wq) + 1, iq);
+                dsyevd_("V", "U", &n, x->data(), &n, en.data(), d.work.data(), &d.lwork,
+                        d.iwork.data(), &d.liwork, &info);
+            }
+            if (info == 0) {
+                const int k = d.n_vectors > 0 && d.n_vectors < n ? d.n_vectors : n;
+                const double one = 1.0;
+                dtrsm_("L", "U", "N", "N", &n, &k, &one, s.data(), &n, x->data(), &n);
+            }
+        }
     } else {
         ensure_workspace(d, std::max(1, 3 * n), 0);
         dsygv_(&itype, "N", "U", &n, h.data(), &n, s.data(), &n, en.data(), d.work.data(), &d.lwork,

@@ -1,5 +1,7 @@
 #include "diag/eig_state_module.hpp"
 
+#include "numerics/lapack_module.hpp"
+
 #include "base/allocate_module.hpp"
 #include "base/error_module.hpp"
 #include "base/io_module.hpp"
@@ -380,27 +382,43 @@ void eig_print_eigen_energies(const eig_state_type& eig, int unit,
 
 void setup_dh_dm_r(const hamiltonian_type& ham, const farray<double, 2>& psi, const double* w,
                    farray<double, 2>& dm, farray<double, 1>* dm_diag) {
+    const char* proc = "setup_dh_dm_r";
     const sparse_1d_matrix_desc_type& sd = ham.desc;
     const pdist_type& pd = *sd.row_pdist;
     const int n_dim = static_cast<int>(psi.extent(0)), ns = static_cast<int>(psi.extent(1));
-    // The transposed eigenvectors, and weighted: each element of the density matrix
-    // becomes a dot product over contiguous memory.
-    farray<double, 2> pt, wt;
-    ca_real_2d(pt, 1, ns, 1, n_dim, "psi_t", "setup_dh_dm_r", mod);
-    ca_real_2d(wt, 1, ns, 1, n_dim, "w_psi_t", "setup_dh_dm_r", mod);
-    for (int r = 1; r <= n_dim; ++r)
-        for (int j = 1; j <= ns; ++j) {
-            pt(j, r) = psi(r, j);
-            wt(j, r) = psi(r, j) * w[j - 1];
-        }
-    if (dm_diag != nullptr) {
-        dm_diag->fill(0.0);
-        for (int r = 1; r <= n_dim; ++r) {
-            double s = 0.0;
-            for (int j = 1; j <= ns; ++j) s += pt(j, r) * wt(j, r);
-            (*dm_diag)(r) = s;
-        }
+    // D = sum_j w_j psi_j psi_j^T as two symmetric rank-k updates, one over the
+    // states of positive weight and one over those of negative weight, each column
+    // scaled by the root of |w_j|; states without weight take no part.
+    int n_pos = 0, n_neg = 0;
+    for (int j = 0; j < ns; ++j) {
+        if (w[j] > 0.0) ++n_pos;
+        if (w[j] < 0.0) ++n_neg;
     }
+    farray<double, 2> a, d;
+    ca_real_2d(a, 1, n_dim, 1, std::max(1, std::max(n_pos, n_neg)), "scaled_psi", proc, mod);
+    ca_real_2d(d, 1, n_dim, 1, n_dim, "density_matrix", proc, mod);
+    bool first = true;
+    for (const int sign : {1, -1}) {
+        int k = 0;
+        for (int j = 1; j <= ns; ++j) {
+            const double wj = w[j - 1];
+            if (!(sign > 0 ? wj > 0.0 : wj < 0.0)) continue;
+            const double root = std::sqrt(std::fabs(wj));
+            ++k;
+            const double* __restrict src = &psi(1, j);
+            double* __restrict dst = &a(1, k);
+            for (int r = 0; r < n_dim; ++r) dst[r] = root * src[r];
+        }
+        if (k == 0) continue;
+        const double alpha = sign, beta = first ? 0.0 : 1.0;
+        dsyrk_("U", "N", &n_dim, &k, &alpha, a.data(), &n_dim, &beta, d.data(), &n_dim);
+        first = false;
+    }
+    if (first) d.fill(0.0); // no state carries weight
+    // The upper triangle holds D: element (r, c) sits at (min, max).
+    auto element = [&](int r, int c) { return r <= c ? d(r, c) : d(c, r); };
+    if (dm_diag != nullptr)
+        for (int r = 1; r <= n_dim; ++r) (*dm_diag)(r) = d(r, r);
     dm.fill(0.0);
     for (int il = 1; il <= pd.l_n; ++il) {
         const int ig = pd.l2g(il);
@@ -408,19 +426,12 @@ void setup_dh_dm_r(const hamiltonian_type& ham, const farray<double, 2>& psi, co
         for (int jb = 1; jb <= sd.n_blocks(ig); ++jb) {
             const int c0 = sd.sblock_offset(jb, ig), no2 = sd.pblock_dim(jb, ig);
             int l = sd.ublock_offset(jb, ig);
-            for (int b = 0; b < no2; ++b) {
-                const double* __restrict wb = &wt(1, c0 + b);
-                for (int a = 0; a < no; ++a, ++l) {
-                    const double* __restrict pa = &pt(1, r0 + a);
-                    double s = 0.0;
-                    for (int j = 0; j < ns; ++j) s += pa[j] * wb[j];
-                    dm(l, il) = s;
-                }
-            }
+            for (int b = 0; b < no2; ++b)
+                for (int r = 0; r < no; ++r, ++l) dm(l, il) = element(r0 + r, c0 + b);
         }
     }
-    cd_real_2d(pt, "psi_t", "setup_dh_dm_r", mod);
-    cd_real_2d(wt, "w_psi_t", "setup_dh_dm_r", mod);
+    cd_real_2d(a, "scaled_psi", proc, mod);
+    cd_real_2d(d, "density_matrix", proc, mod);
 }
 
 void eig_forces_dm(hamiltonian_type& ham, ions_type& ions, const box_type& box, eig_state_type& eig,

@@ -68,6 +68,8 @@ void solve_secular_eqn(hamiltonian_type& ham, ions_type& ions, const box_type& b
                                  std::to_string(i_min) + " and " + std::to_string(j_min) + ", is " +
                                  format_items("(F8.4)", {d_min}) + " Angstrom apart";
     }
+    // Only the vectors of the states are used: the solver back-transforms no more.
+    eig.d.n_vectors = n_states;
     int iter = 0;
     for (;;) {
         if (scc_used) {

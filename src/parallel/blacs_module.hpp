@@ -24,6 +24,7 @@ struct blacs_distr_type {
     farray<int, 1> iwork; // integer workspace (divide-and-conquer solvers)
     int liwork = -1;
     std::string failure_hint; // what the caller knows of a failure's likely cause, for its message
+    int n_vectors = 0;        // eigenvectors the caller uses (the first ones); 0 or n: all
 };
 
 void init_blacs_distr(blacs_distr_type& d, int m, int n, int mb, int nb);
