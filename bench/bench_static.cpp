@@ -5,6 +5,7 @@
 //   lyrt_bench [n ...]    n: conventional cells per edge (default 2 3 4: 64, 216, 512 atoms)
 #include "base/error_module.hpp"
 #include "base/io_module.hpp"
+#include "bench_support.hpp"
 #include "diag/diag_module.hpp"
 #include "diag/forces_module.hpp"
 #include "diag/gs_module.hpp"
@@ -23,22 +24,7 @@
 
 namespace {
 
-double now() {
-    return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch())
-        .count();
-}
-
-void write_inputs(const std::filesystem::path& dir, int n) {
-    std::ofstream pos(dir / "POSLYRT");
-    pos << "number_of_ions = 8\nunit_cell_grid = " << n << " " << n << " " << n
-        << "\na0 = 5.431\na_1 = 1 0 0\na_2 = 0 1 0\na_3 = 0 0 1\npositions\n"
-           "0 0 0\n0 0.5 0.5\n0.5 0 0.5\n0.5 0.5 0\n0.25 0.25 0.25\n0.25 0.75 0.75\n"
-           "0.75 0.25 0.75\n0.75 0.75 0.25\n";
-    std::ofstream in(dir / "INLYRT");
-    in << "system_name = benchmark\n";
-    std::filesystem::copy_file(std::filesystem::path(LYRT_SOURCE_DIR) / "examples/si8/TBPARAM",
-                               dir / "TBPARAM", std::filesystem::copy_options::overwrite_existing);
-}
+using lyrt_bench::now;
 
 } // namespace
 
@@ -53,22 +39,11 @@ int main(int argc, char** argv) {
     for (int n : sizes) {
         const auto dir = top / std::to_string(n);
         std::filesystem::create_directories(dir);
-        write_inputs(dir, n);
+        lyrt_bench::write_inputs(dir, n, "system_name = benchmark\n");
         std::filesystem::current_path(dir);
         try {
-            init_mpi();
-            open_units();
             const double t_start = now();
-            sys.box = box_type{};
-            sys.tb_model = tb_model_type{};
-            ions_read_in(sys.box, sys.box.ions, "POSLYRT");
-            tb_model_read_param(sys.box.ions.species, sys.tb_model, "TBPARAM",
-                                sys.box.ions.n_species);
-            read_input("INLYRT", sys.elec_algo, sys.i_algo, sys.tb_model, sys.kpt, sys.system_name,
-                       sys.n_electrons, sys.n_states, sys.n_h_dup);
-            init_system_ions();
-            kpt_read_and_allocate(sys.kpt, sys.box.cell.b, "KPTS", kpt_unit);
-            init_system_elec();
+            lyrt_bench::set_up_system();
             eig_state_type& eig = *sys.elec_state->eig;
             hamiltonian_reinit(sys.ham, sys.box.ions);
             // The steps of the secular loop of one pass, timed one by one.

@@ -80,6 +80,49 @@ void md_work_free(md_work_type& w) {
     cd_real_2d(w.noise, "noise", "md_work_free", mod);
 }
 
+// How the ions move between two steps of a loop.
+constexpr int move_velocity_verlet = 1;
+constexpr int move_position_verlet = 2;
+constexpr int move_fixed_velocities = 3;
+
+// The step skeleton that every moving loop shares: fold the ions and rebuild the
+// lists, the ground state and forces (by the gs code first, the md code after),
+// the report, then the move and the clock, from first_step to n_steps steps on.
+void run_steps(box_type& box, ions_state_type& ions_state, i_algo_type& i_algo,
+               elec_state_type* elec, elec_algo_type& elec_algo, hamiltonian_type& ham,
+               const char* proc, int mover, md_work_type* work) {
+    const double loop_start = timeofday();
+    ions_type& ions = box.ions;
+    ions_state.first_step = ions_state.step;
+    const int last_step = ions_state.step + i_algo.n_steps;
+    elec_algo.algo = elec_algo.gs;
+    for (;;) {
+        const double step_start = timeofday();
+        refresh_lists(box);
+        energy_and_forces(box, ions_state, i_algo, elec, elec_algo, ham);
+        const bool first = ions_state.step == ions_state.first_step;
+        if (first) elec_algo.algo = elec_algo.md;
+        if (mover == move_velocity_verlet && !first) calc_velocities_vv(ions, i_algo);
+        report_step(box, ions_state, i_algo, elec, elec_algo, ham, step_start);
+        if (ions_state.step >= last_step) break;
+        switch (mover) {
+        case move_velocity_verlet: move_eom_vv(ions, box, i_algo); break;
+        case move_position_verlet:
+            move_eom_sv(first, ions, box, ions_state, i_algo, work->dr, work->noise);
+            break;
+        case move_fixed_velocities:
+            // Along the given velocities; folding waits for the next step.
+            for (int i = 1; i <= ions.total_n_ions; ++i)
+                for (int k = 1; k <= 3; ++k) ions.r(k, i) += i_algo.dt * ions.v(k, i);
+            break;
+        default: break;
+        }
+        advance_clock(ions_state, i_algo);
+        write_free(timing_unit, {my_proc, proc, timeofday() - step_start, "sec for MD step"});
+    }
+    write_free(timing_unit, {my_proc, proc, timeofday() - loop_start, "sec for MD loop"});
+}
+
 } // namespace
 
 void ions_static(box_type& box, ions_state_type& ions_state, i_algo_type& i_algo,
@@ -129,27 +172,10 @@ void ions_md_loop_vverlet(box_type& box, ions_state_type& ions_state, i_algo_typ
                           elec_state_type* elec, elec_algo_type& elec_algo, hamiltonian_type& ham) {
     const char* proc = "ions_md_loop_vverlet";
     const trace_guard trace(proc, mod);
-    const double loop_start = timeofday();
-    ions_type& ions = box.ions;
-    if (ions.n_t != 2) ions_change_nt(ions, 2);
+    if (box.ions.n_t != 2) ions_change_nt(box.ions, 2);
     if (i_algo.thermostat == thermostat_nose)
         fatal_error("No Nose with velocity verlet !", -1, "move_eom_vv", mod);
-    ions_state.first_step = ions_state.step;
-    const int last_step = ions_state.step + i_algo.n_steps;
-    elec_algo.algo = elec_algo.gs;
-    for (;;) {
-        const double step_start = timeofday();
-        refresh_lists(box);
-        energy_and_forces(box, ions_state, i_algo, elec, elec_algo, ham);
-        if (ions_state.step == ions_state.first_step) elec_algo.algo = elec_algo.md;
-        if (ions_state.step != ions_state.first_step) calc_velocities_vv(ions, i_algo);
-        report_step(box, ions_state, i_algo, elec, elec_algo, ham, step_start);
-        if (ions_state.step >= last_step) break;
-        move_eom_vv(ions, box, i_algo);
-        advance_clock(ions_state, i_algo);
-        write_free(timing_unit, {my_proc, proc, timeofday() - step_start, "sec for MD step"});
-    }
-    write_free(timing_unit, {my_proc, proc, timeofday() - loop_start, "sec for MD loop"});
+    run_steps(box, ions_state, i_algo, elec, elec_algo, ham, proc, move_velocity_verlet, nullptr);
 }
 
 void move_eom_vv(ions_type& ions, box_type& box, i_algo_type& i_algo) {
@@ -224,28 +250,11 @@ void ions_md_loop_sverlet(box_type& box, ions_state_type& ions_state, i_algo_typ
                           elec_state_type* elec, elec_algo_type& elec_algo, hamiltonian_type& ham) {
     const char* proc = "ions_md_loop_sverlet";
     const trace_guard trace(proc, mod);
-    const double loop_start = timeofday();
-    ions_type& ions = box.ions;
-    if (ions.n_t != 3) ions_change_nt(ions, 3);
+    if (box.ions.n_t != 3) ions_change_nt(box.ions, 3);
     md_work_type work;
-    md_work_allocate(work, ions.total_n_ions);
-    ions_state.first_step = ions_state.step;
-    const int last_step = ions_state.step + i_algo.n_steps;
-    elec_algo.algo = elec_algo.gs;
-    for (;;) {
-        const double step_start = timeofday();
-        refresh_lists(box);
-        energy_and_forces(box, ions_state, i_algo, elec, elec_algo, ham);
-        if (ions_state.step == ions_state.first_step) elec_algo.algo = elec_algo.md;
-        report_step(box, ions_state, i_algo, elec, elec_algo, ham, step_start);
-        if (ions_state.step >= last_step) break;
-        move_eom_sv(ions_state.step == ions_state.first_step, ions, box, ions_state, i_algo,
-                    work.dr, work.noise);
-        advance_clock(ions_state, i_algo);
-        write_free(timing_unit, {my_proc, proc, timeofday() - step_start, "sec for MD step"});
-    }
+    md_work_allocate(work, box.ions.total_n_ions);
+    run_steps(box, ions_state, i_algo, elec, elec_algo, ham, proc, move_position_verlet, &work);
     md_work_free(work);
-    write_free(timing_unit, {my_proc, proc, timeofday() - loop_start, "sec for MD loop"});
 }
 
 void move_eom_sv(bool first_step, ions_type& ions, box_type& box, ions_state_type& ions_state,
@@ -322,26 +331,9 @@ void ions_fixvel(box_type& box, ions_state_type& ions_state, i_algo_type& i_algo
                  elec_state_type* elec, elec_algo_type& elec_algo, hamiltonian_type& ham) {
     const char* proc = "ions_fixvel";
     const trace_guard trace(proc, mod);
-    const double loop_start = timeofday();
-    ions_type& ions = box.ions;
-    ions_state.first_step = ions_state.step;
-    const int last_step = ions_state.step + i_algo.n_steps;
-    elec_algo.algo = elec_algo.gs;
-    // Steps first_step .. last_step: n_steps moves and n_steps + 1 states, the last
-    // of which POSCONT holds.
-    for (;;) {
-        const double step_start = timeofday();
-        refresh_lists(box);
-        energy_and_forces(box, ions_state, i_algo, elec, elec_algo, ham);
-        if (ions_state.step == ions_state.first_step) elec_algo.algo = elec_algo.md;
-        report_step(box, ions_state, i_algo, elec, elec_algo, ham, step_start);
-        if (ions_state.step >= last_step) break;
-        for (int i = 1; i <= ions.total_n_ions; ++i)
-            for (int k = 1; k <= 3; ++k) ions.r(k, i) += i_algo.dt * ions.v(k, i);
-        advance_clock(ions_state, i_algo);
-        write_free(timing_unit, {my_proc, proc, timeofday() - step_start, "sec for MD step"});
-    }
-    write_free(timing_unit, {my_proc, proc, timeofday() - loop_start, "sec for MD loop"});
+    // Steps first_step .. first_step + n_steps: n_steps moves and n_steps + 1 states,
+    // the last of which POSCONT holds.
+    run_steps(box, ions_state, i_algo, elec, elec_algo, ham, proc, move_fixed_velocities, nullptr);
 }
 
 // ---- hyper dynamics ----------------------------------------------------------------------

@@ -1,0 +1,51 @@
+// What the benchmarks share: the input files of a diamond silicon crystal and the
+// set-up of the run's records from them, in the order of the main program.
+#pragma once
+
+#include "base/io_module.hpp"
+#include "parallel/mpi_module.hpp"
+#include "run/input_module.hpp"
+#include "run/system_def_module.hpp"
+
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+
+namespace lyrt_bench {
+
+inline double now() {
+    return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch())
+        .count();
+}
+
+// POSLYRT of n x n x n conventional cells of diamond Si, INLYRT with `input`, TBPARAM.
+inline void write_inputs(const std::filesystem::path& dir, int n, const char* input) {
+    std::ofstream pos(dir / "POSLYRT");
+    pos << "number_of_ions = 8\nunit_cell_grid = " << n << " " << n << " " << n
+        << "\na0 = 5.431\na_1 = 1 0 0\na_2 = 0 1 0\na_3 = 0 0 1\npositions\n"
+           "0 0 0\n0 0.5 0.5\n0.5 0 0.5\n0.5 0.5 0\n0.25 0.25 0.25\n0.25 0.75 0.75\n"
+           "0.75 0.25 0.75\n0.75 0.75 0.25\n";
+    std::ofstream in(dir / "INLYRT");
+    in << input;
+    std::filesystem::copy_file(std::filesystem::path(LYRT_SOURCE_DIR) / "examples/si8/TBPARAM",
+                               dir / "TBPARAM", std::filesystem::copy_options::overwrite_existing);
+}
+
+// Reads the three files of the working folder into the run's records and sets up
+// ions and electrons.
+inline void set_up_system() {
+    using namespace lyrt;
+    init_mpi();
+    open_units();
+    sys.box = box_type{};
+    sys.tb_model = tb_model_type{};
+    ions_read_in(sys.box, sys.box.ions, "POSLYRT");
+    tb_model_read_param(sys.box.ions.species, sys.tb_model, "TBPARAM", sys.box.ions.n_species);
+    read_input("INLYRT", sys.elec_algo, sys.i_algo, sys.tb_model, sys.kpt, sys.system_name,
+               sys.n_electrons, sys.n_states, sys.n_h_dup);
+    init_system_ions();
+    kpt_read_and_allocate(sys.kpt, sys.box.cell.b, "KPTS", kpt_unit);
+    init_system_elec();
+}
+
+} // namespace lyrt_bench
