@@ -15,6 +15,13 @@
 
 namespace lyrt {
 
+// Thresholds written as single-precision literals (1e-6 as a float is not 1e-6).
+constexpr double single_0_1 = 0.10000000149011612;
+constexpr double single_0_6 = 0.6000000238418579;
+constexpr double single_1e_6 = 9.999999974752427e-07;
+constexpr double single_1e_8 = 9.99999993922529e-09;
+constexpr double single_1e_10 = 1.000000013351432e-10;
+
 int iscan(int value, std::span<const int> list); // 1-based position or -1
 void ucase(std::string& s);
 void lcase(std::string& s);

@@ -4,6 +4,7 @@
 #pragma once
 
 #include "base/farray.hpp"
+#include "numerics/utility_module.hpp"
 
 namespace lyrt {
 
@@ -14,12 +15,6 @@ constexpr double two_k_b_inverse = 23209.0;       // 2 x 11604.5: temperature = 
 constexpr double k_b = 8.617346718945237e-05;     // eV per K
 constexpr double ev_per_a3_to_gpa = 160.21766208; // stress and pressure, eV/Angstrom^3 to GPa
 
-// Thresholds written as single-precision literals (1e-6 as a float is not 1e-6).
-constexpr double single_0_1 = 0.10000000149011612;
-constexpr double single_0_6 = 0.6000000238418579;
-constexpr double single_1e_6 = 9.999999974752427e-07;
-constexpr double single_1e_8 = 9.99999993922529e-09;
-constexpr double single_1e_10 = 1.000000013351432e-10;
 // A squared image distance at or below this is the ion itself, Angstrom^2.
 constexpr double self_image_min = single_1e_6;
 

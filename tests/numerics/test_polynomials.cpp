@@ -1,0 +1,130 @@
+// Polynomial tools: least-squares fits of polynomials whose coefficients are
+// known, and zeros and stationary points known in closed form.
+#include "base/error_module.hpp"
+#include "base/farray.hpp"
+#include "numerics/fitpoly.hpp"
+#include "numerics/pzeros.hpp"
+#include "test_support.hpp"
+
+#include <algorithm>
+#include <cmath>
+#include <gtest/gtest.h>
+
+namespace {
+
+using namespace lyrt;
+
+// An exact cubic sampled at the tiny steps of a self-test comes back to 1e-9,
+// although its normal equations have a condition number near 1e20.
+TEST(Polynomials, FitRecoversAnExactCubicAtTinySteps) {
+    const std::vector<double> c = {-49.28, 0.731, -12.5, 310.0};
+    std::vector<double> x, y;
+    for (int s = -6; s <= 6; ++s) {
+        x.push_back(2e-4 * s);
+        y.push_back(evalpoly(x.back(), c));
+    }
+    std::vector<double> f, d1, d2;
+    const double chi2 = fitpoly(static_cast<int>(x.size()), x.data(), y.data(), 3, f, d1, d2);
+    ASSERT_EQ(f.size(), 4u);
+    EXPECT_LT(chi2, 1e-20);
+    EXPECT_NEAR(f[0], c[0], 1e-9 * std::fabs(c[0]));
+    EXPECT_NEAR(f[1], c[1], 1e-9 * std::fabs(c[1]) + 1e-9);
+    // The slope at 0 is what the force test reads; the curvature what the stress test reads.
+    ASSERT_EQ(d1.size(), 3u);
+    EXPECT_NEAR(evalpoly(0.0, d1), c[1], 1e-6);
+    EXPECT_NEAR(evalpoly(0.0, d2), 2 * c[2], 1e-3);
+    // A quartic through data with noise: the residuals are its chi-square.
+    std::vector<double> noisy = y;
+    for (std::size_t k = 0; k < noisy.size(); ++k) noisy[k] += (k % 2 ? 1e-6 : -1e-6);
+    const double chi_noisy =
+        fitpoly(static_cast<int>(x.size()), x.data(), noisy.data(), 4, f, d1, d2);
+    double by_hand = 0.0;
+    for (std::size_t k = 0; k < x.size(); ++k) by_hand += std::pow(noisy[k] - evalpoly(x[k], f), 2);
+    EXPECT_NEAR(chi_noisy, by_hand, 1e-24);
+    EXPECT_GT(chi_noisy, 1e-13);
+}
+
+TEST(Polynomials, EvaluationAndDerivatives) {
+    const std::vector<double> c = {1.0, -2.0, 0.5, 3.0}; // 1 - 2x + x^2/2 + 3x^3
+    EXPECT_DOUBLE_EQ(evalpoly(2.0, c), 1.0 - 4.0 + 2.0 + 24.0);
+    EXPECT_EQ(evalpoly_c({0.0, 1.0}, c), std::complex<double>(1.0 - 0.5, -2.0 - 3.0));
+    std::vector<double> d;
+    derivatepoly(c, d);
+    EXPECT_EQ(d, (std::vector<double>{-2.0, 1.0, 9.0}));
+    derivatepoly(std::vector<double>{4.0}, d);
+    EXPECT_TRUE(d.empty());
+    // Too few points for the degree is refused.
+    const double x[3] = {0, 1, 2}, y[3] = {0, 1, 4};
+    std::vector<double> f, d1, d2;
+    EXPECT_THROW(fitpoly(3, x, y, 4, f, d1, d2), fatal_stop);
+}
+
+// Zeros of products of known factors, real and complex.
+TEST(Polynomials, ZerosOfKnownFactors) {
+    const double eps = 2.220446049250313e-16, big = 1.7976931348623157e+308,
+                 small = 2.2250738585072014e-308;
+    struct case_t {
+        std::vector<pz_complex> poly;
+        std::vector<pz_complex> zeros;
+    };
+    const pz_complex i(0.0, 1.0);
+    const std::vector<case_t> cases = {// (z - 1)(z + 2)(z - 3.5) = z^3 - 2.5 z^2 - 5.5 z + 7
+                                       {{7.0, -5.5, -2.5, 1.0}, {1.0, -2.0, 3.5}},
+                                       // (z^2 + 1)(z - 2)(z + 0.5) = z^4 - 1.5 z^3 - 1.5 z - 1
+                                       {{-1.0, -1.5, 0.0, -1.5, 1.0}, {i, -i, 2.0, -0.5}},
+                                       // Moduli far apart: (z - 1e-3)(z - 1e3)
+                                       {{1.0, -1000.001, 1.0}, {1e-3, 1e3}}};
+    for (const auto& cs : cases) {
+        const int n = static_cast<int>(cs.poly.size()) - 1;
+        std::vector<pz_complex> root(static_cast<std::size_t>(n));
+        std::vector<double> radius(root.size()), apoly(cs.poly.size()), apolyr(cs.poly.size());
+        farray<bool, 1> err;
+        err.allocate({1}, {n});
+        int iter = 0;
+        polzeros(n, cs.poly, eps, big, small, 30, root, radius,
+                 std::span<bool>(err.data(), static_cast<std::size_t>(n)), iter, apoly, apolyr);
+        EXPECT_LE(iter, 12) << "degree " << n;
+        for (const pz_complex& z : cs.zeros) {
+            double best = 1e300;
+            std::size_t at = 0;
+            for (std::size_t k = 0; k < root.size(); ++k)
+                if (std::abs(root[k] - z) < best) {
+                    best = std::abs(root[k] - z);
+                    at = k;
+                }
+            EXPECT_LT(best, 1e-10 * (1 + std::abs(z))) << z;
+            EXPECT_FALSE(err.data()[at]) << z;
+            // The inclusion radius holds the true zero.
+            EXPECT_LE(best, radius[at] + 1e-15) << z;
+        }
+    }
+}
+
+// The stationary points of E = l^4 - 6.5 l^2 + 6 l + 0.3, whose derivative is
+// 4 (l - 0.5)(l - 1.5)(l + 2); and of a quartic with one real stationary point.
+TEST(Polynomials, StationaryPointsOfAQuartic) {
+    std::vector<double> x;
+    int n = 0;
+    find_poly_extremas_iter(std::vector<double>{0.3, 6.0, -6.5, 0.0, 1.0}, x, n);
+    ASSERT_EQ(n, 3);
+    std::sort(x.begin(), x.end());
+    EXPECT_NEAR(x[0], -2.0, 1e-12);
+    EXPECT_NEAR(x[1], 0.5, 1e-12);
+    EXPECT_NEAR(x[2], 1.5, 1e-12);
+    // E' = 4 (l - 1)(l^2 + 1): one real point, the complex pair dropped.
+    find_poly_extremas_iter(std::vector<double>{0.0, -4.0, 2.0, -4.0 / 3.0, 1.0}, x, n);
+    ASSERT_EQ(n, 1);
+    EXPECT_NEAR(x[0], 1.0, 1e-12);
+}
+
+class PolynomialStops : public lyrt_test::program_test {};
+
+TEST_F(PolynomialStops, ZeroConstantTermStopsTheRun) {
+    std::vector<double> x;
+    int n = 0;
+    // E' has no constant term: E = l^3 + l^2 (a stationary point at 0).
+    EXPECT_THROW(find_poly_extremas_iter(std::vector<double>{1.0, 0.0, 1.0, 1.0}, x, n),
+                 fatal_stop);
+}
+
+} // namespace
