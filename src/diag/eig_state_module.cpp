@@ -1,5 +1,6 @@
 #include "diag/eig_state_module.hpp"
 
+#include "diag/acum_delem_module_1.hpp"
 #include "numerics/lapack_module.hpp"
 
 #include "base/allocate_module.hpp"
@@ -477,6 +478,57 @@ void eig_forces_dm(hamiltonian_type& ham, ions_type& ions, const box_type& box, 
     cd_real_1d(dm_diag, "dm_diag", proc, mod);
     cd_real_2d(wf, "wf", proc, mod);
     cd_real_2d(wen, "wen", proc, mod);
+}
+
+// ---- stress -----------------------------------------------------------------------
+
+void eig_stress(hamiltonian_type& ham, ions_type& ions, box_type& box, eig_state_type& eig) {
+    const char* proc = "eig_stress";
+    const trace_guard trace(proc, mod);
+    const int nk = n_kpt(eig), ns = eig.n_states;
+    const bool non_orth = ham.tb_model->non_orthogonal;
+    const double sigma = eig.kpt->sigma;
+    double ratio = 0.0;
+    if (sigma > 0.0 && std::fabs(eig.dn_sum) >= 1e-08) ratio = eig.de_sum / eig.dn_sum;
+    for (int k = 1; k <= nk; ++k)
+        for (int j = 1; j <= eig.col_pdist.l_n; ++j) {
+            const int i = eig.col_pdist.l2g(j);
+            const double wk = eig.kpt->weight(k);
+            if (sigma <= 0.0) {
+                eig.alpha(j, k) = 2.0 * wk;
+                // Without smearing the weight of the k-point is not in beta.
+                eig.beta(j, k) = non_orth ? -2.0 * eig.en_i(i, k) : 0.0;
+            } else {
+                eig.alpha(j, k) = 2.0 * wk *
+                                  (eig.occ(i, k) + eig.en_i(i, k) * eig.docc(i, k) / sigma -
+                                   eig.docc(i, k) * ratio);
+                eig.beta(j, k) = non_orth ? -eig.en_i(i, k) * eig.alpha(j, k) : 0.0;
+            }
+        }
+    double sig[6] = {0, 0, 0, 0, 0, 0};
+    const bool on_site = ham.tb_model->on_site_env;
+    farray<double, 2> psi_t;
+    ca_real_2d(psi_t, 1, ns, 1, eig.n_dim, "psi_t", proc, mod);
+    for (int k = 1; k <= nk; ++k) {
+        eig_set_psi(eig, k);
+        for (int r = 1; r <= eig.n_dim; ++r)
+            for (int j = 1; j <= ns; ++j) psi_t(j, r) = eig.psi(r, j);
+        for (const int c : {1, 4}) {
+            calc_hs_grad_real(ham, ions, box, "B", c == 1 ? "D" : "O");
+            stress_diag_r(ham, psi_t, &eig.alpha(1, k), ham.dh_ab, on_site ? &ham.dh_aa : nullptr,
+                          1.0, &sig[c - 1]);
+            if (non_orth)
+                stress_diag_r(ham, psi_t, &eig.beta(1, k), ham.ds_ab, nullptr, 1.0, &sig[c - 1]);
+        }
+    }
+    cd_real_2d(psi_t, "psi_t", proc, mod);
+    const double vol = cell_vol(box.cell);
+    for (double& x : sig) x /= vol;
+    farray<double, 2>& cs = box.cell.sig;
+    for (int i = 1; i <= 3; ++i) cs(i, i) = sig[i - 1];
+    cs(1, 2) = cs(2, 1) = sig[3];
+    cs(2, 3) = cs(3, 2) = sig[4];
+    cs(1, 3) = cs(3, 1) = sig[5];
 }
 
 } // namespace lyrt

@@ -83,4 +83,8 @@ void eig_forces_dm(hamiltonian_type& ham, ions_type& ions, const box_type& box, 
 void setup_dh_dm_r(const hamiltonian_type& ham, const farray<double, 2>& psi, const double* w,
                    farray<double, 2>& dm, farray<double, 1>* dm_diag);
 
+// The electronic stress from the states and the strain gradients of H and S:
+// the symmetric tensor into box.cell.sig, eV/Angstrom^3.
+void eig_stress(hamiltonian_type& ham, ions_type& ions, box_type& box, eig_state_type& eig);
+
 } // namespace lyrt

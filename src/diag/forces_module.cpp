@@ -85,8 +85,7 @@ void forces_calc(hamiltonian_type& ham, ions_type& ions, box_type& box, const i_
         case elec_algo_diag:
         case elec_algo_diag_b:
             eig_forces_dm(ham, ions, box, *elec.eig, i_algo.calc_stress, boost, elec.scc);
-            if (i_algo.calc_stress)
-                fatal_error("the stress of the diagonalisation is not built yet", -1, proc, mod);
+            if (i_algo.calc_stress) eig_stress(ham, ions, box, *elec.eig);
             break;
         case elec_algo_kpm:
             fatal_error("the kernel polynomial solver (elec_gs_algo = 4) is not built yet",

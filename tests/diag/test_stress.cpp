@@ -1,0 +1,164 @@
+// The stress against finite differences of the energy under strain, and the
+// unrolled contraction kernels against their general loop.
+#include "../model/model_support.hpp"
+#include "diag/acum_delem_module_1.hpp"
+#include "diag/forces_module.hpp"
+#include "diag/gs_module.hpp"
+#include "test_support.hpp"
+
+#include <cmath>
+#include <gtest/gtest.h>
+
+namespace {
+
+using namespace lyrt;
+using namespace lyrt_test;
+
+// A model system with its electronic records, strained at will.
+class StrainedSystem : public lyrt_test::program_test {
+  protected:
+    void set_up(const std::string& poslyrt, const std::string& tbparam, int n_dim, int n_states,
+                double n_el, double sigma) {
+        build_system(s, dir, poslyrt, tbparam);
+        kpt.n_k = 1;
+        kpt.weight.allocate({1}, {1});
+        kpt.weight(1) = 1.0;
+        kpt.k_cart.allocate({1, 1}, {3, 1});
+        kpt.sigma = sigma;
+        eig_state_allocate(eig, n_dim, n_states, n_el, 1, 1, s.model.non_orthogonal, 'V', kpt);
+        scc_model_init(scc, s.box.ions, false, false);
+        elec.eig = &eig;
+        elec.scc = &scc;
+        st.ions = &s.box.ions;
+        st.box = &s.box;
+        a0 = s.box.cell.a.copy();
+        r0 = s.box.ions.r.copy();
+    }
+    // Cell and positions strained by (1 + e), e symmetric (3 x 3, row-major).
+    void strain(const double e[3][3]) {
+        farray<double, 2> a;
+        a.allocate({1, 1}, {3, 3});
+        for (int j = 1; j <= 3; ++j)
+            for (int i = 1; i <= 3; ++i) {
+                a(i, j) = a0(i, j);
+                for (int k = 1; k <= 3; ++k) a(i, j) += e[i - 1][k - 1] * a0(k, j);
+            }
+        cell_init_cell(s.box.cell, a);
+        for (int n = 1; n <= s.box.ions.total_n_ions; ++n)
+            for (int i = 1; i <= 3; ++i) {
+                s.box.ions.r(i, n) = r0(i, n);
+                for (int k = 1; k <= 3; ++k) s.box.ions.r(i, n) += e[i - 1][k - 1] * r0(k, n);
+            }
+        rebuild(s);
+    }
+    double energy() {
+        gs_calc(s.box, st, elec, ea, s.ham, false);
+        return st.e_pot;
+    }
+    // The stress of the unstrained system against -(1/V) dE/de by central differences.
+    void check(double tol, const char* what) {
+        const double none[3][3] = {};
+        strain(none);
+        energy();
+        i_algo_type ia;
+        ia.calc_stress = true;
+        forces_calc(s.ham, s.box.ions, s.box, ia, elec, ea);
+        const farray<double, 2> sig = s.box.cell.sig.copy();
+        const double vol = cell_vol(s.box.cell);
+        const int comp[6][2] = {{0, 0}, {1, 1}, {2, 2}, {0, 1}, {1, 2}, {0, 2}};
+        const double h = 1e-5;
+        for (const auto& c : comp) {
+            double ep[3][3] = {}, em[3][3] = {};
+            ep[c[0]][c[1]] = ep[c[1]][c[0]] = h;
+            em[c[0]][c[1]] = em[c[1]][c[0]] = -h;
+            strain(ep);
+            const double e_plus = energy();
+            strain(em);
+            const double e_minus = energy();
+            const double de = (e_plus - e_minus) / (2 * h);
+            // A shear strain moves both (i, j) and (j, i): dE/dx = -2 V sig(i, j).
+            const double expected = -de / vol / (c[0] == c[1] ? 1.0 : 2.0);
+            EXPECT_NEAR(sig(c[0] + 1, c[1] + 1), expected, tol)
+                << what << " component " << c[0] + 1 << c[1] + 1;
+        }
+        strain(none);
+    }
+    model_system s;
+    kpt_type kpt;
+    eig_state_type eig;
+    scc_type scc;
+    elec_state_type elec;
+    elec_algo_type ea;
+    ions_state_type st;
+    farray<double, 2> a0, r0;
+};
+
+const char* si8_rattled =
+    "number_of_ions = 8\na_1 = 5.30 0 0\na_2 = 0.1 5.35 0\na_3 = 0.05 -0.1 5.42\n"
+    "positions\n0.01 0 0.02\n0 0.5 0.49\n0.5 0.01 0.5\n0.51 0.5 0\n"
+    "0.25 0.26 0.25\n0.24 0.75 0.75\n0.75 0.25 0.74\n0.75 0.76 0.25\n";
+
+TEST_F(StrainedSystem, SiliconStressIsMinusTheStrainDerivative) {
+    set_up(si8_rattled, one_species_file(read_species_set("Si")), 32, 16, 32.0, 0.0);
+    check(1e-5, "Si 8 triclinic, rattled");
+}
+
+const char* fcc4_rattled(double a) {
+    static std::string text;
+    text = "number_of_ions = 4\na0 = " + std::to_string(a) +
+           "\na_1 = 1 0 0\na_2 = 0 1 0.02\na_3 = 0 0 1\npositions\n0.01 0 0\n0 0.5 0.51\n"
+           "0.5 0.01 0.5\n0.49 0.5 0\n";
+    return text.c_str();
+}
+
+TEST_F(StrainedSystem, SmearedCopperStress) {
+    set_up(fcc4_rattled(3.58), one_species_file(read_species_set("Cu")), 36, 26, 44.0, 0.1);
+    check(2e-5, "Cu 4 with smearing");
+}
+
+TEST_F(StrainedSystem, MixedSpeciesStress) {
+    std::string pos = fcc4_rattled(3.8);
+    pos.replace(pos.find("number_of_ions = 4"), 18, "number_of_ions = 3 1");
+    set_up(pos, read_text(std::filesystem::path(LYRT_SOURCE_DIR) / "tests/data/CuAu.tbparam"), 36,
+           26, 44.0, 0.1);
+    check(2e-5, "Cu3Au with smearing");
+}
+
+// A model with the core-repulsion pair potential: the classical part of the stress too.
+TEST_F(StrainedSystem, StressWithThePairPotential) {
+    species_set si = read_species_set("Si");
+    std::string file = one_species_file(si, 0, "NN00011");
+    file.insert(file.find(si.r0_l0) + si.r0_l0.size() + 1, "3.0 5.5\n"); // Bohr
+    set_up(si8_rattled, file, 32, 16, 32.0, 0.0);
+    ASSERT_TRUE(s.model.pair_pot);
+    s.model.pair_pot_used = true;
+    check(1e-5, "Si 8 with the pair potential");
+    EXPECT_GT(st.e_pair, 0.1); // the pair term takes part
+}
+
+// The unrolled kernels sum what the general loop sums.
+TEST_F(StrainedSystem, KernelsAgreeWithTheGeneralLoop) {
+    for (const char* name : {"Si", "Cu"}) {
+        model_system m;
+        build_system(m, dir, std::string(name) == "Si" ? si8_rattled : fcc4_rattled(3.6),
+                     one_species_file(read_species_set(name)));
+        const int n = m.ham.desc.n_dim, ns = n / 2;
+        farray<double, 2> psi_t;
+        psi_t.allocate({1, 1}, {ns, n});
+        std::vector<double> w(static_cast<std::size_t>(ns));
+        for (int j = 1; j <= ns; ++j) {
+            w[static_cast<std::size_t>(j - 1)] = 2.0 - 0.01 * j;
+            for (int r = 1; r <= n; ++r) psi_t(j, r) = std::sin(0.37 * j + 1.3 * r);
+        }
+        calc_hs_grad_real(m.ham, m.box.ions, m.box, "B", "O");
+        double a[3] = {0, 0, 0}, b[3] = {0, 0, 0};
+        stress_diag_r(m.ham, psi_t, w.data(), m.ham.dh_ab, &m.ham.dh_aa, 1.0, a);
+        stress_diag_r_general(m.ham, psi_t, w.data(), m.ham.dh_ab, &m.ham.dh_aa, 1.0, b);
+        for (int d = 0; d < 3; ++d) {
+            EXPECT_NEAR(a[d], b[d], 1e-10 * (1 + std::fabs(b[d]))) << name << " " << d;
+            EXPECT_NE(b[d], 0.0) << name;
+        }
+    }
+}
+
+} // namespace
