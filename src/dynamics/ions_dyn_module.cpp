@@ -6,6 +6,7 @@
 #include "diag/forces_module.hpp"
 #include "diag/gs_module.hpp"
 #include "neighbours/pbc_module.hpp"
+#include "numerics/fitpoly.hpp"
 #include "numerics/random_module.hpp"
 #include "parallel/mpi_module.hpp"
 #include "run/output_module.hpp"
@@ -154,9 +155,13 @@ void ions_main_loop(box_type& box, ions_state_type& ions_state, i_algo_type& i_a
             ions_md_loop_vverlet(box, ions_state, i_algo, elec, elec_algo, ham);
         break;
     case ions_algo_fixed_vel: ions_fixvel(box, ions_state, i_algo, elec, elec_algo, ham); break;
-    case ions_algo_cg_relax:
     case ions_algo_test_forces:
+        ions_test_forces(box, ions_state, i_algo, elec, elec_algo, ham);
+        break;
     case ions_algo_test_stress:
+        ions_test_stress(box, ions_state, i_algo, elec, elec_algo, ham);
+        break;
+    case ions_algo_cg_relax:
         fatal_error("this run type (ions_algo = " + std::to_string(i_algo.algo) +
                         ") is not built yet",
                     i_algo.algo, "ions_main_loop", mod);
@@ -355,6 +360,210 @@ double calc_fboost_factor(ions_state_type& ions_state, double e_boost, double a_
     ions_state.e_boost = dv;
     ions_state.time_factor = std::exp(dv * k_b_inverse / temperature);
     return f * (1.0 + y * (1.0 - f)) - x * (2.0 * a_boost * a_boost / 9.0) * g;
+}
+
+// ---- force and stress tests --------------------------------------------------------------
+
+namespace {
+
+constexpr double chi_pass = 9.999999974752427e-07;  // single-precision 1e-6
+constexpr double chi_fail = 0.0010000000474974513;  // single-precision 1e-3
+constexpr double fit_limit = 9.999999974752427e-07; // largest chi-square of a usable fit
+
+// One evaluation of a self-test: lists, ground state, forces, energies and the
+// status report of the step.
+void test_evaluation(box_type& box, ions_state_type& ions_state, i_algo_type& i_algo,
+                     elec_state_type* elec, elec_algo_type& elec_algo, hamiltonian_type& ham) {
+    const double start = timeofday();
+    refresh_lists(box);
+    energy_and_forces(box, ions_state, i_algo, elec, elec_algo, ham);
+    elec_algo.algo = elec_algo.md;
+    report_step(box, ions_state, i_algo, elec, elec_algo, ham, start);
+    ions_state.step += 1;
+}
+
+// The log of a self-test: its title between rules of sixty equals signs.
+int open_test_log(const char* file, const char* title) {
+    const int unit = next_free_unit();
+    if (i_am_master) {
+        unit_open(unit, file, "replace");
+        write_fmt(unit, "(60(\"=\"))", {});
+        write_fmt(unit, "(15(\"=\"),A,15(\"=\"))", {title});
+        write_fmt(unit, "(60(\"=\"))", {});
+    }
+    return unit;
+}
+
+void write_verdict(int unit, double chi) {
+    if (!i_am_master) return;
+    write_fmt(unit, "(A,E16.8)", {" Overall CHI SQUARED = ", chi});
+    if (chi > chi_fail)
+        unit_write(unit, " Test FAILED ");
+    else if (chi > chi_pass)
+        unit_write(unit, " Test OK, check Chi^2 for each atom ");
+    else
+        unit_write(unit, " Test PASSED ");
+    unit_close(unit);
+}
+
+// Cell (1 + e) a0 and positions (1 + e) r0, with the image cells and lists that
+// the new cell needs.
+void apply_strain(box_type& box, const farray<double, 2>& a0, const farray<double, 2>& r0,
+                  const double e[3][3]) {
+    farray<double, 2> a;
+    a.allocate({1, 1}, {3, 3});
+    for (int j = 1; j <= 3; ++j)
+        for (int i = 1; i <= 3; ++i) {
+            a(i, j) = a0(i, j);
+            for (int k = 1; k <= 3; ++k) a(i, j) += e[i - 1][k - 1] * a0(k, j);
+        }
+    cell_init_cell(box.cell, a);
+    ions_type& ions = box.ions;
+    for (int n = 1; n <= ions.total_n_ions; ++n)
+        for (int i = 1; i <= 3; ++i) {
+            ions.r(i, n) = r0(i, n);
+            for (int k = 1; k <= 3; ++k) ions.r(i, n) += e[i - 1][k - 1] * r0(k, n);
+        }
+    box_init(box, box.r_cut, box.lo_rad);
+    box_calc_ic_list(box);
+    box_reset(box);
+    box_init_sb_list(box);
+}
+
+} // namespace
+
+void ions_test_forces(box_type& box, ions_state_type& ions_state, i_algo_type& i_algo,
+                      elec_state_type* elec, elec_algo_type& elec_algo, hamiltonian_type& ham) {
+    const char* proc = "ions_test_forces";
+    const trace_guard trace(proc, mod);
+    const int n_points = i_algo.n_steps;
+    // A fit of degree 4 through fewer than six points has no freedom left to judge.
+    if (n_points < 6)
+        fatal_error("the force test needs n_steps of 6 or more (points per direction)", n_points,
+                    proc, mod);
+    ions_type& ions = box.ions;
+    const int unit = open_test_log("test_forces.log", "    TEST OF ATOMIC FORCES     ");
+    elec_algo.algo = elec_algo.gs;
+    std::vector<double> x(static_cast<std::size_t>(n_points)), e(x.size()), f(x.size());
+    std::vector<double> c, d1, d2;
+    double chi_all = 0.0;
+    for (int i = 1; i <= ions.total_n_ions; ++i) {
+        const double start[3] = {ions.r(1, i), ions.r(2, i), ions.r(3, i)};
+        for (int d = 1; d <= 3; ++d) {
+            if (i_am_master)
+                write_fmt(unit, "(A,I1,A,I4,A)", {"--- Testing dE/dR_", d, " for atom ", i, "---"});
+            for (int s = 0; s < n_points; ++s) {
+                test_evaluation(box, ions_state, i_algo, elec, elec_algo, ham);
+                // Signed distance from the start along d, through the minimum image.
+                double v[3];
+                pbc_min_vec(v, box, start, &ions.r(1, i));
+                const double dist = std::sqrt(v[0] * v[0] + v[1] * v[1] + v[2] * v[2]);
+                x[static_cast<std::size_t>(s)] = v[d - 1] < 0.0 ? -dist : dist;
+                e[static_cast<std::size_t>(s)] = ions_state.e_pot;
+                f[static_cast<std::size_t>(s)] = ions.f(d, i);
+                ions.r(d, i) += i_algo.dt;
+            }
+            const double chi2 = fitpoly(n_points, x.data(), e.data(), 4, c, d1, d2);
+            if (chi2 > fit_limit) plain_stop("fit too poor, reduce dt");
+            double chi = 0.0;
+            if (i_am_master) {
+                write_fmt(unit, "(4(A14,4X))", {"X", "E", "dE/dX", "error"});
+                unit_write(unit, std::string(76, '-'));
+            }
+            for (int s = 0; s < n_points; ++s) {
+                const auto us = static_cast<std::size_t>(s);
+                const double slope = evalpoly(x[us], d1);
+                const double err = slope + f[us];
+                chi += err * err;
+                if (i_am_master) write_fmt(unit, "(4(E16.8,2X))", {x[us], e[us], slope, err});
+            }
+            chi /= n_points;
+            if (i_am_master)
+                write_fmt(unit, "(A,I1,A,I3,A,E16.8)", {"dE/dR_", d, " ion ", i, " Chi^2 = ", chi});
+            chi_all += chi;
+            // Back to the start before the next direction.
+            for (int k = 1; k <= 3; ++k) ions.r(k, i) = start[k - 1];
+        }
+    }
+    chi_all /= 3.0 * ions.total_n_ions;
+    write_verdict(unit, chi_all);
+}
+
+void ions_test_stress(box_type& box, ions_state_type& ions_state, i_algo_type& i_algo,
+                      elec_state_type* elec, elec_algo_type& elec_algo, hamiltonian_type& ham) {
+    const char* proc = "ions_test_stress";
+    const trace_guard trace(proc, mod);
+    ions_type& ions = box.ions;
+    const int n = i_algo.n_steps, n_points = 2 * n + 1;
+    // The test compares the stress: it is computed whatever the input said.
+    const bool stress_asked = i_algo.calc_stress;
+    i_algo.calc_stress = true;
+    const int unit = open_test_log("test_stress.log", "    TEST OF STRESS CALCULATION     ");
+    elec_algo.algo = elec_algo.gs;
+    const farray<double, 2> a0 = box.cell.a.copy(), r0 = ions.r.copy();
+    const int comp[7][2] = {{0, 0}, {1, 1}, {2, 2}, {3, 3}, {1, 2}, {1, 3}, {2, 3}};
+    std::vector<double> x(static_cast<std::size_t>(n_points)), e(x.size()), ref(x.size());
+    std::vector<double> c, d1, d2, uniform;
+    double dev_all = 0.0;
+    for (int p = 0; p <= 6; ++p) {
+        const int ci = comp[p][0], cj = comp[p][1];
+        for (int s = -n; s <= n; ++s) {
+            const auto us = static_cast<std::size_t>(s + n);
+            const double xs = s * i_algo.dt;
+            double eps[3][3] = {};
+            if (p == 0) {
+                for (int k = 0; k < 3; ++k) eps[k][k] = xs / 3.0;
+            } else if (ci == cj) {
+                for (int k = 0; k < 3; ++k) eps[k][k] = -xs / 3.0;
+                eps[ci - 1][ci - 1] = 2.0 * xs / 3.0;
+            } else {
+                eps[ci - 1][cj - 1] = eps[cj - 1][ci - 1] = xs;
+            }
+            apply_strain(box, a0, r0, eps);
+            test_evaluation(box, ions_state, i_algo, elec, elec_algo, ham);
+            const farray<double, 2>& sig = box.cell.sig;
+            const double vol = cell_vol(box.cell);
+            x[us] = xs;
+            if (p == 0) {
+                e[us] = ions_state.e_pot;
+                ref[us] = (sig(1, 1) + sig(2, 2) + sig(3, 3)) * vol / 3.0;
+            } else if (ci == cj) {
+                // The uniform part of the deviatoric strain comes back through the cubic
+                // of pass 0: the slope is then -V sig(i, i).
+                e[us] = ions_state.e_pot + evalpoly(xs, uniform);
+                ref[us] = sig(ci, ci) * vol;
+            } else {
+                // e(i,j) = e(j,i) = x: dE/dx = -2 V sig(i, j).
+                e[us] = ions_state.e_pot;
+                ref[us] = 2.0 * sig(ci, cj) * vol;
+            }
+        }
+        const double chi2 = fitpoly(n_points, x.data(), e.data(), 3, c, d1, d2);
+        if (chi2 > fit_limit) plain_stop("fit too poor, reduce dt");
+        if (p == 0) {
+            // The uniform strain's energy, less its value at zero strain.
+            uniform = c;
+            uniform[0] = 0.0;
+        }
+        if (i_am_master) {
+            write_fmt(unit, "(A,I1,A,I1,A)", {"--- Testing dE/de_", ci, "", cj, "---"});
+            for (int s = 0; s < n_points; ++s) {
+                const auto us = static_cast<std::size_t>(s);
+                write_fmt(unit, "(4(E16.8,2X))",
+                          {x[us], e[us], evalpoly(x[us], d1), evalpoly(x[us], c) - e[us]});
+            }
+            unit_write(unit, std::string(76, '-'));
+        }
+        const double deviation = std::fabs(evalpoly(0.0, d1) + ref[static_cast<std::size_t>(n)]);
+        if (i_am_master) write_fmt(unit, "(A,E16.8)", {"deviation at x=0 : ", deviation});
+        dev_all += deviation;
+    }
+    dev_all *= 0.16666666666666666;
+    write_verdict(unit, dev_all);
+    // Back to the cell and positions of the start.
+    const double none[3][3] = {};
+    apply_strain(box, a0, r0, none);
+    i_algo.calc_stress = stress_asked;
 }
 
 } // namespace lyrt

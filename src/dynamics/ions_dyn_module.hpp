@@ -41,4 +41,13 @@ double sum_local_energy(const ions_type& ions);
 double calc_fboost_factor(ions_state_type& ions_state, double e_boost, double a_boost,
                           double temperature);
 
+// Self-tests of the derivatives: each ion moved along each axis (n_steps points
+// dt apart, Angstrom), or the cell strained (2 n_steps + 1 strains dt apart); the
+// energies are fitted by polynomials whose slopes are compared with the forces or
+// the stress. Logs test_forces.log and test_stress.log end with a verdict.
+void ions_test_forces(box_type& box, ions_state_type& ions_state, i_algo_type& i_algo,
+                      elec_state_type* elec, elec_algo_type& elec_algo, hamiltonian_type& ham);
+void ions_test_stress(box_type& box, ions_state_type& ions_state, i_algo_type& i_algo,
+                      elec_state_type* elec, elec_algo_type& elec_algo, hamiltonian_type& ham);
+
 } // namespace lyrt
