@@ -3,11 +3,13 @@
 #include "base/error_module.hpp"
 #include "base/io_module.hpp"
 #include "base/timing_module.hpp"
+#include "diag/fast_module.hpp"
 #include "diag/forces_module.hpp"
 #include "diag/gs_module.hpp"
 #include "neighbours/pbc_module.hpp"
 #include "numerics/fitpoly.hpp"
 #include "numerics/random_module.hpp"
+#include "orbital/line_min_module.hpp"
 #include "parallel/mpi_module.hpp"
 #include "run/output_module.hpp"
 #include "system/constants_module.hpp"
@@ -161,10 +163,7 @@ void ions_main_loop(box_type& box, ions_state_type& ions_state, i_algo_type& i_a
     case ions_algo_test_stress:
         ions_test_stress(box, ions_state, i_algo, elec, elec_algo, ham);
         break;
-    case ions_algo_cg_relax:
-        fatal_error("this run type (ions_algo = " + std::to_string(i_algo.algo) +
-                        ") is not built yet",
-                    i_algo.algo, "ions_main_loop", mod);
+    case ions_algo_cg_relax: ions_cg_loop(box, ions_state, i_algo, elec, elec_algo, ham); break;
     default: break; // no motion: the final report shows the state read in
     }
     ions_state.final_call = -1;
@@ -564,6 +563,268 @@ void ions_test_stress(box_type& box, ions_state_type& ions_state, i_algo_type& i
     const double none[3][3] = {};
     apply_strain(box, a0, r0, none);
     i_algo.calc_stress = stress_asked;
+}
+
+// ---- conjugate-gradient relaxation ----------------------------------------------------
+
+namespace {
+
+constexpr double step_limit = 0.20000000298023224;   // Angstrom, single-precision 0.2
+constexpr double lambda_tol = 9.999999960041972e-13; // single-precision 1e-12
+constexpr int max_trials = 5;
+
+// The state of a relaxation that its steps and line searches share.
+struct cg_type {
+    box_type* box;
+    ions_state_type* ions_state;
+    i_algo_type* i_algo;
+    elec_state_type* elec;
+    elec_algo_type* elec_algo;
+    hamiltonian_type* ham;
+    farray<double, 2> h, frz, g, g_old, r0;
+};
+
+double largest_abs(const farray<double, 2>& a) {
+    double m = 0.0;
+    for (double v : a) m = std::max(m, std::fabs(v));
+    return m;
+}
+
+// The energy at the present positions; with forces in view (mode F) the
+// eigenvectors are computed too.
+double calc_ene(cg_type& cg, char mode) {
+    box_type& box = *cg.box;
+    if (debug > 1) {
+        int i, j;
+        double d;
+        pbc_min_dist_pair(box, i, j, d);
+        write_free(stdout_unit, {"MIN DIST=", d});
+    }
+    const bool saved = cg.elec_algo->eigen_vect;
+    cg.elec_algo->eigen_vect = cg.ham->tb_model->classical || mode == 'f' || mode == 'F';
+    refresh_lists(box);
+    gs_calc(box, *cg.ions_state, electrons_or_none(cg.elec), *cg.elec_algo, *cg.ham,
+            cg.i_algo->calc_elocal);
+    cg.elec_algo->eigen_vect = saved;
+    ions_calc_energies(*cg.ions_state, *cg.i_algo);
+    return cg.ions_state->e_pot;
+}
+
+// Caps a step so that no coordinate moves by more than 0.2 Angstrom.
+void check_lambda(double& lambda, double h_max) {
+    if (h_max * lambda > step_limit) {
+        if (debug > 1)
+            write_free(stdout_unit,
+                       {"lambda_trial =", lambda, "Trial step too large ... rescaling"});
+        lambda = step_limit / h_max;
+    }
+}
+
+// Positions r0 + lambda h.
+void move_along(cg_type& cg, double lambda) {
+    farray<double, 2>& r = cg.box->ions.r;
+    for (int i = 1; i <= cg.box->ions.total_n_ions; ++i)
+        for (int k = 1; k <= 3; ++k) r(k, i) = cg.r0(k, i) + lambda * cg.h(k, i);
+}
+
+void masked_forces(cg_type& cg) {
+    const ions_type& ions = cg.box->ions;
+    for (int i = 1; i <= ions.total_n_ions; ++i)
+        for (int k = 1; k <= 3; ++k) cg.g(k, i) = ions.f(k, i) * cg.frz(k, i);
+}
+
+void say(const fitem_list& items) {
+    if (i_am_master) write_free(stdout_unit, items);
+}
+
+} // namespace
+
+void ions_cg_loop(box_type& box, ions_state_type& ions_state, i_algo_type& i_algo,
+                  elec_state_type* elec, elec_algo_type& elec_algo, hamiltonian_type& ham) {
+    const char* proc = "ions_cg_loop";
+    const trace_guard trace(proc, mod);
+    ions_type& ions = box.ions;
+    const int n = ions.total_n_ions;
+    // A relaxation with nothing free has no direction to go (and would divide by 0).
+    if (ions.dof == 0)
+        fatal_error("every coordinate is frozen: there is nothing to relax", 0, proc, mod);
+    cg_type cg{&box, &ions_state, &i_algo, elec, &elec_algo, &ham, {}, {}, {}, {}, {}};
+    ca_real_2d(cg.h, 1, 3, 1, n, "h", proc, mod);
+    ca_real_2d(cg.frz, 1, 3, 1, n, "frz", proc, mod);
+    ca_real_2d(cg.g, 1, 3, 1, n, "g", proc, mod);
+    ca_real_2d(cg.g_old, 1, 3, 1, n, "g_old", proc, mod);
+    ca_real_2d(cg.r0, 1, 3, 1, n, "r0", proc, mod);
+    for (int i = 1; i <= n; ++i)
+        for (int k = 1; k <= 3; ++k) cg.frz(k, i) = ions.frozen(k, i) ? 0.0 : 1.0;
+    ions_state.first_step = ions_state.step;
+    const int last_step = ions_state.first_step + i_algo.n_steps;
+    elec_algo.algo = elec_algo.gs;
+    double e_pot = calc_ene(cg, 'F');
+    elec_state_type& e = electrons_or_none(elec);
+    forces_calc(ham, ions, box, i_algo, e, elec_algo);
+    masked_forces(cg);
+    double g2 = trace_ab_mat(cg.g, cg.g);
+    ions_state.step_seconds = 0.0;
+    print_system_status(box, ions_state, i_algo, elec, elec_algo, *ham.tb_model, report_unit);
+    elec_algo.algo = elec_algo.md;
+    bool force_sd = false;
+    std::vector<double> e_hist, lambda_hist;
+    for (;;) {
+        const double step_start = timeofday();
+        double delta_e_pot = std::pow(largest_abs(cg.g), 2);
+        const bool restart =
+            i_algo.cg_restart_freq <= 0 ? false : ions_state.step % i_algo.cg_restart_freq == 0;
+        double gamma = 0.0;
+        if (ions_state.step > ions_state.first_step + 1 && !restart && !force_sd) {
+            const double g2_old = g2;
+            const double t = trace_ab_mat(cg.g, cg.g_old);
+            gamma = (g2 - t) / g2_old;
+            for (int i = 1; i <= n; ++i)
+                for (int k = 1; k <= 3; ++k) cg.h(k, i) = cg.g(k, i) + gamma * cg.h(k, i);
+        } else {
+            for (int i = 1; i <= n; ++i)
+                for (int k = 1; k <= 3; ++k) cg.h(k, i) = cg.g(k, i);
+        }
+        force_sd = false;
+        double de_dl = -trace_ab_mat(cg.g, cg.h);
+        if (de_dl > 0.0) {
+            for (int i = 1; i <= n; ++i)
+                for (int k = 1; k <= 3; ++k) cg.h(k, i) = cg.g(k, i);
+            de_dl = -g2;
+        }
+        if (debug > 0) say({"gamma=", gamma, "delta_e_pot =", delta_e_pot});
+        const double h_max = largest_abs(cg.h);
+        double lambda_trial = -2.0 * h_max * h_max / de_dl;
+        const double e_pot_0 = e_pot;
+        for (int i = 1; i <= n; ++i)
+            for (int k = 1; k <= 3; ++k) {
+                cg.r0(k, i) = ions.r(k, i);
+                cg.g_old(k, i) = cg.g(k, i);
+            }
+        e_hist.assign(1, e_pot_0);
+        lambda_hist.assign(1, 0.0);
+        int n_trial = 0;
+        double lambda_min = 0.0, e_min_estim = 0.0;
+        // The lowest trial point, after max_trials trials that did not settle the line.
+        auto take_lowest = [&](bool check, const char* wording) {
+            std::size_t best = 1;
+            for (std::size_t k = 2; k < e_hist.size(); ++k)
+                if (e_hist[k] < e_hist[best]) best = k;
+            e_min_estim = e_hist[best];
+            lambda_min = lambda_hist[best];
+            if (e_hist[0] < e_min_estim) fatal_error("CG min for ions failed", -1, proc, mod);
+            lambda_trial = lambda_min;
+            move_along(cg, lambda_trial);
+            e_pot = calc_ene(cg, 'F');
+            say({wording, lambda_trial, ")=", e_pot});
+            // Energies with and without eigenvectors differ by rounding alone.
+            if (check &&
+                std::fabs(e_min_estim - e_pot) > lambda_tol * std::max(1.0, std::fabs(e_pot)))
+                fatal_error("Lambda", -1, proc, mod);
+        };
+        for (;;) {
+            ++n_trial;
+            check_lambda(lambda_trial, h_max);
+            say({"de_dl       =", de_dl, "lambda_trial =", lambda_trial});
+            move_along(cg, lambda_trial);
+            const double e_pot_1 = calc_ene(cg, 'E');
+            lambda_hist.push_back(lambda_trial);
+            e_hist.push_back(e_pot_1);
+            std::array<double, 3> c{};
+            min_quadratic_two_pts(0.0, lambda_trial, e_pot_0, e_pot_1, de_dl, lambda_min,
+                                  e_min_estim, c);
+            say({"lambda_min  =", lambda_min});
+            say({"e(0)        =", e_pot_0});
+            say({"e(trial)    =", e_pot_1});
+            say({"e(min_estim)=", e_min_estim});
+            if (lambda_min <= 0.0) {
+                if (n_trial >= max_trials) {
+                    take_lowest(false, "taknig the lowest energy e(l=");
+                    break;
+                }
+                lambda_trial *= 2.0;
+                say({"increasing lambda, new trial"});
+                continue;
+            }
+            check_lambda(lambda_min, h_max);
+            move_along(cg, lambda_min);
+            e_pot = calc_ene(cg, 'F');
+            say({"e(min_real) =", e_pot});
+            if (e_pot_1 < e_pot_0) {
+                say({"e_pot_0=", e_pot_0, " > e_pot_1=", e_pot_1});
+                say({lambda_trial >= lambda_min ? " interpolation" : " extrapolation"});
+                if (e_pot < e_pot_1) {
+                    say({"e_pot_1 > e_pot=", e_pot});
+                } else {
+                    move_along(cg, lambda_trial);
+                    e_pot = calc_ene(cg, 'F');
+                    say({"accept the trial step, e_pot=", e_pot});
+                }
+                break;
+            }
+            say({"e_pot_0 < e_pot_1", e_pot_0, e_pot_1});
+            if (lambda_trial >= lambda_min) {
+                say({" interpolation"});
+                if (e_pot < e_pot_0) {
+                    say({"e_pot_0 > e_pot=", e_pot});
+                    break;
+                }
+                lambda_trial = 0.5 * lambda_min;
+                if (n_trial >= max_trials) {
+                    take_lowest(true, "taking the lowest energy e(l=");
+                    break;
+                }
+            } else {
+                say({" extrapolation (shouldn't occur)"});
+                warning_error("Extrapolation with E(0) < E(trial lambda) !", proc, mod);
+                if (e_pot < e_pot_1) {
+                    say({"e_pot_1 > e_pot=", e_pot, "(that's all we ask)."});
+                    break;
+                }
+                lambda_trial *= 0.5;
+                if (n_trial >= max_trials) {
+                    take_lowest(false, "taking the lowest energy e(l=");
+                    break;
+                }
+            }
+            say({"decreasing lambda, new trial"});
+        }
+        forces_calc(ham, ions, box, i_algo, e, elec_algo);
+        masked_forces(cg);
+        g2 = trace_ab_mat(cg.g, cg.g);
+        const double overlap = g2 > 0.0 ? trace_ab_mat(cg.g, cg.h) / std::sqrt(g2) : 0.0;
+        say({"<h_old|g_new> = ", overlap, "(should very small)"});
+        if (std::fabs(overlap) > 0.1) {
+            say({"Line min too poor, doing SD next step."});
+            force_sd = true;
+        }
+        delta_e_pot = e_pot_0 - e_pot;
+        if (delta_e_pot < 0.0 && std::fabs(delta_e_pot) > 1e-10)
+            fatal_error("dE < 0.0 ! CG min for ions failed", -1, proc, mod);
+        const double max_force_now = largest_abs(cg.g);
+        bool done = false;
+        if (ions_state.step + 1 >= last_step) {
+            say({"Maximum # of steps reached"});
+            done = true;
+        }
+        if (i_algo.delta_e > std::fabs(delta_e_pot)) {
+            say({"Energy tolerance reached"});
+            done = true;
+        }
+        if (i_algo.max_force > max_force_now) {
+            say({"Force tolerance reached"});
+            done = true;
+        }
+        ions_state.step += 1;
+        ions_state.step_seconds = timeofday() - step_start;
+        if (done) break;
+        print_system_status(box, ions_state, i_algo, elec, elec_algo, *ham.tb_model, report_unit);
+    }
+    cd_real_2d(cg.h, "h", proc, mod);
+    cd_real_2d(cg.frz, "frz", proc, mod);
+    cd_real_2d(cg.g, "g", proc, mod);
+    cd_real_2d(cg.g_old, "g_old", proc, mod);
+    cd_real_2d(cg.r0, "r0", proc, mod);
 }
 
 } // namespace lyrt

@@ -50,4 +50,11 @@ void ions_test_forces(box_type& box, ions_state_type& ions_state, i_algo_type& i
 void ions_test_stress(box_type& box, ions_state_type& ions_state, i_algo_type& i_algo,
                       elec_state_type* elec, elec_algo_type& elec_algo, hamiltonian_type& ham);
 
+// Relaxation of the ions by conjugate gradients with a line search on a parabola
+// through the energy and slope at the start and one trial point (at most five
+// trials a line); it stops at n_steps, the energy tolerance ions_delta_e or the
+// force tolerance ions_max_force.
+void ions_cg_loop(box_type& box, ions_state_type& ions_state, i_algo_type& i_algo,
+                  elec_state_type* elec, elec_algo_type& elec_algo, hamiltonian_type& ham);
+
 } // namespace lyrt
