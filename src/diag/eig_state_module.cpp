@@ -482,6 +482,12 @@ void eig_forces_dm(hamiltonian_type& ham, ions_type& ions, const box_type& box, 
 
 // ---- stress -----------------------------------------------------------------------
 
+void eig_stress_r(const hamiltonian_type& ham, const farray<double, 2>& psi_t, const double* alpha,
+                  const double* beta, bool on_site, double* sig3) {
+    stress_diag_r(ham, psi_t, alpha, ham.dh_ab, on_site ? &ham.dh_aa : nullptr, 1.0, sig3);
+    if (beta != nullptr) stress_diag_r(ham, psi_t, beta, ham.ds_ab, nullptr, 1.0, sig3);
+}
+
 void eig_stress(hamiltonian_type& ham, ions_type& ions, box_type& box, eig_state_type& eig) {
     const char* proc = "eig_stress";
     const trace_guard trace(proc, mod);
@@ -515,10 +521,8 @@ void eig_stress(hamiltonian_type& ham, ions_type& ions, box_type& box, eig_state
             for (int j = 1; j <= ns; ++j) psi_t(j, r) = eig.psi(r, j);
         for (const int c : {1, 4}) {
             calc_hs_grad_real(ham, ions, box, "B", c == 1 ? "D" : "O");
-            stress_diag_r(ham, psi_t, &eig.alpha(1, k), ham.dh_ab, on_site ? &ham.dh_aa : nullptr,
-                          1.0, &sig[c - 1]);
-            if (non_orth)
-                stress_diag_r(ham, psi_t, &eig.beta(1, k), ham.ds_ab, nullptr, 1.0, &sig[c - 1]);
+            eig_stress_r(ham, psi_t, &eig.alpha(1, k), non_orth ? &eig.beta(1, k) : nullptr,
+                         on_site, &sig[c - 1]);
         }
     }
     cd_real_2d(psi_t, "psi_t", proc, mod);

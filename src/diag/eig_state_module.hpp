@@ -83,6 +83,10 @@ void eig_forces_dm(hamiltonian_type& ham, ions_type& ions, const box_type& box, 
 void setup_dh_dm_r(const hamiltonian_type& ham, const farray<double, 2>& psi, const double* w,
                    farray<double, 2>& dm, farray<double, 1>* dm_diag);
 
+// Three stress components of one k-point: the H gradients with the weights alpha
+// (and the on-site gradients), the S gradients with beta for a non-orthogonal model.
+void eig_stress_r(const hamiltonian_type& ham, const farray<double, 2>& psi_t, const double* alpha,
+                  const double* beta, bool on_site, double* sig3);
 // The electronic stress from the states and the strain gradients of H and S:
 // the symmetric tensor into box.cell.sig, eV/Angstrom^3.
 void eig_stress(hamiltonian_type& ham, ions_type& ions, box_type& box, eig_state_type& eig);

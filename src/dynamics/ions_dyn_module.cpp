@@ -637,6 +637,25 @@ void say(const fitem_list& items) {
     if (i_am_master) write_free(stdout_unit, items);
 }
 
+// The energy at r0 + lambda h (the function of the bracket-and-golden search).
+double func(cg_type& cg, double lambda) {
+    move_along(cg, lambda);
+    const double e = calc_ene(cg, 'E');
+    say({" e=", e, "l=", lambda});
+    return e;
+}
+
+// A bracket of the minimum along h from 0 and lambda, as three abscissas.
+void cg_mnbrak(cg_type& cg, double& ax, double& bx, double& cx, double& fa, double& fb,
+               double& fc) {
+    mnbrak(ax, bx, cx, fa, fb, fc, [&](double l) { return func(cg, l); });
+}
+
+double cg_golden(cg_type& cg, double ax, double bx, double cx, double tol, double& x_min) {
+    return golden(
+        ax, bx, cx, [&](double l) { return func(cg, l); }, tol, x_min);
+}
+
 } // namespace
 
 void ions_cg_loop(box_type& box, ions_state_type& ions_state, i_algo_type& i_algo,
@@ -825,6 +844,20 @@ void ions_cg_loop(box_type& box, ions_state_type& ions_state, i_algo_type& i_alg
     cd_real_2d(cg.g, "g", proc, mod);
     cd_real_2d(cg.g_old, "g_old", proc, mod);
     cd_real_2d(cg.r0, "r0", proc, mod);
+}
+
+double line_min(box_type& box, ions_state_type& ions_state, i_algo_type& i_algo,
+                elec_state_type* elec, elec_algo_type& elec_algo, hamiltonian_type& ham,
+                const farray<double, 2>& r0, const farray<double, 2>& h, double lambda_trial,
+                double tol) {
+    cg_type cg{&box, &ions_state, &i_algo, elec, &elec_algo, &ham, h.copy(), {}, {}, {}, r0.copy()};
+    double ax = 0.0, bx = lambda_trial, cx = 0.0, fa = 0.0, fb = 0.0, fc = 0.0;
+    cg_mnbrak(cg, ax, bx, cx, fa, fb, fc);
+    double x_min = bx;
+    cg_golden(cg, ax, bx, cx, tol, x_min);
+    move_along(cg, x_min);
+    calc_ene(cg, 'F');
+    return x_min;
 }
 
 } // namespace lyrt

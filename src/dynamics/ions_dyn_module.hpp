@@ -57,4 +57,12 @@ void ions_test_stress(box_type& box, ions_state_type& ions_state, i_algo_type& i
 void ions_cg_loop(box_type& box, ions_state_type& ions_state, i_algo_type& i_algo,
                   elec_state_type* elec, elec_algo_type& elec_algo, hamiltonian_type& ham);
 
+// The bracket-and-golden-section line search along h from the positions r0 (an
+// alternative to the parabola of ions_cg_loop, which does not call it): leaves the
+// ions at the minimum found, with its ground state, and returns its lambda.
+double line_min(box_type& box, ions_state_type& ions_state, i_algo_type& i_algo,
+                elec_state_type* elec, elec_algo_type& elec_algo, hamiltonian_type& ham,
+                const farray<double, 2>& r0, const farray<double, 2>& h, double lambda_trial,
+                double tol);
+
 } // namespace lyrt

@@ -103,6 +103,15 @@ TEST_F(StrainedSystem, SiliconStressIsMinusTheStrainDerivative) {
     check(1e-5, "Si 8 triclinic, rattled");
 }
 
+TEST_F(StrainedSystem, ExpandedSiliconStress) {
+    std::string pos = si8_rattled;
+    pos.replace(pos.find("a_1 = 5.30 0 0"), 14, "a_1 = 5.60 0 0");
+    pos.replace(pos.find("a_2 = 0.1 5.35 0"), 16, "a_2 = 0.1 5.62 0");
+    pos.replace(pos.find("a_3 = 0.05 -0.1 5.42"), 20, "a_3 = 0.05 -0.1 5.65");
+    set_up(pos, one_species_file(read_species_set("Si")), 32, 16, 32.0, 0.0);
+    check(1e-5, "Si 8 expanded");
+}
+
 const char* fcc4_rattled(double a) {
     static std::string text;
     text = "number_of_ions = 4\na0 = " + std::to_string(a) +
@@ -134,6 +143,35 @@ TEST_F(StrainedSystem, StressWithThePairPotential) {
     s.model.pair_pot_used = true;
     check(1e-5, "Si 8 with the pair potential");
     EXPECT_GT(st.e_pair, 0.1); // the pair term takes part
+}
+
+// The routine that walks the stored lists alone gives the classical stress of the
+// pair loop wherever the pair potential ends within half the cell.
+TEST_F(StrainedSystem, ClassicalStressOfTheListsEqualsThatOfThePairLoop) {
+    species_set si = read_species_set("Si");
+    std::string file = one_species_file(si, 0, "NN00011");
+    file.insert(file.find(si.r0_l0) + si.r0_l0.size() + 1, "3.0 5.5\n"); // Bohr
+    std::string pos = "number_of_ions = 8\na_1 = 6.2 0 0\na_2 = 0 6.3 0\na_3 = 0 0 6.1\n"
+                      "positions = cartesian\n";
+    const double x[8][3] = {{0.1, 0.2, 0.1}, {2.3, 0.1, 0.3}, {0.2, 2.4, 0.2}, {2.2, 2.2, 0.1},
+                            {0.1, 0.3, 2.4}, {2.4, 0.2, 2.2}, {0.3, 2.3, 2.3}, {2.3, 2.4, 2.5}};
+    for (const auto& p : x)
+        pos +=
+            std::to_string(p[0]) + " " + std::to_string(p[1]) + " " + std::to_string(p[2]) + "\n";
+    model_system m;
+    build_system(m, dir, pos, file, 2.95);
+    farray<double, 2> a, b;
+    a.allocate({1, 1}, {3, 3});
+    b.allocate({1, 1}, {3, 3});
+    calc_classical_forces(m.box, m.box.ions, m.model, &a);
+    calc_classical_stress(m.box, m.box.ions, m.model, b);
+    double biggest = 0.0;
+    for (int i = 1; i <= 3; ++i)
+        for (int j = 1; j <= 3; ++j) {
+            EXPECT_NEAR(b(i, j), a(i, j), 1e-12 * (1 + std::fabs(a(i, j)))) << i << j;
+            biggest = std::max(biggest, std::fabs(a(i, j)));
+        }
+    EXPECT_GT(biggest, 1e-3);
 }
 
 // The unrolled kernels sum what the general loop sums.

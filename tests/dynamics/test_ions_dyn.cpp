@@ -92,4 +92,50 @@ TEST_F(BoostedForces, FactorScalesTheBandForcesOfBoostedIonsOnly) {
     EXPECT_GT(std::fabs(plain(1, 2)) + std::fabs(plain(2, 2)) + std::fabs(plain(3, 2)), 1e-3);
 }
 
+// The bracket-and-golden line search finds the minimum of the energy along the
+// forces: lower than at its start and than a little either side of it.
+TEST_F(BoostedForces, GoldenLineSearchFindsTheMinimumAlongTheForces) {
+    model_system s;
+    build_system(s, dir,
+                 "number_of_ions = 8\na0 = 5.431\na_1 = 1 0 0\na_2 = 0 1 0\na_3 = 0 0 1\n"
+                 "positions\n0.03 0 0.02\n0 0.5 0.5\n0.5 0.01 0.5\n0.5 0.5 0\n"
+                 "0.25 0.27 0.25\n0.25 0.75 0.75\n0.75 0.25 0.72\n0.75 0.75 0.25\n",
+                 one_species_file(read_species_set("Si")));
+    kpt_type kpt;
+    kpt.n_k = 1;
+    kpt.weight.allocate({1}, {1});
+    kpt.weight(1) = 1.0;
+    kpt.k_cart.allocate({1, 1}, {3, 1});
+    eig_state_type eig;
+    eig_state_allocate(eig, 32, 16, 32.0, 1, 1, true, 'V', kpt);
+    scc_type scc;
+    scc_model_init(scc, s.box.ions, false, false);
+    elec_state_type elec;
+    elec.eig = &eig;
+    elec.scc = &scc;
+    elec_algo_type ea;
+    i_algo_type ia;
+    ions_state_type st;
+    st.ions = &s.box.ions;
+    st.box = &s.box;
+    gs_calc(s.box, st, elec, ea, s.ham, false);
+    const double e0 = st.e_pot;
+    forces_calc(s.ham, s.box.ions, s.box, ia, elec, ea);
+    const farray<double, 2> r0 = s.box.ions.r.copy(), h = s.box.ions.f.copy();
+    testing::internal::CaptureStdout();
+    const double l = line_min(s.box, st, ia, &elec, ea, s.ham, r0, h, 0.01, 1e-4);
+    testing::internal::GetCapturedStdout();
+    const double e_min = st.e_pot;
+    EXPECT_GT(l, 0.0);
+    EXPECT_LT(e_min, e0 - 1e-3);
+    // The energy a step either side is no lower.
+    for (double d : {-0.02 * l, 0.02 * l}) {
+        for (int i = 1; i <= 8; ++i)
+            for (int k = 1; k <= 3; ++k) s.box.ions.r(k, i) = r0(k, i) + (l + d) * h(k, i);
+        rebuild(s);
+        gs_calc(s.box, st, elec, ea, s.ham, false);
+        EXPECT_GE(st.e_pot, e_min - 1e-9) << d;
+    }
+}
+
 } // namespace
