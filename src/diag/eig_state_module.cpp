@@ -435,26 +435,35 @@ void setup_dh_dm_r(const hamiltonian_type& ham, const farray<double, 2>& psi, co
     cd_real_2d(d, "density_matrix", proc, mod);
 }
 
+namespace {
+
+// The weight of state i at k-point k in the derivatives of the band energy: twice
+// the k weight times the occupation, and with smearing the response of the
+// occupations at a fixed electron count.
+double derivative_weight(const eig_state_type& eig, int i, int k) {
+    const double sigma = eig.kpt->sigma, wk = eig.kpt->weight(k);
+    if (sigma <= 0.0) return 2.0 * wk;
+    double ratio = 0.0;
+    if (std::fabs(eig.dn_sum) >= 1e-08) ratio = eig.de_sum / eig.dn_sum;
+    return 2.0 * wk *
+           (eig.occ(i, k) + eig.en_i(i, k) * eig.docc(i, k) / sigma - eig.docc(i, k) * ratio);
+}
+
+} // namespace
+
 void eig_forces_dm(hamiltonian_type& ham, ions_type& ions, const box_type& box, eig_state_type& eig,
                    bool /*calc_stress*/, double fboost, const scc_type* scc) {
     const char* proc = "eig_forces_dm";
     const trace_guard trace(proc, mod);
     const int nk = n_kpt(eig), ns = eig.n_states;
     const bool non_orth = ham.tb_model->non_orthogonal;
-    const double sigma = eig.kpt->sigma;
     farray<double, 2> wf, wen, dm;
     ca_real_2d(wf, 1, ns, 1, nk, "wf", proc, mod);
     ca_real_2d(wen, 1, ns, 1, nk, "wen", proc, mod);
-    double ratio = 0.0;
-    if (sigma > 0.0 && std::fabs(eig.dn_sum) >= 1e-08) ratio = eig.de_sum / eig.dn_sum;
     for (int k = 1; k <= nk; ++k)
         for (int j = 1; j <= eig.col_pdist.l_n; ++j) {
             const int i = eig.col_pdist.l2g(j);
-            const double wk = eig.kpt->weight(k);
-            wf(j, k) = sigma <= 0.0 ? 2.0 * wk
-                                    : 2.0 * wk *
-                                          (eig.occ(i, k) + eig.en_i(i, k) * eig.docc(i, k) / sigma -
-                                           eig.docc(i, k) * ratio);
+            wf(j, k) = derivative_weight(eig, i, k);
             wen(j, k) = non_orth ? -eig.en_i(i, k) * wf(j, k) : 0.0;
         }
     ions.f.fill(0.0);
@@ -494,22 +503,17 @@ void eig_stress(hamiltonian_type& ham, ions_type& ions, box_type& box, eig_state
     const int nk = n_kpt(eig), ns = eig.n_states;
     const bool non_orth = ham.tb_model->non_orthogonal;
     const double sigma = eig.kpt->sigma;
-    double ratio = 0.0;
-    if (sigma > 0.0 && std::fabs(eig.dn_sum) >= 1e-08) ratio = eig.de_sum / eig.dn_sum;
     for (int k = 1; k <= nk; ++k)
         for (int j = 1; j <= eig.col_pdist.l_n; ++j) {
             const int i = eig.col_pdist.l2g(j);
-            const double wk = eig.kpt->weight(k);
-            if (sigma <= 0.0) {
-                eig.alpha(j, k) = 2.0 * wk;
-                // Without smearing the weight of the k-point is not in beta.
-                eig.beta(j, k) = non_orth ? -2.0 * eig.en_i(i, k) : 0.0;
-            } else {
-                eig.alpha(j, k) = 2.0 * wk *
-                                  (eig.occ(i, k) + eig.en_i(i, k) * eig.docc(i, k) / sigma -
-                                   eig.docc(i, k) * ratio);
-                eig.beta(j, k) = non_orth ? -eig.en_i(i, k) * eig.alpha(j, k) : 0.0;
-            }
+            eig.alpha(j, k) = derivative_weight(eig, i, k);
+            // Without smearing the weight of the k-point is not in beta.
+            if (!non_orth)
+                eig.beta(j, k) = 0.0;
+            else if (sigma <= 0.0)
+                eig.beta(j, k) = -2.0 * eig.en_i(i, k);
+            else
+                eig.beta(j, k) = -eig.en_i(i, k) * eig.alpha(j, k);
         }
     double sig[6] = {0, 0, 0, 0, 0, 0};
     const bool on_site = ham.tb_model->on_site_env;

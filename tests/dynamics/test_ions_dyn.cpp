@@ -50,34 +50,41 @@ TEST(HyperDynamics, FactorIsTheDerivativeOfTheBoostedEnergy) {
     EXPECT_NEAR(below.time_factor, std::exp(27.0 * k_b_inverse / t), 1e-9 * below.time_factor);
 }
 
-class BoostedForces : public lyrt_test::program_test {};
+// Silicon 8 with its electronic records, for the routines that need a ground state.
+class BoostedForces : public lyrt_test::program_test {
+  protected:
+    void set_up(const std::string& positions) {
+        build_system(s, dir,
+                     "number_of_ions = 8\na0 = 5.431\na_1 = 1 0 0\na_2 = 0 1 0\na_3 = 0 0 1\n"
+                     "positions\n" +
+                         positions,
+                     one_species_file(read_species_set("Si")));
+        kpt.n_k = 1;
+        kpt.weight.allocate({1}, {1});
+        kpt.weight(1) = 1.0;
+        kpt.k_cart.allocate({1, 1}, {3, 1});
+        eig_state_allocate(eig, 32, 16, 32.0, 1, 1, true, 'V', kpt);
+        scc_model_init(scc, s.box.ions, false, false);
+        elec.eig = &eig;
+        elec.scc = &scc;
+        st.ions = &s.box.ions;
+        st.box = &s.box;
+    }
+    model_system s;
+    kpt_type kpt;
+    eig_state_type eig;
+    scc_type scc;
+    elec_state_type elec;
+    elec_algo_type ea;
+    i_algo_type ia;
+    ions_state_type st;
+};
 
 // The boost multiplies the band forces of the boosted ions by the factor and
 // leaves every other ion alone.
 TEST_F(BoostedForces, FactorScalesTheBandForcesOfBoostedIonsOnly) {
-    model_system s;
-    build_system(s, dir,
-                 "number_of_ions = 8\na0 = 5.431\na_1 = 1 0 0\na_2 = 0 1 0\na_3 = 0 0 1\n"
-                 "positions\n0.01 0 0.02\n0 0.5 0.5\n0.5 0.01 0.5\n0.5 0.5 0\n"
-                 "0.25 0.26 0.25\n0.25 0.75 0.75\n0.75 0.25 0.74\n0.75 0.75 0.25\n",
-                 one_species_file(read_species_set("Si")));
-    kpt_type kpt;
-    kpt.n_k = 1;
-    kpt.weight.allocate({1}, {1});
-    kpt.weight(1) = 1.0;
-    kpt.k_cart.allocate({1, 1}, {3, 1});
-    eig_state_type eig;
-    eig_state_allocate(eig, 32, 16, 32.0, 1, 1, true, 'V', kpt);
-    scc_type scc;
-    scc_model_init(scc, s.box.ions, false, false);
-    elec_state_type elec;
-    elec.eig = &eig;
-    elec.scc = &scc;
-    elec_algo_type ea;
-    i_algo_type ia;
-    ions_state_type st;
-    st.ions = &s.box.ions;
-    st.box = &s.box;
+    set_up("0.01 0 0.02\n0 0.5 0.5\n0.5 0.01 0.5\n0.5 0.5 0\n0.25 0.26 0.25\n0.25 0.75 0.75\n"
+           "0.75 0.25 0.74\n0.75 0.75 0.25\n");
     s.box.ions.boost(2) = s.box.ions.boost(5) = true;
     gs_calc(s.box, st, elec, ea, s.ham, true);
     forces_calc(s.ham, s.box.ions, s.box, ia, elec, ea, 1.0);
@@ -95,29 +102,8 @@ TEST_F(BoostedForces, FactorScalesTheBandForcesOfBoostedIonsOnly) {
 // The bracket-and-golden line search finds the minimum of the energy along the
 // forces: lower than at its start and than a little either side of it.
 TEST_F(BoostedForces, GoldenLineSearchFindsTheMinimumAlongTheForces) {
-    model_system s;
-    build_system(s, dir,
-                 "number_of_ions = 8\na0 = 5.431\na_1 = 1 0 0\na_2 = 0 1 0\na_3 = 0 0 1\n"
-                 "positions\n0.03 0 0.02\n0 0.5 0.5\n0.5 0.01 0.5\n0.5 0.5 0\n"
-                 "0.25 0.27 0.25\n0.25 0.75 0.75\n0.75 0.25 0.72\n0.75 0.75 0.25\n",
-                 one_species_file(read_species_set("Si")));
-    kpt_type kpt;
-    kpt.n_k = 1;
-    kpt.weight.allocate({1}, {1});
-    kpt.weight(1) = 1.0;
-    kpt.k_cart.allocate({1, 1}, {3, 1});
-    eig_state_type eig;
-    eig_state_allocate(eig, 32, 16, 32.0, 1, 1, true, 'V', kpt);
-    scc_type scc;
-    scc_model_init(scc, s.box.ions, false, false);
-    elec_state_type elec;
-    elec.eig = &eig;
-    elec.scc = &scc;
-    elec_algo_type ea;
-    i_algo_type ia;
-    ions_state_type st;
-    st.ions = &s.box.ions;
-    st.box = &s.box;
+    set_up("0.03 0 0.02\n0 0.5 0.5\n0.5 0.01 0.5\n0.5 0.5 0\n0.25 0.27 0.25\n0.25 0.75 0.75\n"
+           "0.75 0.25 0.72\n0.75 0.75 0.25\n");
     gs_calc(s.box, st, elec, ea, s.ham, false);
     const double e0 = st.e_pot;
     forces_calc(s.ham, s.box.ions, s.box, ia, elec, ea);
