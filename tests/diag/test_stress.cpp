@@ -2,6 +2,7 @@
 // unrolled contraction kernels against their general loop.
 #include "../model/model_support.hpp"
 #include "diag/acum_delem_module_1.hpp"
+#include "diag/eig_state_module.hpp"
 #include "diag/forces_module.hpp"
 #include "diag/gs_module.hpp"
 #include "test_support.hpp"
@@ -197,6 +198,49 @@ TEST_F(StrainedSystem, KernelsAgreeWithTheGeneralLoop) {
             EXPECT_NE(b[d], 0.0) << name;
         }
     }
+}
+
+// The blocks of the density matrix that the forces read, formed by rank-k updates
+// over the states with weight, equal sum_s w_s psi(a, s) psi(b, s) summed by hand,
+// with weights of both signs and some states without weight, in a two-species cell.
+TEST_F(StrainedSystem, DensityMatrixBlocksEqualTheSumOverStates) {
+    std::string pos = fcc4_rattled(3.8);
+    pos.replace(pos.find("number_of_ions = 4"), 18, "number_of_ions = 3 1");
+    model_system m;
+    build_system(m, dir, pos,
+                 read_text(std::filesystem::path(LYRT_SOURCE_DIR) / "tests/data/CuAu.tbparam"));
+    const int n = m.ham.desc.n_dim, ns = 20;
+    farray<double, 2> psi;
+    psi.allocate({1, 1}, {n, ns});
+    std::vector<double> w(static_cast<std::size_t>(ns));
+    for (int j = 1; j <= ns; ++j) {
+        w[static_cast<std::size_t>(j - 1)] = j % 5 == 0 ? 0.0 : (j % 3 == 0 ? -0.7 : 2.0 / j);
+        for (int r = 1; r <= n; ++r) psi(r, j) = std::cos(0.41 * j * r + 0.2 * r);
+    }
+    farray<double, 2> dm;
+    dm.allocate({1, 1}, {m.ham.desc.u_n_dim, m.ham.desc.row_pdist->max_l_n});
+    farray<double, 1> diag;
+    diag.allocate({1}, {n});
+    setup_dh_dm_r(m.ham, psi, w.data(), dm, &diag);
+    const auto& sd = m.ham.desc;
+    auto by_hand = [&](int a, int b) {
+        double x = 0.0;
+        for (int j = 1; j <= ns; ++j)
+            x += w[static_cast<std::size_t>(j - 1)] * psi(a, j) * psi(b, j);
+        return x;
+    };
+    for (int il = 1; il <= sd.row_pdist->l_n; ++il) {
+        const int ig = sd.row_pdist->l2g(il);
+        const int no = sd.row_block_dim(ig), row0 = sd.row_block_offset(ig);
+        for (int jb = 1; jb <= sd.n_blocks(ig); ++jb) {
+            const int c0 = sd.sblock_offset(jb, ig), no2 = sd.pblock_dim(jb, ig);
+            int l = sd.ublock_offset(jb, ig);
+            for (int b = 0; b < no2; ++b)
+                for (int a = 0; a < no; ++a, ++l)
+                    EXPECT_NEAR(dm(l, il), by_hand(row0 + a, c0 + b), 1e-12) << ig << " " << jb;
+        }
+    }
+    for (int r = 1; r <= n; ++r) EXPECT_NEAR(diag(r), by_hand(r, r), 1e-12) << r;
 }
 
 } // namespace
