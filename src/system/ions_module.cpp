@@ -12,6 +12,7 @@
 #include "system/setlat.hpp"
 
 #include <cmath>
+#include <cstdio>
 #include <limits>
 #include <numbers>
 
@@ -570,7 +571,10 @@ void ions_save_state(const ions_state_type& ions_state, const i_algo_type& i_alg
                      std::string_view file) {
     const ions_type& ions = *ions_state.ions;
     const cell_type& cell = ions_state.box->cell;
-    unit_open(unit, std::string(file), "replace");
+    // Written under a temporary name and renamed into place: a run stopped while
+    // writing leaves the previous complete file.
+    const std::string name(file), partial = name + ".part";
+    unit_open(unit, partial, "replace");
     unit_rewind(unit);
     save_cell(unit, cell, 1, "");
     fitem_list counts{"number_of_ions = "};
@@ -609,6 +613,8 @@ void ions_save_state(const ions_state_type& ions_state, const i_algo_type& i_alg
     write_fmt(unit, "(a,3E25.16)",
               {"energies =", ions_state.e_kin_ref, ions_state.e_pot_ref, ions_state.e_tot_ref});
     unit_close(unit);
+    if (std::rename(partial.c_str(), name.c_str()) != 0)
+        warning_error("could not rename " + partial + " to " + name, "ions_save_state", mod);
 }
 
 // ---- starting state ---------------------------------------------------------------

@@ -159,6 +159,8 @@ TEST_F(PositionFiles, ContinuationFileRoundTrip) {
     state.box = &box;
     state.step = 17;
     ions_save_state(state, i_algo, cont_unit, "POSCONT");
+    // Written whole under another name and renamed: no partial file is left behind.
+    EXPECT_FALSE(std::filesystem::exists(dir / "POSCONT.part"));
     std::filesystem::copy_file(dir / "POSCONT", dir / "COPY");
 
     box_type back;
