@@ -3,6 +3,8 @@
 #include "base/error_module.hpp"
 #include "base/io_module.hpp"
 #include "base/timing_module.hpp"
+#include "kpm/kpm_module.hpp"
+#include "model/tb_hs_module.hpp"
 #include "neighbours/pbc_module.hpp"
 #include "parallel/mpi_module.hpp"
 
@@ -73,7 +75,8 @@ void forces_calc(hamiltonian_type& ham, ions_type& ions, box_type& box, const i_
     const double start = utime();
     const double boost = fboost ? *fboost : 1.0;
     const tb_model_type& model = *ham.tb_model;
-    if (!elec_algo.eigen_vect)
+    // The kernel polynomial method has no eigenvectors and needs none.
+    if (!elec_algo.eigen_vect && !(elec_algo.algo == elec_algo_kpm && !model.classical))
         fatal_error("The eigenvectors have not been calculated cannot compute forces", -1, proc,
                     mod);
     if (!model.classical) {
@@ -88,8 +91,12 @@ void forces_calc(hamiltonian_type& ham, ions_type& ions, box_type& box, const i_
             if (i_algo.calc_stress) eig_stress(ham, ions, box, *elec.eig);
             break;
         case elec_algo_kpm:
-            fatal_error("the kernel polynomial solver (elec_gs_algo = 4) is not built yet",
-                        elec_algo.algo, proc, mod);
+            calc_hs_grad_real(ham, ions, box);
+            kpm_calc_forces(*elec.kpm, ham, ions.f);
+            // The method has no electronic stress: what the report shows is the pair
+            // terms' alone.
+            if (i_algo.calc_stress) box.cell.sig.fill(0.0);
+            break;
         default: break;
         }
     }

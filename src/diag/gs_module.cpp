@@ -4,6 +4,7 @@
 #include "base/io_module.hpp"
 #include "base/timing_module.hpp"
 #include "diag/secular_module.hpp"
+#include "kpm/kpm_module.hpp"
 #include "model/tb_hs_module.hpp"
 #include "neighbours/pbc_module.hpp"
 #include "parallel/mpi_module.hpp"
@@ -45,9 +46,21 @@ void gs_calc(box_type& box, ions_state_type& ions_state, elec_state_type& elec,
                               calc_elocal, ions.e_local);
             elec.e = elec.eig->e_band;
             break;
-        case elec_algo_kpm:
-            fatal_error("the kernel polynomial solver (elec_gs_algo = 4) is not built yet",
-                        elec_algo.algo, proc, mod);
+        case elec_algo_kpm: {
+            calc_hs_real(ham, ions, box);
+            kpm_state_type& ks = *elec.kpm;
+            double e_fermi = 0.0;
+            if (elec_algo.n_moments > 0) {
+                kpm_calc_energy(ks, ham, elec.e, e_fermi);
+            } else {
+                // A negative count asks for a table of the energy against the number
+                // of moments, once; the energy of this step is that of all of them.
+                elec_algo.n_moments = -elec_algo.n_moments;
+                kpm_calc_energy(ks, ham, elec.e, e_fermi);
+                kpm_test_conv(ks, ham, 5, 5, elec.e, 80);
+            }
+            break;
+        }
         default: break;
         }
         ions_state.e_atoms = ham.e_atoms;

@@ -3,6 +3,7 @@
 #include "base/dlexlib.hpp"
 #include "base/error_module.hpp"
 #include "base/io_module.hpp"
+#include "kpm/kpm_module.hpp"
 #include "numerics/utility_module.hpp"
 #include "parallel/mpi_module.hpp"
 
@@ -260,6 +261,12 @@ void read_input(std::string_view file_name, elec_algo_type& elec_algo, i_algo_ty
     std::string kernel(1, elec_algo.kernel);
     read_string(f, "kernel", kernel, 1, std::string(1, de.kernel));
     elec_algo.kernel = kernel.empty() ? ' ' : kernel[0];
+    if (!kpm_kernel_known(elec_algo.kernel))
+        fatal_error("unknown kernel '" + kernel + "': use J (Jackson) or L (Lanczos)", -1,
+                    "read_input", mod);
+    if (elec_algo.kpm_block_size < 1)
+        fatal_error("kpm_block_size must be 1 or more (ions per chunk of the moments)",
+                    elec_algo.kpm_block_size, "read_input", mod);
     read_int(f, "n_h_dup", n_h_dup, n_proc);
     read_int(f, "status_output_freq", i_algo.status_output_freq, di.status_output_freq);
     read_int(f, "save_freq", i_algo.status_output_freq);
@@ -307,6 +314,27 @@ void read_input(std::string_view file_name, elec_algo_type& elec_algo, i_algo_ty
                         -1, "read_input", mod);
     }
 
+    if (elec_algo.gs == elec_algo_kpm || elec_algo.md == elec_algo_kpm) {
+        // The kernel polynomial method has a band energy, a Fermi level and forces;
+        // what needs eigenvectors or a stress it cannot give.
+        if (elec_algo.scc_used)
+            fatal_error("scc_used needs the eigenvectors of the dense solver (elec_gs_algo = 2 or "
+                        "3); the kernel polynomial solver has none",
+                        -1, "read_input", mod);
+        if (i_algo.calc_elocal)
+            fatal_error("local energies (calc_elocal, hyper_md) need the eigenvectors of the "
+                        "dense solver (elec_gs_algo = 2 or 3); the kernel polynomial solver has "
+                        "none",
+                        -1, "read_input", mod);
+        if (i_algo.algo == ions_algo_test_stress && i_algo.n_steps > 0)
+            fatal_error("the stress test needs an electronic stress, which the kernel polynomial "
+                        "solver does not have",
+                        -1, "read_input", mod);
+        if (i_algo.calc_stress)
+            warning_error("the kernel polynomial solver has no electronic stress: the stress "
+                          "reported holds the pair terms alone",
+                          "read_input", mod);
+    }
     f.known.emplace_back("save_to_file");
     if (i_am_master) {
         warn_unknown_keywords(f);

@@ -156,6 +156,16 @@ void print_system_def(int unit) {
         if (sys.i_algo.n_steps > 0)
             unit_write(unit, std::string("   During MD the groundstate will be calculated using ") +
                                  md_word(sys.elec_algo.md));
+        if (sys.elec_algo.gs == elec_algo_kpm || sys.elec_algo.md == elec_algo_kpm) {
+            write_free(unit, {"   Chebyshev moments = ", std::abs(sys.elec_algo.n_moments),
+                              ", kernel ", std::string(1, sys.elec_algo.kernel), ", ",
+                              sys.elec_algo.kpm_block_size, " ions per chunk"});
+            if (sys.elec_algo.kpm_emin == sys.elec_algo.kpm_emax)
+                unit_write(unit, "   Spectrum bounds will be searched");
+            else
+                write_free(unit, {"   Spectrum bounds = ", sys.elec_algo.kpm_emin,
+                                  sys.elec_algo.kpm_emax, " eV"});
+        }
         if (sys.elec_algo.gs == 0 || sys.elec_algo.md == 0) {
             write_fmt(unit, "(a,e9.3)",
                       {"   Electronic energy tolerance  = ", sys.elec_algo.energy_tol});
@@ -245,6 +255,9 @@ void print_ene(const ions_state_type& st, const i_algo_type& i_algo, const elec_
         line(" Fermi         Energy = ", elec->eig->e_fermi);
         line(" Energy gap           = ", elec->eig->e_gap);
     }
+    if (electrons && elec->kpm != nullptr &&
+        (elec_algo.gs == elec_algo_kpm || elec_algo.md == elec_algo_kpm))
+        line(" Fermi         Energy = ", elec->kpm->e_fermi);
     if (i_algo.hyper_md) {
         line(" Boost Pot     Energy = ", st.e_boost);
         line(" Boost factor         = ", st.time_factor);

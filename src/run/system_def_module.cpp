@@ -7,6 +7,8 @@
 #include "parallel/mpi_module.hpp"
 #include "system/constants_module.hpp"
 
+#include <cstdlib>
+
 namespace lyrt {
 
 system_def_type sys;
@@ -21,7 +23,8 @@ void init_system_ions() {
     sys.ions = &sys.box.ions;
     sys.ions_state.ions = &sys.box.ions;
     sys.ions_state.box = &sys.box;
-    init_random();
+    // The run's stream starts from its two seeds, so that a run can be repeated.
+    init_random(sys.i_algo.temp_seed[0], sys.i_algo.temp_seed[1]);
     constants_init();
     box_init(sys.box, sys.tb_model.r_cut, sys.elec_algo.lo_rad);
     box_calc_ic_list(sys.box);
@@ -105,9 +108,14 @@ void init_system_elec() {
                            sys.kpt);
         sys.elec_state->eig = &sys.eig_state;
     }
-    if (uses(elec_algo_kpm))
-        fatal_error("the kernel polynomial solver (elec_gs_algo = 4) is not built yet", 4, proc,
-                    mod);
+    if (uses(elec_algo_kpm)) {
+        // A negative count asks for a convergence table first; the expansion has |M| terms.
+        kpm_state_alloc(sys.kpm_state, std::abs(sys.elec_algo.n_moments));
+        kpm_state_init(sys.kpm_state, sys.ham, sys.elec_algo.kernel, sys.n_basis, sys.n_electrons,
+                       sys.elec_algo.no_ex, sys.elec_algo.kpm_block_size, sys.elec_algo.kpm_emin,
+                       sys.elec_algo.kpm_emax);
+        sys.elec_state->kpm = &sys.kpm_state;
+    }
     scc_model_init(sys.scc, *sys.ions, sys.elec_algo.scc_used,
                    uses(elec_algo_sd) || uses(elec_algo_cg));
     sys.elec_state->scc = &sys.scc;

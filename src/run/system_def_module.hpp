@@ -3,6 +3,7 @@
 #pragma once
 
 #include "diag/electrons_module.hpp"
+#include "kpm/kpm_module.hpp"
 #include "model/hamiltonian_module.hpp"
 #include "model/tb_model_module.hpp"
 #include "parallel/pdist_module.hpp"
@@ -25,6 +26,7 @@ struct system_def_type {
     tb_model_type tb_model;
     hamiltonian_type ham;
     eig_state_type eig_state;
+    kpm_state_type kpm_state;
     scc_type scc;
     kpt_type kpt;
     int n_states = 0;        // electronic states
