@@ -328,7 +328,8 @@ void kpm_test_conv(kpm_state_type& ks, hamiltonian_type& h, int m_start, int m_s
     const char* proc = "kpm_test_conv";
     const trace_guard trace(proc, mod);
     check_moments(ks.n, proc);
-    if (!ks.bounds_known) {
+    // Bounds the input gives stand, as they do for the energy.
+    if (ks.e_min == ks.e_max && !ks.bounds_known) {
         find_energy_bounds(h, std::max(1, ks.n_orb / 2), ks.e_min, ks.e_max, 1.0);
         ks.bounds_known = true;
         if (i_am_master)

@@ -1,0 +1,186 @@
+// Whole runs on the kernel polynomial solver: forces that are minus the gradient
+// of its energy for any moment count, forces that approach those of the dense
+// solver, the convergence table, bounds searched again when the spectrum leaves
+// them, dynamics that conserve energy, a relaxation, and the inputs it refuses.
+#include "run_support.hpp"
+#include "test_support.hpp"
+
+#include <algorithm>
+#include <cmath>
+#include <gtest/gtest.h>
+#include <sstream>
+
+namespace {
+
+using namespace lyrt_test;
+
+class KpmRuns : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        dir = fresh_dir(::testing::UnitTest::GetInstance()->current_test_info()->name());
+    }
+    std::filesystem::path dir;
+    // The orthogonal silicon model's spectrum lies within [-13, 11] eV for these cells:
+    // fixed bounds keep the energy one smooth function of the positions.
+    static std::string kpm(int moments, const std::string& extra = "") {
+        return "elec_gs_algo = 4\nn_moments = " + std::to_string(moments) +
+               "\nkpm_emin = -13\nkpm_emax = 11\n" + extra;
+    }
+};
+
+double largest_difference(const run_result& a, const run_result& b) {
+    double m = 0.0;
+    for (std::size_t i = 0; i < a.force.size(); ++i)
+        for (int k = 0; k < 3; ++k)
+            m = std::max(m, std::fabs(a.force[i][static_cast<std::size_t>(k)] -
+                                      b.force[i][static_cast<std::size_t>(k)]));
+    return m;
+}
+
+// The forces are the exact gradient of the truncated expansion: odd and even
+// moment counts, the shortest expansions, on-site terms (silicon) and nine
+// orbitals (copper).
+TEST_F(KpmRuns, ForcesAreMinusTheEnergyGradient) {
+    const auto si = shaken(diamond(5.43, 1), 0.08);
+    for (const int m : {1, 2, 21, 60})
+        check_forces(dir, "si" + std::to_string(m), cube(5.43), si, 1, kpm(m), tbparam("Si_orth"),
+                     2);
+    check_forces(dir, "cu", cube(3.25), shaken(fcc(3.25, 1), 0.06), 1,
+                 "elec_gs_algo = 4\nn_moments = 40\nkpm_emin = -35\nkpm_emax = 32\n",
+                 tbparam("Cu_orth"), 1);
+}
+
+// As the expansion grows the forces approach those of diagonalisation.
+TEST_F(KpmRuns, ForcesApproachTheDenseForces) {
+    const std::string pos = poslyrt(cube(5.43), shaken(diamond(5.43, 1), 0.08), 1);
+    const run_result exact = run_case(dir / "dense", pos, "", tbparam("Si_orth"));
+    ASSERT_EQ(exact.status, 0);
+    double last = 1e9;
+    for (const int m : {50, 200, 800}) {
+        const run_result r =
+            run_case(dir / ("m" + std::to_string(m)), pos, kpm(m), tbparam("Si_orth"));
+        ASSERT_EQ(r.status, 0);
+        const double diff = largest_difference(r, exact);
+        std::printf("moments %4d: largest force difference to diagonalisation %.3e eV/A, "
+                    "energy difference %.3e eV\n",
+                    m, diff, r.e_pot - exact.e_pot);
+        EXPECT_LT(diff, last);
+        last = diff;
+    }
+    EXPECT_LT(last, 2e-3);
+}
+
+TEST_F(KpmRuns, ConvergenceTableOnRequest) {
+    const std::string pos = poslyrt(cube(5.43), diamond(5.43, 1), 1);
+    const run_result table = run_case(dir / "table", pos, kpm(-30), tbparam("Si_orth"));
+    ASSERT_EQ(table.status, 0);
+    const run_result plain = run_case(dir / "plain", pos, kpm(30), tbparam("Si_orth"));
+    // The step's energy is that of all the moments.
+    EXPECT_NEAR(table.e_pot, plain.e_pot, 1e-9);
+    // One line per count 5, 10, ..., 30; the last is the run's own energy.
+    std::vector<std::string> rows;
+    for (const auto& l : read_lines(dir / "table" / "fort.80"))
+        if (!l.empty()) rows.push_back(l);
+    ASSERT_EQ(rows.size(), 6u);
+    std::istringstream last(rows.back());
+    int m = 0;
+    double e_sd, e_sf, err_sd, err_sf;
+    last >> m >> e_sd >> e_sf >> err_sd >> err_sf;
+    EXPECT_EQ(m, 30);
+    EXPECT_LT(err_sf, 1e-7);
+    EXPECT_GT(err_sd, 0.0); // the other damping differs at a finite count
+}
+
+// Bounds too narrow for the spectrum are searched again, with a warning, and the
+// run goes on to the energy it gets with searched bounds.
+TEST_F(KpmRuns, BoundsThatNoLongerHoldAreSearchedAgain) {
+    const std::string pos = poslyrt(cube(5.43), shaken(diamond(5.43, 1), 0.05), 1);
+    const run_result narrow = run_case(
+        dir / "narrow", pos, "elec_gs_algo = 4\nn_moments = 200\nkpm_emin = -3\nkpm_emax = 3\n",
+        tbparam("Si_orth"));
+    ASSERT_EQ(narrow.status, 0);
+    EXPECT_NE(read_text(dir / "narrow" / "ERRLYRT").find("searched again"), std::string::npos);
+    const run_result searched =
+        run_case(dir / "searched", pos, "elec_gs_algo = 4\nn_moments = 200\n", tbparam("Si_orth"));
+    ASSERT_EQ(searched.status, 0);
+    EXPECT_NEAR(narrow.e_pot, searched.e_pot, 1e-3);
+    EXPECT_NE(narrow.report.find(" Fermi         Energy = "), std::string::npos);
+}
+
+// Velocity Verlet on the expansion's forces conserves the total energy to second
+// order in the time step: forces that were not the energy's gradient would leave
+// an error that does not shrink with dt.
+TEST_F(KpmRuns, VelocityVerletConservesEnergy) {
+    double spread[2] = {0.0, 0.0};
+    for (int k = 0; k < 2; ++k) {
+        const double dt = k == 0 ? 1.0 : 0.5;
+        const auto where = dir / ("dt" + std::to_string(k));
+        const run_result r =
+            run_case(where, poslyrt(cube(10.86), diamond(5.43, 2), 1),
+                     kpm(80, "n_steps = " + std::to_string(k == 0 ? 16 : 32) +
+                                 "\nions_eom_algo = 2\ndt = " + std::to_string(dt) +
+                                 "\ntemperature = 600\n"),
+                     tbparam("Si_orth"));
+        ASSERT_EQ(r.status, 0);
+        double lo = 1e9, hi = -1e9, kin_max = 0.0;
+        for (const auto& line : read_lines(where / "ENE")) {
+            if (line.empty() || line[0] == '#') continue;
+            const double e_kin = std::stod(line.substr(32, 20));
+            const double e_tot = std::stod(line.substr(72, 20));
+            lo = std::min(lo, e_tot);
+            hi = std::max(hi, e_tot);
+            kin_max = std::max(kin_max, e_kin);
+        }
+        EXPECT_GT(kin_max, 1.0); // the ions do move
+        spread[k] = hi - lo;
+    }
+    EXPECT_GT(spread[0] / spread[1], 3.0) << spread[0] << " " << spread[1];
+    EXPECT_LT(spread[1], 64 * 2e-5); // eV, for 64 atoms
+}
+
+// Conjugate gradients on the expansion relax a rattled crystal to the tolerance.
+TEST_F(KpmRuns, RelaxationReachesTheForceTolerance) {
+    const std::string pos = poslyrt(cube(5.43), shaken(diamond(5.43, 1), 0.08), 1);
+    const run_result start = run_case(dir / "start", pos, kpm(60), tbparam("Si_orth"));
+    const run_result r = run_case(dir / "relax", pos,
+                                  kpm(60, "ions_algo = 1\nn_steps = 100\nions_max_force = 1e-3\n"),
+                                  tbparam("Si_orth"));
+    ASSERT_EQ(r.status, 0);
+    double largest = 0.0;
+    for (const auto& f : r.force)
+        for (double c : f) largest = std::max(largest, std::fabs(c));
+    EXPECT_LT(largest, 1e-3);
+    EXPECT_LT(r.e_pot, start.e_pot - 0.01);
+}
+
+// No eigenvectors and no electronic stress: forces run all the same, a stress
+// request is warned about, and what needs eigenvectors is refused.
+TEST_F(KpmRuns, WhatTheSolverCanAndCannotGive) {
+    const std::string pos = poslyrt(cube(5.43), shaken(diamond(5.43, 1), 0.05), 1);
+    const run_result r = run_case(dir / "novect", pos, kpm(20, "eigen_vect = F\ncalc_stress = T\n"),
+                                  tbparam("Si_orth"));
+    ASSERT_EQ(r.status, 0);
+    EXPECT_EQ(r.force.size(), 8u);
+    EXPECT_NE(read_text(dir / "novect" / "ERRLYRT").find("no electronic stress"),
+              std::string::npos);
+    const struct {
+        std::string input, param, message;
+    } refused[] = {
+        {kpm(20), tbparam("Si"), "KPM doesn't work with non-orthogonal TB models"},
+        {kpm(20, "kernel = X\n"), tbparam("Si_orth"), "unknown kernel"},
+        {kpm(20, "kpm_block_size = 0\n"), tbparam("Si_orth"), "kpm_block_size must be 1 or more"},
+        {kpm(0), tbparam("Si_orth"), "Number of moments must be non-zero"},
+        {kpm(10000), tbparam("Si_orth"), "number of moments 10000 too large"},
+        {kpm(20, "scc_used = T\n"), tbparam("Si_orth"), "scc_used needs the eigenvectors"},
+        {kpm(20, "calc_elocal = T\n"), tbparam("Si_orth"), "local energies"},
+    };
+    int k = 0;
+    for (const auto& c : refused) {
+        const auto where = dir / ("refused" + std::to_string(k++));
+        const run_result bad = run_case(where, pos, c.input, c.param);
+        EXPECT_EQ(bad.status, 1) << c.message;
+        EXPECT_NE(read_text(where / "stdout.txt").find(c.message), std::string::npos) << c.message;
+    }
+}
+
+} // namespace
