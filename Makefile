@@ -51,9 +51,10 @@ test: build-test format layers release-warnings
 # Time of one static run of diamond Si cells of 64, 216 and 512 atoms, split by phase;
 # then one dynamics step of Si 512 against a bare dsygvd of the same order.
 bench: build-release
-	cmake --build build/release -j $(JOBS) --target lyrt_bench lyrt_bench_md
+	cmake --build build/release -j $(JOBS) --target lyrt_bench lyrt_bench_md lyrt_bench_kpm
 	build/release/lyrt_bench $(BENCH_SIZES)
 	build/release/lyrt_bench_md
+	build/release/lyrt_bench_kpm
 
 clean:
 	rm -rf build run

@@ -184,3 +184,29 @@ TEST_F(KpmRuns, WhatTheSolverCanAndCannotGive) {
 }
 
 } // namespace
+
+namespace {
+
+// The shipped example: a full report with the Fermi level, vanishing forces of the
+// perfect crystal, and a run that repeats itself (the searched bounds start from
+// the run's seeds) and continues from its POSCONT.
+TEST(KpmExample, Si64RunsAndRepeats) {
+    const auto src = std::filesystem::path(LYRT_SOURCE_DIR) / "examples/si64_kpm";
+    const auto dir = lyrt_test::fresh_dir("example_si64_kpm");
+    const auto run = [&](const std::string& sub, const std::string& pos) {
+        return lyrt_test::run_case(dir / sub, pos, lyrt_test::read_text(src / "INLYRT"),
+                                   lyrt_test::read_text(src / "TBPARAM"));
+    };
+    const lyrt_test::run_result r = run("a", lyrt_test::read_text(src / "POSLYRT"));
+    ASSERT_EQ(r.status, 0);
+    EXPECT_NE(r.report.find(" Fermi         Energy = "), std::string::npos);
+    EXPECT_NE(r.report.find("calc_mu_new_four"), std::string::npos);
+    for (const auto& f : r.force)
+        for (double c : f) EXPECT_NEAR(c, 0.0, 1e-7);
+    const lyrt_test::run_result same = run("b", lyrt_test::read_text(src / "POSLYRT"));
+    EXPECT_EQ(same.e_pot, r.e_pot);
+    const lyrt_test::run_result again = run("c", lyrt_test::read_text(dir / "a" / "POSCONT"));
+    EXPECT_NEAR(again.e_pot, r.e_pot, 1e-9);
+}
+
+} // namespace
