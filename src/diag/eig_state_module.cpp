@@ -215,17 +215,19 @@ void eig_calc_energy(eig_state_type& eig) {
         }
         eig.e_gap = lumo_bottom - homo_top;
     } else {
+        // Without smearing the lowest n_el / 2 states are filled; states computed
+        // beyond them (n_states given larger) are empty and give the gap.
         const int n_occ = std::max(1, std::min(static_cast<int>(eig.n_el * 0.5), ns));
         eig.e_filled = 0.0;
         for (int k = 1; k <= nk; ++k) {
             double s = 0.0;
-            for (int i = 1; i <= ns; ++i) s += eig.en_i(i, k);
+            for (int i = 1; i <= n_occ; ++i) s += eig.en_i(i, k);
             eig.e_filled += eig.kpt->weight(k) * s;
         }
         eig.e_filled *= 2.0;
         eig.e_fermi = eig.en_i(n_occ, nk);
         eig.e_band = eig.e_filled;
-        eig.e_gap = 0.0;
+        eig.e_gap = n_occ < ns ? eig.en_i(n_occ + 1, nk) - eig.en_i(n_occ, nk) : 0.0;
     }
     eig.e_gap = std::max(eig.e_gap, 0.0);
 }
@@ -258,8 +260,7 @@ void eig_calc_qion(const hamiltonian_type& ham, const eig_state_type& eig, int k
     farray<double, 1> w;
     w.allocate({1}, {eig.n_states});
     const double wk = eig.kpt->weight(k);
-    for (int i = 1; i <= eig.n_states; ++i)
-        w(i) = eig.kpt->sigma <= 0.0 ? 2.0 * wk : 2.0 * eig.occ(i, k) * wk;
+    for (int i = 1; i <= eig.n_states; ++i) w(i) = 2.0 * eig.occ(i, k) * wk;
     eig_calc_local_proj(ham, eig, w, q);
 }
 
@@ -268,9 +269,7 @@ void eig_calc_elocal(const hamiltonian_type& ham, const eig_state_type& eig, int
     farray<double, 1> w;
     w.allocate({1}, {eig.n_states});
     const double wk = eig.kpt->weight(k);
-    for (int i = 1; i <= eig.n_states; ++i)
-        w(i) = eig.kpt->sigma <= 0.0 ? 2.0 * eig.en_i(i, k) * wk
-                                     : 2.0 * eig.occ(i, k) * wk * eig.en_i(i, k);
+    for (int i = 1; i <= eig.n_states; ++i) w(i) = 2.0 * eig.occ(i, k) * wk * eig.en_i(i, k);
     eig_calc_local_proj(ham, eig, w, e);
 }
 
@@ -442,7 +441,7 @@ namespace {
 // occupations at a fixed electron count.
 double derivative_weight(const eig_state_type& eig, int i, int k) {
     const double sigma = eig.kpt->sigma, wk = eig.kpt->weight(k);
-    if (sigma <= 0.0) return 2.0 * wk;
+    if (sigma <= 0.0) return 2.0 * wk * eig.occ(i, k);
     double ratio = 0.0;
     if (std::fabs(eig.dn_sum) >= 1e-08) ratio = eig.de_sum / eig.dn_sum;
     return 2.0 * wk *
@@ -511,7 +510,7 @@ void eig_stress(hamiltonian_type& ham, ions_type& ions, box_type& box, eig_state
             if (!non_orth)
                 eig.beta(j, k) = 0.0;
             else if (sigma <= 0.0)
-                eig.beta(j, k) = -2.0 * eig.en_i(i, k);
+                eig.beta(j, k) = -2.0 * eig.en_i(i, k) * eig.occ(i, k);
             else
                 eig.beta(j, k) = -eig.en_i(i, k) * eig.alpha(j, k);
         }

@@ -220,3 +220,32 @@ TEST(RunModes, StepsWithoutTheirLoopGiveTheFinalReport) {
 }
 
 } // namespace
+
+namespace {
+
+// Without smearing, states computed beyond the filled ones are empty: the energy
+// and the forces are those of the filled states alone, and the first empty state
+// gives the gap.
+TEST(Occupations, ExtraStatesWithoutSmearingStayEmpty) {
+    using namespace lyrt_test;
+    const auto dir = fresh_dir("extra_states");
+    const std::string pos = poslyrt(cube(5.431), shaken(diamond(5.431, 1), 0.05), 1);
+    const run_result plain = run_case(dir / "plain", pos, "", tbparam("Si"));
+    const run_result extra = run_case(dir / "extra", pos, "n_states = 24\n", tbparam("Si"));
+    ASSERT_EQ(plain.status, 0);
+    ASSERT_EQ(extra.status, 0);
+    EXPECT_NEAR(extra.e_pot, plain.e_pot, 1e-8);
+    ASSERT_EQ(extra.force.size(), plain.force.size());
+    for (std::size_t i = 0; i < plain.force.size(); ++i)
+        for (std::size_t k = 0; k < 3; ++k) EXPECT_NEAR(extra.force[i][k], plain.force[i][k], 1e-7);
+    // The gap is the distance of the 17th state from the 16th.
+    ASSERT_GE(extra.eigenvalues.size(), 17u);
+    const double gap = extra.eigenvalues[16] - extra.eigenvalues[15];
+    EXPECT_GT(gap, 0.0);
+    const std::string key = " Energy gap           = ";
+    const auto at = extra.report.rfind(key);
+    ASSERT_NE(at, std::string::npos);
+    EXPECT_NEAR(std::stod(extra.report.substr(at + key.size())), gap, 1e-8);
+}
+
+} // namespace
