@@ -64,6 +64,13 @@ class Kpm : public lyrt_test::program_test {
         kpm_state_alloc(ks, m);
         kpm_state_init(ks, s.ham, 'J', s.ham.desc.n_row, n_el, false, block, e_min, e_max);
     }
+    // m moments of the unrolled route, H scaled with bounds 0.5 eV outside the spectrum.
+    static void scaled_moments(kpm_state_type& ks, model_system& s, int m) {
+        const std::vector<double> w = spectrum(s);
+        start(ks, s, m, 0.0, w.front() - 0.5, w.back() + 0.5);
+        scale_h_ab(s.ham, ks.e_min, ks.e_max, ks.a, ks.b, false);
+        s.model.max_no == 4 ? calc_mu_new_four(s.ham, ks) : calc_mu_new_nine(s.ham, ks);
+    }
 };
 
 // Every route to the moments gives the same numbers as the eigenvalues of the
@@ -182,11 +189,8 @@ TEST_F(Kpm, BoundsBracketTheSpectrumAndLeaveHUnchanged) {
 TEST_F(Kpm, FermiSearchReachesTheWholeBand) {
     model_system s;
     build_si64(s);
-    const std::vector<double> w = spectrum(s);
     kpm_state_type ks;
-    start(ks, s, 100, 0.0, w.front() - 0.5, w.back() + 0.5);
-    scale_h_ab(s.ham, ks.e_min, ks.e_max, ks.a, ks.b, false);
-    calc_mu_new_four(s.ham, ks);
+    scaled_moments(ks, s, 100);
     const double n = s.ham.desc.n_row;
     for (const double fill : {0.02, 0.25, 0.5, 0.98, 1.0}) {
         double phi = 0.0;
@@ -200,11 +204,8 @@ TEST_F(Kpm, FermiSearchReachesTheWholeBand) {
 TEST_F(Kpm, LinearFormsEqualTheIntegralsAndTheirSlopes) {
     model_system s;
     build_cu32(s);
-    const std::vector<double> w = spectrum(s);
     kpm_state_type ks;
-    start(ks, s, 50, 0.0, w.front() - 0.5, w.back() + 0.5);
-    scale_h_ab(s.ham, ks.e_min, ks.e_max, ks.a, ks.b, false);
-    calc_mu_new_nine(s.ham, ks);
+    scaled_moments(ks, s, 50);
     const double phi = 1.1, h = 1e-6;
     kpm_calc_sf_coeff(phi, ks);
     EXPECT_NEAR(kpm_get_energy_c(ks), kpm_get_energy_sf(phi, ks), 1e-10);
