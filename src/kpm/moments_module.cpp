@@ -48,6 +48,14 @@ int unit_columns(const hamiltonian_type& h, int il_first, int n_chunk, double* c
     return col;
 }
 
+int n_chunk_columns(const hamiltonian_type& h, int il_first, int n_chunk) {
+    const sparse_1d_matrix_desc_type& sd = h.desc;
+    int cols = 0;
+    for (int il = il_first; il < il_first + n_chunk; ++il)
+        cols += sd.row_block_dim(sd.row_pdist->l2g(il));
+    return cols;
+}
+
 int max_chunk_columns(const kpm_state_type& ks, const hamiltonian_type& h) {
     return ks.block_size * h.tb_model->max_no;
 }
@@ -95,10 +103,11 @@ void moments_fixed(const hamiltonian_type& h, kpm_state_type& ks, const char* na
     int products = 0;
     for_chunks(ks, h, [&](int il_first, int n_chunk) {
         double* c = cb.data();
-        const long slab0 = n * max_cols;
-        setzero_r(c, slab0 * (t_max + 1));
-        const int cols = unit_columns(h, il_first, n_chunk, c, n);
+        const int cols = n_chunk_columns(h, il_first, n_chunk);
         const long slab = n * cols; // slices of this chunk lie one after the other
+        // Times 0 and 1 are built here; the recurrence writes every row of the rest.
+        setzero_r(c, 2 * slab);
+        unit_columns(h, il_first, n_chunk, c, n);
         double* s1 = c + slab;
         if (t_max >= 1) {
             switch (N) {
