@@ -85,10 +85,11 @@ void program_test::TearDown() {
     lyrt::on_site_reset();
 }
 
-int run_lyrt_in(const std::filesystem::path& dir) {
+int run_lyrt_in(const std::filesystem::path& dir, int threads) {
     // One BLAS thread per run: the test runner runs several runs side by side.
     std::string cmd = "cd '" + dir.string() +
-                      "' && OPENBLAS_NUM_THREADS=1 '" LYRT_BINARY "' >stdout.txt 2>stderr.txt";
+                      "' && OPENBLAS_NUM_THREADS=1 OMP_NUM_THREADS=" + std::to_string(threads) +
+                      " '" LYRT_BINARY "' >stdout.txt 2>stderr.txt";
     int status = std::system(cmd.c_str());
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }

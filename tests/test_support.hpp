@@ -14,7 +14,7 @@ std::string read_text(const std::filesystem::path& file);
 std::vector<std::string> read_lines(const std::filesystem::path& file);
 void write_text(const std::filesystem::path& file, const std::string& text);
 // Runs the lyrt executable in dir (standard output to stdout.txt); returns its exit status.
-int run_lyrt_in(const std::filesystem::path& dir);
+int run_lyrt_in(const std::filesystem::path& dir, int threads = 1);
 
 // A test that works in its own fresh folder (named after the test), with the unit
 // table and the trace stack empty and the report files open.

@@ -28,6 +28,15 @@
 
 namespace lyrt {
 
+// Storage of large arrays (at least farray_large_bytes): aligned to 2 MiB and
+// offered to the kernel as transparent huge pages, so that the first touch of a
+// fresh array of tens of megabytes takes tens of page faults, not thousands
+// (a fault costs microseconds, more under a hypervisor). nullptr when the memory
+// can't be had.
+constexpr std::size_t farray_large_bytes = std::size_t{4} << 20;
+void* farray_large_alloc(std::size_t bytes);
+void farray_large_free(void* p);
+
 [[noreturn]] inline void farray_bounds_error(int dim, long index, long lb, long ub) {
     std::fprintf(stderr, "Array bound mismatch: index %ld of dimension %d outside %ld:%ld\n", index,
                  dim + 1, lb, ub);
@@ -66,12 +75,25 @@ class farray {
         for (int r = 0; r < Rank; ++r)
             n *= static_cast<std::size_t>(std::max(0L, ub[r] - lb[r] + 1));
         T* p = nullptr;
-        if (n > 0) {
+        bool large = false;
+        if constexpr (std::is_trivially_default_constructible_v<T> &&
+                      std::is_trivially_destructible_v<T>) {
+            if (n >= farray_large_bytes / sizeof(T)) {
+                void* raw = farray_large_alloc(n * sizeof(T));
+                if (raw == nullptr) return false;
+                p = static_cast<T*>(raw);
+                std::fill(const_cast<mutable_type*>(p), const_cast<mutable_type*>(p) + n,
+                          mutable_type{});
+                large = true;
+            }
+        }
+        if (n > 0 && !large) {
             p = new (std::nothrow) T[n]();
             if (p == nullptr) return false;
         }
         set_layout(p, lb, ub);
         owner_ = true;
+        large_ = large;
         return true;
     }
 
@@ -185,9 +207,13 @@ class farray {
     }
 
     void release() {
-        if (owner_) delete[] data_;
+        if (owner_ && large_)
+            farray_large_free(const_cast<mutable_type*>(data_));
+        else if (owner_)
+            delete[] data_;
         data_ = nullptr;
         owner_ = false;
+        large_ = false;
         allocated_ = false;
         size_ = 0;
         offset_ = 0;
@@ -204,9 +230,11 @@ class farray {
         offset_ = o.offset_;
         size_ = o.size_;
         owner_ = o.owner_;
+        large_ = o.large_;
         allocated_ = o.allocated_;
         o.data_ = nullptr;
         o.owner_ = false;
+        o.large_ = false;
         o.release();
     }
 
@@ -217,6 +245,7 @@ class farray {
     long offset_ = 0;
     std::size_t size_ = 0;
     bool owner_ = false;
+    bool large_ = false; // storage from farray_large_alloc
     bool allocated_ = false;
 
     static constexpr bounds filled(long v) {

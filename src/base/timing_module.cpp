@@ -13,6 +13,7 @@ namespace {
 int clock_depth = 0;
 // Slots 1..100; slot depth+1 is read after a stop, so one spare slot is kept.
 std::array<double, max_clocks + 2> start_user{}, start_sys{}, stop_user{}, stop_sys{};
+std::array<double, n_phases + 1> phase_wall{};
 } // namespace
 
 double utime() {
@@ -66,6 +67,19 @@ void timing_reset() {
     start_sys.fill(0.0);
     stop_user.fill(0.0);
     stop_sys.fill(0.0);
+}
+
+double phase_seconds(int phase) {
+    return phase >= 1 && phase <= n_phases ? phase_wall[static_cast<std::size_t>(phase)] : 0.0;
+}
+
+void phase_reset() {
+    phase_wall.fill(0.0);
+}
+
+phase_timer::~phase_timer() {
+    if (phase >= 1 && phase <= n_phases)
+        phase_wall[static_cast<std::size_t>(phase)] += timeofday() - start;
 }
 
 } // namespace lyrt

@@ -1,6 +1,10 @@
 #include "diag/acum_delem_module_1.hpp"
 
 #include "base/allocate_module.hpp"
+#include "base/timing_module.hpp"
+#include "parallel/threads_module.hpp"
+
+#include <vector>
 
 namespace lyrt {
 
@@ -44,12 +48,17 @@ void contract(const hamiltonian_type& ham, const farray<double, 2>& psi_t, const
     const pdist_type& pd = *sd.row_pdist;
     const int ns = static_cast<int>(psi_t.extent(0));
     const int max_no = ham.tb_model->max_no;
-    farray<double, 2> dxc;
-    ca_real_2d(dxc, 1, ns, 1, max_no, "dxc", proc, mod);
+    // One block of partial sums per thread; the ions are shared among the threads
+    // and the three sums reduced at the end.
+    std::vector<farray<double, 2>> work(static_cast<std::size_t>(thread_count()));
+    for (farray<double, 2>& x : work) ca_real_2d(x, 1, ns, 1, max_no, "dxc", proc, mod);
     const long u_dim = dh.extent(0), l_dim = dh.extent(1);
+    const int n_local = pd.l_n;
     for (int d = 1; d <= 3; ++d) {
         double onsite = 0.0, offsite = 0.0;
-        for (int il = 1; il <= pd.l_n; ++il) {
+#pragma omp parallel for schedule(dynamic, 4) reduction(+ : onsite, offsite)
+        for (int il = 1; il <= n_local; ++il) {
+            farray<double, 2>& dxc = work[static_cast<std::size_t>(thread_index())];
             const int ig = pd.l2g(il);
             const int no = sd.row_block_dim(ig), r0 = sd.row_block_offset(ig);
             const double* pi = &psi_t(1, r0);
@@ -88,7 +97,7 @@ void contract(const hamiltonian_type& ham, const farray<double, 2>& psi_t, const
         }
         sig3[d - 1] += onsite + factor * offsite;
     }
-    cd_real_2d(dxc, "dxc", proc, mod);
+    for (farray<double, 2>& x : work) cd_real_2d(x, "dxc", proc, mod);
 }
 
 } // namespace

@@ -5,6 +5,7 @@
 #include "base/allocate_module.hpp"
 #include "base/error_module.hpp"
 #include "base/io_module.hpp"
+#include "base/timing_module.hpp"
 #include "parallel/mpi_module.hpp"
 
 #include <vector>
@@ -21,10 +22,15 @@ bool wants_vectors(char jobz) {
     return jobz == 'V' || jobz == 'v';
 }
 
-// Real workspace of at least lwork doubles and liwork integers in d; grown (and
-// kept) when a solver asks for more.
-void ensure_workspace(blacs_distr_type& d, int lwork, int liwork) {
-    const char* proc = "ensure_workspace";
+void copy_upper(const farray<double, 2>& h, farray<double, 2>& x, int n) {
+    for (int j = 1; j <= n; ++j)
+        for (int i = 1; i <= n; ++i) x(i, j) = h(i, j);
+}
+
+} // namespace
+
+void diag_workspace(blacs_distr_type& d, int lwork, int liwork) {
+    const char* proc = "diag_workspace";
     if (!d.work.allocated() || d.work.extent(0) < lwork) {
         if (d.work.allocated()) cd_real_1d(d.work, "d%work", proc, mod);
         ca_real_1d(d.work, 1, lwork, "d%work", proc, mod);
@@ -37,27 +43,29 @@ void ensure_workspace(blacs_distr_type& d, int lwork, int liwork) {
     if (d.iwork.allocated()) d.liwork = static_cast<int>(d.iwork.extent(0));
 }
 
-void copy_upper(const farray<double, 2>& h, farray<double, 2>& x, int n) {
-    for (int j = 1; j <= n; ++j)
-        for (int i = 1; i <= n; ++i) x(i, j) = h(i, j);
+void diag_reserve_vectors(blacs_distr_type& d, int n) {
+    double wq = 0;
+    int iq = 0, query = -1, info = 0;
+    double dummy = 0.0;
+    dsyevd_("V", "U", &n, &dummy, &n, &dummy, &wq, &query, &iq, &query, &info);
+    if (info == 0) diag_workspace(d, static_cast<int>(wq) + 1, iq);
 }
-
-} // namespace
 
 void calc_eigen_real_lp(char jobz, farray<double, 2>& h, int n, farray<double, 1>& en,
                         farray<double, 2>* x, blacs_distr_type& d) {
     const char* proc = "calc_eigen_real_lp";
+    const phase_timer wall(phase_eigen);
     int info = 0;
     if (wants_vectors(jobz)) {
         copy_upper(h, *x, n);
         double wq = 0;
         int iq = 0, query = -1;
         dsyevd_("V", "U", &n, x->data(), &n, en.data(), &wq, &query, &iq, &query, &info);
-        ensure_workspace(d, static_cast<int>(wq) + 1, iq);
+        diag_workspace(d, static_cast<int>(wq) + 1, iq);
         dsyevd_("V", "U", &n, x->data(), &n, en.data(), d.work.data(), &d.lwork, d.iwork.data(),
                 &d.liwork, &info);
     } else {
-        ensure_workspace(d, std::max(1, 3 * n), 0);
+        diag_workspace(d, std::max(1, 3 * n), 0);
         dsyev_("N", "U", &n, h.data(), &n, en.data(), d.work.data(), &d.lwork, &info);
     }
     if (info != 0) fatal_error("error occured in Xsyev", info, proc, mod);
@@ -66,6 +74,7 @@ void calc_eigen_real_lp(char jobz, farray<double, 2>& h, int n, farray<double, 1
 void calc_gen_eigen_real_lp(char jobz, farray<double, 2>& h, farray<double, 2>& s, int n,
                             farray<double, 1>& en, farray<double, 2>* x, blacs_distr_type& d) {
     const char* proc = "calc_gen_eigen_real_lp";
+    const phase_timer wall(phase_eigen);
     const int itype = 1;
     int info = 0;
     if (wants_vectors(jobz)) {
@@ -84,7 +93,7 @@ void calc_gen_eigen_real_lp(char jobz, farray<double, 2>& h, farray<double, 2>& 
             if (info == 0)
                 dsyevd_("V", "U", &n, x->data(), &n, en.data(), &wq, &query, &iq, &query, &info);
             if (info == 0) {
-                ensure_workspace(d, static_cast<int>(wq) + 1, iq);
+                diag_workspace(d, static_cast<int>(wq) + 1, iq);
                 dsyevd_("V", "U", &n, x->data(), &n, en.data(), d.work.data(), &d.lwork,
                         d.iwork.data(), &d.liwork, &info);
             }
@@ -95,7 +104,7 @@ void calc_gen_eigen_real_lp(char jobz, farray<double, 2>& h, farray<double, 2>& 
             }
         }
     } else {
-        ensure_workspace(d, std::max(1, 3 * n), 0);
+        diag_workspace(d, std::max(1, 3 * n), 0);
         dsygv_(&itype, "N", "U", &n, h.data(), &n, s.data(), &n, en.data(), d.work.data(), &d.lwork,
                &info);
     }

@@ -11,6 +11,14 @@
 
 namespace lyrt {
 
+// Real workspace of at least lwork doubles and liwork integers in d, grown (and
+// kept) when asked for more. Besides the solvers, the forces use it for the density
+// matrices between two diagonalisations.
+void diag_workspace(blacs_distr_type& d, int lwork, int liwork);
+// The workspace the divide-and-conquer solver wants for the vectors of order n,
+// taken at set-up with the other dense arrays rather than at the first solve.
+void diag_reserve_vectors(blacs_distr_type& d, int n);
+
 void calc_eigen_values_real(farray<double, 2>& h, int n, farray<double, 1>& en,
                             blacs_distr_type& d);
 void calc_eigen_vectors_real(farray<double, 2>& h, int n, farray<double, 1>& en,

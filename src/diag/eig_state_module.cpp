@@ -1,19 +1,24 @@
 #include "diag/eig_state_module.hpp"
 
 #include "diag/acum_delem_module_1.hpp"
+#include "diag/diag_module.hpp"
 #include "numerics/lapack_module.hpp"
 
 #include "base/allocate_module.hpp"
 #include "base/error_module.hpp"
 #include "base/io_module.hpp"
+#include "base/timing_module.hpp"
 #include "model/tb_hs_module.hpp"
 #include "orbital/acum_delem_module_2.hpp"
 #include "orbital/hs_psi_module.hpp"
 #include "parallel/mpi_module.hpp"
 #include "system/constants_module.hpp"
 
+#include <algorithm>
 #include <cmath>
 #include <filesystem>
+#include <limits>
+#include <vector>
 
 namespace lyrt {
 
@@ -117,7 +122,10 @@ void eig_state_allocate(eig_state_type& eig, int n_dim, int n_states, double n_e
     ca_real_1d(eig.ework, 1, n_dim, "eig_state%ework", proc, mod);
     ca_real_2d(eig.h_ij, 1, n_dim, 1, n_dim, "eig_state%h_ij", proc, mod);
     if (non_orth) ca_real_2d(eig.s_ij, 1, n_dim, 1, n_dim, "eig_state%s_ij", proc, mod);
-    if (jobz == 'v' || jobz == 'V') ca_real_2d(eig.x, 1, n_dim, 1, n_dim, "eig_state%x", proc, mod);
+    if (jobz == 'v' || jobz == 'V') {
+        ca_real_2d(eig.x, 1, n_dim, 1, n_dim, "eig_state%x", proc, mod);
+        diag_reserve_vectors(eig.d, n_dim);
+    }
     eig_set_psi(eig, 1);
 }
 
@@ -126,10 +134,11 @@ void eig_state_deallocate(eig_state_type& eig) {
     eig.psi.deallocate();
     for (auto& p : eig.psi_k) cd_real_2d(p, "eig_state%psi_k", proc, mod);
     eig.psi_k.clear();
-    for (auto* a :
-         {&eig.en_i, &eig.occ, &eig.docc, &eig.alpha, &eig.beta, &eig.h_ij, &eig.s_ij, &eig.x})
+    for (auto* a : {&eig.en_i, &eig.occ, &eig.docc, &eig.alpha, &eig.beta, &eig.h_ij, &eig.s_ij,
+                    &eig.x, &eig.dm})
         if (a->allocated()) cd_real_2d(*a, "eig_state%array", proc, mod);
     if (eig.ework.allocated()) cd_real_1d(eig.ework, "eig_state%ework", proc, mod);
+    if (eig.dm_diag.allocated()) cd_real_1d(eig.dm_diag, "eig_state%dm_diag", proc, mod);
     free_blacs_distr(eig.d);
     pdist_deallocate(eig.row_pdist);
     pdist_deallocate(eig.col_pdist);
@@ -381,57 +390,76 @@ void eig_print_eigen_energies(const eig_state_type& eig, int unit,
 // ---- forces ----------------------------------------------------------------------
 
 void setup_dh_dm_r(const hamiltonian_type& ham, const farray<double, 2>& psi, const double* w,
-                   farray<double, 2>& dm, farray<double, 1>* dm_diag) {
+                   farray<double, 2>& dm, farray<double, 1>* dm_diag, blacs_distr_type* ws) {
     const char* proc = "setup_dh_dm_r";
+    const phase_timer wall(phase_density);
     const sparse_1d_matrix_desc_type& sd = ham.desc;
     const pdist_type& pd = *sd.row_pdist;
     const int n_dim = static_cast<int>(psi.extent(0)), ns = static_cast<int>(psi.extent(1));
     // D = sum_j w_j psi_j psi_j^T as two symmetric rank-k updates, one over the
     // states of positive weight and one over those of negative weight, each column
     // scaled by the root of |w_j|; states without weight take no part.
-    int n_pos = 0, n_neg = 0;
-    for (int j = 0; j < ns; ++j) {
-        if (w[j] > 0.0) ++n_pos;
-        if (w[j] < 0.0) ++n_neg;
+    std::vector<int> pos, neg;
+    for (int j = 1; j <= ns; ++j) {
+        if (w[j - 1] > 0.0) pos.push_back(j);
+        if (w[j - 1] < 0.0) neg.push_back(j);
     }
-    farray<double, 2> a, d;
-    ca_real_2d(a, 1, n_dim, 1, std::max(1, std::max(n_pos, n_neg)), "scaled_psi", proc, mod);
-    ca_real_2d(d, 1, n_dim, 1, n_dim, "density_matrix", proc, mod);
+    const long k_max =
+        static_cast<long>(std::max<std::size_t>(1, std::max(pos.size(), neg.size())));
+    const long need = static_cast<long>(n_dim) * n_dim + static_cast<long>(n_dim) * k_max;
+    // The dense D and the scaled states live in the solver's workspace when one is
+    // given (it is free between two diagonalisations), else in arrays of their own.
+    farray<double, 1> own;
+    double* base = nullptr;
+    if (ws != nullptr && need <= std::numeric_limits<int>::max()) {
+        diag_workspace(*ws, static_cast<int>(need), 0);
+        base = ws->work.data();
+    } else {
+        ca_real_1d(own, 1, need, "density_matrix", proc, mod);
+        base = own.data();
+    }
+    auto d = farray<double, 2>::view_of(base, {1, 1}, {n_dim, n_dim});
+    auto a =
+        farray<double, 2>::view_of(base + static_cast<long>(n_dim) * n_dim, {1, 1}, {n_dim, k_max});
     bool first = true;
-    for (const int sign : {1, -1}) {
-        int k = 0;
-        for (int j = 1; j <= ns; ++j) {
-            const double wj = w[j - 1];
-            if (!(sign > 0 ? wj > 0.0 : wj < 0.0)) continue;
-            const double root = std::sqrt(std::fabs(wj));
-            ++k;
+    for (const std::vector<int>* states : {&pos, &neg}) {
+        const int k = static_cast<int>(states->size());
+        if (k == 0) continue;
+#pragma omp parallel for schedule(static)
+        for (int c = 1; c <= k; ++c) {
+            const int j = (*states)[static_cast<std::size_t>(c - 1)];
+            const double root = std::sqrt(std::fabs(w[j - 1]));
             const double* __restrict src = &psi(1, j);
-            double* __restrict dst = &a(1, k);
+            double* __restrict dst = &a(1, c);
             for (int r = 0; r < n_dim; ++r) dst[r] = root * src[r];
         }
-        if (k == 0) continue;
-        const double alpha = sign, beta = first ? 0.0 : 1.0;
+        const double alpha = states == &pos ? 1.0 : -1.0, beta = first ? 0.0 : 1.0;
         dsyrk_("U", "N", &n_dim, &k, &alpha, a.data(), &n_dim, &beta, d.data(), &n_dim);
         first = false;
     }
     if (first) d.fill(0.0); // no state carries weight
-    // The upper triangle holds D: element (r, c) sits at (min, max).
-    auto element = [&](int r, int c) { return r <= c ? d(r, c) : d(c, r); };
     if (dm_diag != nullptr)
         for (int r = 1; r <= n_dim; ++r) (*dm_diag)(r) = d(r, r);
-    dm.fill(0.0);
-    for (int il = 1; il <= pd.l_n; ++il) {
+    // The blocks of each local ion, read from the upper triangle that holds D:
+    // element (r, c) sits at (min, max).
+    const int n_local = pd.l_n;
+    const long rows = dm.extent(0);
+#pragma omp parallel for schedule(dynamic, 4)
+    for (int il = 1; il <= n_local; ++il) {
+        std::fill(&dm(1, il), &dm(1, il) + rows, 0.0);
         const int ig = pd.l2g(il);
         const int no = sd.row_block_dim(ig), r0 = sd.row_block_offset(ig);
         for (int jb = 1; jb <= sd.n_blocks(ig); ++jb) {
             const int c0 = sd.sblock_offset(jb, ig), no2 = sd.pblock_dim(jb, ig);
             int l = sd.ublock_offset(jb, ig);
             for (int b = 0; b < no2; ++b)
-                for (int r = 0; r < no; ++r, ++l) dm(l, il) = element(r0 + r, c0 + b);
+                for (int r = 0; r < no; ++r, ++l) {
+                    const int x = r0 + r, y = c0 + b;
+                    dm(l, il) = x <= y ? d(x, y) : d(y, x);
+                }
         }
     }
-    cd_real_2d(a, "scaled_psi", proc, mod);
-    cd_real_2d(d, "density_matrix", proc, mod);
+    if (own.allocated()) cd_real_1d(own, "density_matrix", proc, mod);
 }
 
 namespace {
@@ -450,13 +478,26 @@ double derivative_weight(const eig_state_type& eig, int i, int k) {
 
 } // namespace
 
+void eig_forces_reserve(eig_state_type& eig, const hamiltonian_type& ham) {
+    const char* proc = "eig_forces_reserve";
+    const long rows = ham.desc.u_n_dim, cols = ham.desc.row_pdist->max_l_n;
+    if (!eig.dm.allocated() || eig.dm.extent(0) != rows || eig.dm.extent(1) != cols) {
+        if (eig.dm.allocated()) cd_real_2d(eig.dm, "eig_state%dm", proc, mod);
+        ca_real_2d(eig.dm, 1, rows, 1, cols, "eig_state%dm", proc, mod);
+    }
+    if (!eig.dm_diag.allocated() || eig.dm_diag.extent(0) != eig.n_dim) {
+        if (eig.dm_diag.allocated()) cd_real_1d(eig.dm_diag, "eig_state%dm_diag", proc, mod);
+        ca_real_1d(eig.dm_diag, 1, eig.n_dim, "eig_state%dm_diag", proc, mod);
+    }
+}
+
 void eig_forces_dm(hamiltonian_type& ham, ions_type& ions, const box_type& box, eig_state_type& eig,
                    bool /*calc_stress*/, double fboost, const scc_type* scc) {
     const char* proc = "eig_forces_dm";
     const trace_guard trace(proc, mod);
     const int nk = n_kpt(eig), ns = eig.n_states;
     const bool non_orth = ham.tb_model->non_orthogonal;
-    farray<double, 2> wf, wen, dm;
+    farray<double, 2> wf, wen;
     ca_real_2d(wf, 1, ns, 1, nk, "wf", proc, mod);
     ca_real_2d(wen, 1, ns, 1, nk, "wen", proc, mod);
     for (int k = 1; k <= nk; ++k)
@@ -466,24 +507,22 @@ void eig_forces_dm(hamiltonian_type& ham, ions_type& ions, const box_type& box, 
             wen(j, k) = non_orth ? -eig.en_i(i, k) * wf(j, k) : 0.0;
         }
     ions.f.fill(0.0);
-    ca_real_2d(dm, 1, ham.desc.u_n_dim, 1, ham.desc.row_pdist->max_l_n, "dm", proc, mod);
-    farray<double, 1> dm_diag;
-    ca_real_1d(dm_diag, 1, eig.n_dim, "dm_diag", proc, mod);
+    eig_forces_reserve(eig, ham);
+    farray<double, 2>& dm = eig.dm;
+    farray<double, 1>& dm_diag = eig.dm_diag;
     const bool on_site = ham.tb_model->on_site_env;
     for (int k = 1; k <= nk; ++k) {
         calc_hs_grad_real(ham, ions, box);
         eig_set_psi(eig, k);
-        setup_dh_dm_r(ham, eig.psi, &wf(1, k), dm, on_site ? &dm_diag : nullptr);
+        setup_dh_dm_r(ham, eig.psi, &wf(1, k), dm, on_site ? &dm_diag : nullptr, &eig.d);
         acum_dm_boost_r(ham, 1.0, ions.f, dm, ham.dh_ab, fboost, &ions.boost,
                         on_site ? &dm_diag : nullptr, on_site ? &ham.dh_aa : nullptr);
         if (non_orth) {
-            setup_dh_dm_r(ham, eig.psi, &wen(1, k), dm, nullptr);
+            setup_dh_dm_r(ham, eig.psi, &wen(1, k), dm, nullptr, &eig.d);
             acum_dm_boost_r(ham, 1.0, ions.f, dm, ham.ds_ab, fboost, &ions.boost, nullptr, nullptr);
         }
     }
     if (scc != nullptr && scc->used) add_forces_scc(*scc);
-    cd_real_2d(dm, "dm", proc, mod);
-    cd_real_1d(dm_diag, "dm_diag", proc, mod);
     cd_real_2d(wf, "wf", proc, mod);
     cd_real_2d(wen, "wen", proc, mod);
 }
@@ -492,6 +531,7 @@ void eig_forces_dm(hamiltonian_type& ham, ions_type& ions, const box_type& box, 
 
 void eig_stress_r(const hamiltonian_type& ham, const farray<double, 2>& psi_t, const double* alpha,
                   const double* beta, bool on_site, double* sig3) {
+    const phase_timer wall(phase_contract);
     stress_diag_r(ham, psi_t, alpha, ham.dh_ab, on_site ? &ham.dh_aa : nullptr, 1.0, sig3);
     if (beta != nullptr) stress_diag_r(ham, psi_t, beta, ham.ds_ab, nullptr, 1.0, sig3);
 }

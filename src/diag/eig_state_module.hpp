@@ -41,6 +41,8 @@ struct eig_state_type {
     farray<double, 1> ework;              // all eigenvalues of the solver
     farray<double, 2> x;                  // eigenvectors of the solver (when vectors are wanted)
     blacs_distr_type d;                   // solver workspace
+    farray<double, 2> dm;                 // block density matrix of the forces (H's layout)
+    farray<double, 1> dm_diag;            // its diagonal, for the on-site terms
     pdist_type row_pdist;                 // basis functions
     pdist_type col_pdist;                 // states
 };
@@ -75,13 +77,19 @@ void eig_state_read_psi_k(eig_state_type& eig, int k, int unit, std::string_view
 void eig_print_eigen_energies(const eig_state_type& eig, int unit,
                               std::optional<std::string_view> file = std::nullopt);
 
+// The block density matrix of the forces in the layout of ham's blocks; taken at
+// set-up (a fresh array costs page faults at every step) and kept.
+void eig_forces_reserve(eig_state_type& eig, const hamiltonian_type& ham);
+
 // Hellmann-Feynman forces into ions.f through the block density matrix.
 void eig_forces_dm(hamiltonian_type& ham, ions_type& ions, const box_type& box, eig_state_type& eig,
                    bool calc_stress, double fboost, const scc_type* scc);
 // dm(block) = sum_j psi(a, j) w(j) psi(b, j) in the layout of ham's blocks; dm_diag(r)
-// = sum_j psi(r, j)^2 w(j).
+// = sum_j psi(r, j)^2 w(j). The dense D is formed in ws's workspace (grown if
+// needed) when ws is given, else in an array of its own.
 void setup_dh_dm_r(const hamiltonian_type& ham, const farray<double, 2>& psi, const double* w,
-                   farray<double, 2>& dm, farray<double, 1>* dm_diag);
+                   farray<double, 2>& dm, farray<double, 1>* dm_diag,
+                   blacs_distr_type* ws = nullptr);
 
 // Three stress components of one k-point: the H gradients with the weights alpha
 // (and the on-site gradients), the S gradients with beta for a non-orthogonal model.

@@ -5,10 +5,14 @@
 #include "base/io_module.hpp"
 #include "base/timing_module.hpp"
 #include "parallel/mpi_module.hpp"
+#include "parallel/threads_module.hpp"
 #include "system/constants_module.hpp"
 
+#include <algorithm>
+#include <array>
 #include <cctype>
 #include <cmath>
+#include <vector>
 
 namespace lyrt {
 
@@ -33,6 +37,14 @@ void resolve_which(std::string_view which, bool non_orthogonal, bool& want_h, bo
         want_s = true;
     }
     if (want_s && !non_orthogonal) fatal_error(message, -1, proc, mod);
+}
+
+// Zeroes a dense matrix column by column, the columns shared among the threads.
+void zero_columns(farray<double, 2>& m) {
+    const long rows = m.extent(0), cols = m.extent(1);
+    double* p = m.data();
+#pragma omp parallel for schedule(static)
+    for (long c = 0; c < cols; ++c) std::fill(p + c * rows, p + (c + 1) * rows, 0.0);
 }
 
 // Work blocks of one build, max_no x max_no each.
@@ -83,19 +95,60 @@ void add_pair_terms(const offsite_param_type& p, const double* v, double d, bool
     }
 }
 
+// The block layout the assembly relies on, checked before the threaded loop (which
+// may not stop the run): each local ion has one block per neighbour after its own,
+// of the size of the two ions' orbitals, and check(il, ig, j, no, no2) passes for
+// every block j.
+template <class Check>
+void check_layout(const hamiltonian_type& ham, const ions_type& ions, Check&& check,
+                  const char* proc) {
+    const sparse_1d_matrix_desc_type& sd = ham.desc;
+    const pdist_type& pd = *sd.row_pdist;
+    for (int il = 1; il <= pd.l_n; ++il) {
+        const int ig = pd.l2g(il);
+        const int no = sd.row_block_dim(ig);
+        const nn_list_type& nl = ions_nn_list(ions, ig);
+        if (sd.n_blocks(ig) != nl.n_nn + 1)
+            fatal_error("ham%n_blocks(ig) /= n_neigh+1", ig, proc, mod);
+        check(il, ig, 1, no, no);
+        for (int jn = 1; jn <= nl.n_nn; ++jn) {
+            const int no2 = sd.pblock_dim(jn + 1, ig);
+            if (no * no2 != sd.ublock_dim(jn + 1, ig))
+                fatal_error("Unrolled block size/=no1*no2", ig, proc, mod);
+            check(il, ig, jn + 1, no, no2);
+        }
+    }
+}
+
+// Work blocks for each thread of the assembly.
+std::vector<hs_work> work_per_thread(int max_no, const char* proc) {
+    std::vector<hs_work> w(static_cast<std::size_t>(thread_count()));
+    for (hs_work& x : w) work_allocate(x, max_no, proc);
+    return w;
+}
+
+void work_free(std::vector<hs_work>& w, const char* proc) {
+    for (hs_work& x : w) work_free(x, proc);
+}
+
 // The assembly shared by the block and the dense forms: for each local ion the
 // diagonal block (block 1) and the block of each neighbour, handed to store(il,
-// ig, j, no, no2, w) with j the block number.
+// ig, j, no, no2, w) with j the block number. The ions are shared among the
+// threads; each ion's blocks are built by one thread into that thread's work
+// blocks, and store writes only the ion's own part of the result.
 template <class Store>
 void assemble(hamiltonian_type& ham, const ions_type& ions, const box_type& box, bool want_h,
-              bool want_s, hs_work& w, Store&& store, const char* proc) {
+              bool want_s, std::vector<hs_work>& work, Store&& store) {
     const tb_model_type& model = *ham.tb_model;
     const sparse_1d_matrix_desc_type& sd = ham.desc;
     const pdist_type& pd = *sd.row_pdist;
     const nn_list_type& ic = box.ic_list;
     const double r2 = box.r_cut * box.r_cut;
     if (want_h) init_on_site(model, ions, ic, box.r_cut);
-    for (int il = 1; il <= pd.l_n; ++il) {
+    const int n_local = pd.l_n;
+#pragma omp parallel for schedule(dynamic, 4)
+    for (int il = 1; il <= n_local; ++il) {
+        hs_work& w = work[static_cast<std::size_t>(thread_index())];
         const int ig = pd.l2g(il);
         const int a = ions.type(ig);
         const int no = sd.row_block_dim(ig);
@@ -118,8 +171,6 @@ void assemble(hamiltonian_type& ham, const ions_type& ions, const box_type& box,
         }
         store(il, ig, 1, no, no, w);
         const nn_list_type& nl = ions_nn_list(ions, ig);
-        if (sd.n_blocks(ig) != nl.n_nn + 1)
-            fatal_error("ham%n_blocks(ig) /= n_neigh+1", ig, proc, mod);
         for (int jn = 1; jn <= nl.n_nn; ++jn) {
             const int b = ions.type(nl.index(jn));
             const offsite_param_type& p = pair_param(model, a, b);
@@ -135,8 +186,6 @@ void assemble(hamiltonian_type& ham, const ions_type& ions, const box_type& box,
                 if (r2 >= d2 && d2 > 0.0)
                     add_pair_terms(p, v, std::sqrt(d2), a != b, want_h, want_s, w);
             }
-            if (no * no2 != sd.ublock_dim(jn + 1, ig))
-                fatal_error("Unrolled block size/=no1*no2", ig, proc, mod);
             store(il, ig, jn + 1, no, no2, w);
         }
     }
@@ -147,36 +196,38 @@ void assemble(hamiltonian_type& ham, const ions_type& ions, const box_type& box,
 void calc_hs_real(hamiltonian_type& ham, const ions_type& ions, const box_type& box,
                   std::string_view which) {
     const char* proc = "calc_hs_real";
+    const phase_timer wall(phase_assembly);
     const trace_guard trace(proc, mod);
     const double start = utime();
     const tb_model_type& model = *ham.tb_model;
     bool want_h, want_s;
     resolve_which(which, model.non_orthogonal, want_h, want_s,
                   "Trying to calculate S for an orthogonal TB model !", proc);
-    hs_work w;
-    work_allocate(w, model.max_no, proc);
-    if (want_h) ham.h_ab.fill(0.0);
-    if (want_s) ham.s_ab.fill(0.0);
+    if (want_h) zero_columns(ham.h_ab);
+    if (want_s) zero_columns(ham.s_ab);
     const sparse_1d_matrix_desc_type& sd = ham.desc;
     const long l_max = ham.desc.u_n_dim;
-    assemble(
-        ham, ions, box, want_h, want_s, w,
-        [&](int il, int ig, int j, int no, int no2, hs_work& wk) {
-            const int l0 = sd.ublock_offset(j, ig);
-            const long last = l0 + static_cast<long>(no) * no2 - 1;
+    check_layout(
+        ham, ions,
+        [&](int, int ig, int j, int no, int no2) {
+            const long last = sd.ublock_offset(j, ig) + static_cast<long>(no) * no2 - 1;
             if (last > l_max) {
                 write_free(report_unit, {ig, j - 1, last, l_max});
                 fatal_error("l > l_max", last, proc, mod);
             }
-            int l = l0;
-            for (int b = 1; b <= no2; ++b)
-                for (int a = 1; a <= no; ++a, ++l) {
-                    if (want_h) ham.h_ab(l, il) = wk.h_blk(a, b);
-                    if (want_s) ham.s_ab(l, il) = wk.s_blk(a, b);
-                }
         },
         proc);
-    work_free(w, proc);
+    std::vector<hs_work> work = work_per_thread(model.max_no, proc);
+    assemble(ham, ions, box, want_h, want_s, work,
+             [&](int il, int ig, int j, int no, int no2, hs_work& wk) {
+                 int l = sd.ublock_offset(j, ig);
+                 for (int b = 1; b <= no2; ++b)
+                     for (int a = 1; a <= no; ++a, ++l) {
+                         if (want_h) ham.h_ab(l, il) = wk.h_blk(a, b);
+                         if (want_s) ham.s_ab(l, il) = wk.s_blk(a, b);
+                     }
+             });
+    work_free(work, proc);
     write_free(timing_unit, {my_proc, "calc_hs_real", utime() - start, "sec"});
 }
 
@@ -209,43 +260,52 @@ void add_scc_terms(const hamiltonian_type& ham, const scc_type& scc, farray<doub
 void calc_hs_ij_real(hamiltonian_type& ham, const ions_type& ions, const box_type& box,
                      const scc_type* scc, farray<double, 2>* h_ij, farray<double, 2>* s_ij) {
     const char* proc = "calc_hs_ij_real";
+    const phase_timer wall(phase_assembly);
     const trace_guard trace(proc, mod);
     dense_checks(ham, scc, h_ij, s_ij, proc);
     const sparse_1d_matrix_desc_type& sd = ham.desc;
-    hs_work w;
-    work_allocate(w, ham.tb_model->max_no, proc);
-    if (h_ij != nullptr) h_ij->fill(0.0);
-    if (s_ij != nullptr) s_ij->fill(0.0);
+    if (h_ij != nullptr) zero_columns(*h_ij);
+    if (s_ij != nullptr) zero_columns(*s_ij);
     const int n_rows =
         h_ij != nullptr ? static_cast<int>(h_ij->extent(0)) : static_cast<int>(s_ij->extent(0));
     const int n_cols =
         h_ij != nullptr ? static_cast<int>(h_ij->extent(1)) : static_cast<int>(s_ij->extent(1));
-    assemble(
-        ham, ions, box, h_ij != nullptr, s_ij != nullptr, w,
-        [&](int il, int ig, int j, int no, int no2, hs_work& wk) {
+    check_layout(
+        ham, ions,
+        [&](int il, int ig, int j, int no, int no2) {
             const int iu = sd.lrow_block_offset(il), ku = sd.sblock_offset(j, ig);
             if (iu + no - 1 > n_rows) fatal_error("iu > n_dim", iu, proc, mod);
             if (ku + no2 - 1 > n_cols) fatal_error("ku > n_dim", ku, proc, mod);
-            for (int b = 1; b <= no2; ++b)
-                for (int a = 1; a <= no; ++a) {
-                    if (h_ij != nullptr) (*h_ij)(iu + a - 1, ku + b - 1) += wk.h_blk(a, b);
-                    if (s_ij != nullptr) (*s_ij)(iu + a - 1, ku + b - 1) += wk.s_blk(a, b);
-                }
         },
         proc);
+    std::vector<hs_work> work = work_per_thread(ham.tb_model->max_no, proc);
+    // Each ion writes the rows of its own orbitals.
+    assemble(ham, ions, box, h_ij != nullptr, s_ij != nullptr, work,
+             [&](int il, int ig, int j, int no, int no2, hs_work& wk) {
+                 const int iu = sd.lrow_block_offset(il), ku = sd.sblock_offset(j, ig);
+                 for (int b = 1; b <= no2; ++b)
+                     for (int a = 1; a <= no; ++a) {
+                         if (h_ij != nullptr) (*h_ij)(iu + a - 1, ku + b - 1) += wk.h_blk(a, b);
+                         if (s_ij != nullptr) (*s_ij)(iu + a - 1, ku + b - 1) += wk.s_blk(a, b);
+                     }
+             });
     if (scc != nullptr) add_scc_terms(ham, *scc, *h_ij);
-    work_free(w, proc);
+    work_free(work, proc);
 }
 
 void get_hs_ij_real(const hamiltonian_type& ham, farray<double, 2>* h_ij, farray<double, 2>* s_ij,
                     const scc_type* scc) {
     const char* proc = "get_hs_ij_real";
+    const phase_timer wall(phase_assembly);
     dense_checks(ham, scc, h_ij, s_ij, proc);
     const sparse_1d_matrix_desc_type& sd = ham.desc;
     const pdist_type& pd = *sd.row_pdist;
-    if (h_ij != nullptr) h_ij->fill(0.0);
-    if (s_ij != nullptr) s_ij->fill(0.0);
-    for (int il = 1; il <= pd.l_n; ++il) {
+    if (h_ij != nullptr) zero_columns(*h_ij);
+    if (s_ij != nullptr) zero_columns(*s_ij);
+    const int n_local = pd.l_n;
+    // Each ion writes the rows of its own orbitals.
+#pragma omp parallel for schedule(dynamic, 4)
+    for (int il = 1; il <= n_local; ++il) {
         const int ig = pd.l2g(il);
         const int no = sd.row_block_dim(ig), r0 = sd.lrow_block_offset(il);
         for (int j = 1; j <= sd.n_blocks(ig); ++j) {
@@ -274,6 +334,18 @@ struct grad_work {
     farray<double, 2> dh_aa_blk; // (max_no, 3)
     int ld = 0;
 };
+
+// The eight value and direction blocks of the gradient build, with their names.
+std::array<std::pair<farray<double, 2>*, const char*>, 8> grad_blocks(grad_work& w) {
+    return {{{&w.hr, "hr"},
+             {&w.hl, "hl"},
+             {&w.hm, "hm"},
+             {&w.hn, "hn"},
+             {&w.sr, "sr"},
+             {&w.sl, "sl"},
+             {&w.sm, "sm"},
+             {&w.sn, "sn"}}};
+}
 
 constexpr int mode_force = 0, mode_diagonal = 1, mode_off_diagonal = 2;
 // Strain components (a, b) of each mode, 0-based: xx, yy, zz and xy, yz, xz.
@@ -323,11 +395,27 @@ void add_pair_gradient(const offsite_param_type& p, const double* v, double d, b
     if (want_s) one(true, w.sr, w.sl, w.sm, w.sn, w.ds_blk);
 }
 
+void grad_work_allocate(grad_work& w, int mx, const char* proc) {
+    w.ld = mx;
+    ca_real_3d(w.dh_blk, 1, mx, 1, mx, 1, 3, "dh_blk", proc, mod);
+    ca_real_3d(w.ds_blk, 1, mx, 1, mx, 1, 3, "ds_blk", proc, mod);
+    for (const auto& [x, name] : grad_blocks(w)) ca_real_2d(*x, 1, mx, 1, mx, name, proc, mod);
+    ca_real_2d(w.dh_aa_blk, 1, mx, 1, 3, "dh_aa_blk", proc, mod);
+}
+
+void grad_work_free(grad_work& w, const char* proc) {
+    cd_real_3d(w.dh_blk, "dh_blk", proc, mod);
+    cd_real_3d(w.ds_blk, "ds_blk", proc, mod);
+    for (const auto& [x, name] : grad_blocks(w)) cd_real_2d(*x, name, proc, mod);
+    cd_real_2d(w.dh_aa_blk, "dh_aa_blk", proc, mod);
+}
+
 } // namespace
 
 void calc_hs_grad_real(hamiltonian_type& ham, const ions_type& ions, const box_type& box,
                        std::string_view which, std::string_view strain) {
     const char* proc = "calc_hs_grad_real";
+    const phase_timer wall(phase_gradients);
     const trace_guard trace(proc, mod);
     const double start = utime();
     const tb_model_type& model = *ham.tb_model;
@@ -339,21 +427,23 @@ void calc_hs_grad_real(hamiltonian_type& ham, const ions_type& ions, const box_t
     if (is_letter(strain, 'O')) mode = mode_off_diagonal;
 
     const int mx = model.max_no;
-    grad_work w;
-    w.ld = mx;
-    ca_real_3d(w.dh_blk, 1, mx, 1, mx, 1, 3, "dh_blk", proc, mod);
-    ca_real_3d(w.ds_blk, 1, mx, 1, mx, 1, 3, "ds_blk", proc, mod);
-    const std::pair<farray<double, 2>*, const char*> blocks[] = {
-        {&w.hr, "hr"}, {&w.hl, "hl"}, {&w.hm, "hm"}, {&w.hn, "hn"},
-        {&w.sr, "sr"}, {&w.sl, "sl"}, {&w.sm, "sm"}, {&w.sn, "sn"}};
-    for (const auto& [a, name] : blocks) ca_real_2d(*a, 1, mx, 1, mx, name, proc, mod);
-    ca_real_2d(w.dh_aa_blk, 1, mx, 1, 3, "dh_aa_blk", proc, mod);
+    std::vector<grad_work> work(static_cast<std::size_t>(thread_count()));
+    for (grad_work& w : work) grad_work_allocate(w, mx, proc);
 
     const bool on_site = want_h && model.on_site_env;
     if (want_h) init_on_site_grad(model, ions, box.ic_list, box.r_cut);
-    if (want_h) ham.dh_ab.fill(0.0);
-    if (want_s) ham.ds_ab.fill(0.0);
-    if (on_site) ham.dh_aa.fill(0.0);
+    // Each ion's columns are cleared by the thread that builds them; columns past
+    // the local ions (none with one process) here.
+    auto clear_column = [&](int il) {
+        for (int c = 1; c <= 3; ++c) {
+            if (want_h)
+                std::fill(&ham.dh_ab(1, il, c), &ham.dh_ab(1, il, c) + ham.dh_ab.extent(0), 0.0);
+            if (want_s)
+                std::fill(&ham.ds_ab(1, il, c), &ham.ds_ab(1, il, c) + ham.ds_ab.extent(0), 0.0);
+            if (on_site)
+                std::fill(&ham.dh_aa(1, il, c), &ham.dh_aa(1, il, c) + ham.dh_aa.extent(0), 0.0);
+        }
+    };
 
     const sparse_1d_matrix_desc_type& sd = ham.desc;
     const pdist_type& pd = *sd.row_pdist;
@@ -362,23 +452,40 @@ void calc_hs_grad_real(hamiltonian_type& ham, const ions_type& ions, const box_t
     const long ju_max = ham.dh_aa.allocated() ? ham.dh_aa.extent(0) : 0;
     const long l_max = sd.u_n_dim;
     const int k_diag = mode == mode_force ? 1 : (mode == mode_diagonal ? -1 : -4);
+    const int n_columns = static_cast<int>(want_h ? ham.dh_ab.extent(1) : ham.ds_ab.extent(1));
+    for (int il = pd.l_n + 1; il <= n_columns; ++il) clear_column(il);
 
-    auto store_diag = [&](int il, int ig, int j, int no) {
-        const int ju = sd.pblock_offset(j, ig);
-        if (ju + no - 1 > ju_max) {
-            write_free(report_unit, {ig, j, ju + no - 1, ju_max});
-            fatal_error("ju > size(ham%dh_aa,1)", ju + no - 1, proc, mod);
+    // The layout, checked before the threaded loop.
+    for (int il = 1; il <= pd.l_n; ++il) {
+        const int ig = pd.l2g(il);
+        const int no = sd.row_block_dim(ig);
+        if (no != sd.pblock_dim(1, ig))
+            fatal_error("no1 /= ham%desc%pblock_dim(1,ig)", ig, proc, mod);
+        const nn_list_type& nl = ions_nn_list(ions, ig);
+        for (int j = 1; j <= nl.n_nn + 1; ++j) {
+            const int no2 = sd.pblock_dim(j, ig);
+            if (on_site && (j == 1 || mode == mode_force)) {
+                const int ju = sd.pblock_offset(j, ig);
+                if (ju + no2 - 1 > ju_max) {
+                    write_free(report_unit, {ig, j, ju + no2 - 1, ju_max});
+                    fatal_error("ju > size(ham%dh_aa,1)", ju + no2 - 1, proc, mod);
+                }
+            }
+            const long last = sd.ublock_offset(j, ig) + static_cast<long>(no) * no2 - 1;
+            if (last > l_max) {
+                write_free(report_unit, {ig, j, last, l_max});
+                fatal_error("l > l_max", last, proc, mod);
+            }
         }
+    }
+
+    auto store_diag = [&](const grad_work& w, int il, int ig, int j, int no) {
+        const int ju = sd.pblock_offset(j, ig);
         for (int m = 1; m <= 3; ++m)
             for (int a = 1; a <= no; ++a) ham.dh_aa(ju + a - 1, il, m) = w.dh_aa_blk(a, m);
     };
-    auto store_blocks = [&](int il, int ig, int j, int no, int no2) {
+    auto store_blocks = [&](const grad_work& w, int il, int ig, int j, int no, int no2) {
         const int l0 = sd.ublock_offset(j, ig);
-        const long last = l0 + static_cast<long>(no) * no2 - 1;
-        if (last > l_max) {
-            write_free(report_unit, {ig, j, last, l_max});
-            fatal_error("l > l_max", last, proc, mod);
-        }
         for (int c = 1; c <= 3; ++c) {
             int l = l0;
             for (int b = 1; b <= no2; ++b)
@@ -389,26 +496,29 @@ void calc_hs_grad_real(hamiltonian_type& ham, const ions_type& ions, const box_t
         }
     };
 
-    for (int il = 1; il <= pd.l_n; ++il) {
+    // The ions are shared among the threads; each writes only its own ion's column.
+    const int n_local = pd.l_n;
+#pragma omp parallel for schedule(dynamic, 4)
+    for (int il = 1; il <= n_local; ++il) {
+        grad_work& w = work[static_cast<std::size_t>(thread_index())];
+        clear_column(il);
         const int ig = pd.l2g(il);
         const int a = ions.type(ig);
         const int no = sd.row_block_dim(ig);
-        if (no != sd.pblock_dim(1, ig))
-            fatal_error("no1 /= ham%desc%pblock_dim(1,ig)", ig, proc, mod);
         const nn_list_type& nl = ions_nn_list(ions, ig);
         if (on_site) {
             w.dh_aa_blk.fill(0.0);
             for (int b = 1; b <= model.n_species; ++b)
                 calc_dh_ii_sk_param(pair_param(model, a, b), w.dh_aa_blk.data(), mx, ig, ig,
                                     k_diag);
-            store_diag(il, ig, 1, no);
+            store_diag(w, il, ig, 1, no);
             if (mode == mode_force)
                 for (int jn = 1; jn <= nl.n_nn; ++jn) {
                     const int j = nl.index(jn);
                     const int b = ions.type(j);
                     w.dh_aa_blk.fill(0.0);
                     calc_dh_ii_sk_param(pair_param(model, b, a), w.dh_aa_blk.data(), mx, ig, j, jn);
-                    store_diag(il, ig, jn + 1, sd.pblock_dim(jn + 1, ig));
+                    store_diag(w, il, ig, jn + 1, sd.pblock_dim(jn + 1, ig));
                 }
         }
         if (mode != mode_force) {
@@ -422,7 +532,7 @@ void calc_hs_grad_real(hamiltonian_type& ham, const ions_type& ions, const box_t
                 if (r2 >= d2 && d2 > self_image_min)
                     add_pair_gradient(paa, rr, std::sqrt(d2), false, want_h, want_s, mode, w);
             }
-            store_blocks(il, ig, 1, no, no);
+            store_blocks(w, il, ig, 1, no, no);
         }
         for (int jn = 1; jn <= nl.n_nn; ++jn) {
             const int b = ions.type(nl.index(jn));
@@ -437,13 +547,10 @@ void calc_hs_grad_real(hamiltonian_type& ham, const ions_type& ions, const box_t
                 if (r2 >= d2 && d2 > self_image_min)
                     add_pair_gradient(p, v, std::sqrt(d2), a != b, want_h, want_s, mode, w);
             }
-            store_blocks(il, ig, jn + 1, no, sd.pblock_dim(jn + 1, ig));
+            store_blocks(w, il, ig, jn + 1, no, sd.pblock_dim(jn + 1, ig));
         }
     }
-    cd_real_3d(w.dh_blk, "dh_blk", proc, mod);
-    cd_real_3d(w.ds_blk, "ds_blk", proc, mod);
-    for (const auto& [a, name] : blocks) cd_real_2d(*a, name, proc, mod);
-    cd_real_2d(w.dh_aa_blk, "dh_aa_blk", proc, mod);
+    for (grad_work& w : work) grad_work_free(w, proc);
     write_free(timing_unit, {my_proc, "calc_hs_grad_real", utime() - start, "sec"});
 }
 

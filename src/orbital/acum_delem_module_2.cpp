@@ -1,5 +1,7 @@
 #include "orbital/acum_delem_module_2.hpp"
 
+#include "base/timing_module.hpp"
+
 namespace lyrt {
 
 namespace {
@@ -23,12 +25,17 @@ void acum_dm_boost_r(const hamiltonian_type& ham, double factor, farray<double, 
                      const farray<double, 2>& dm, const farray<double, 3>& dh, double boost,
                      const farray<bool, 1>* boost_active, const farray<double, 1>* dm_diag,
                      const farray<double, 3>* dh_aa) {
+    const phase_timer wall(phase_contract);
     const sparse_1d_matrix_desc_type& sd = ham.desc;
     const pdist_type& pd = *sd.row_pdist;
     const double scale = factor * boost;
     const long u_dim = dh.extent(0), l_dim = dh.extent(1);
     const double* __restrict dhp = dh.data();
-    for (int il = 1; il <= pd.l_n; ++il) {
+    const int n_local = pd.l_n;
+    // Each ion's force is summed by one thread from its own column of blocks, so the
+    // result does not depend on the number of threads.
+#pragma omp parallel for schedule(dynamic, 8)
+    for (int il = 1; il <= n_local; ++il) {
         const int ig = pd.l2g(il);
         const bool boosted = boost_active != nullptr && (*boost_active)(ig);
         const double f1 = boosted ? scale : factor;

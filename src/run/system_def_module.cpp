@@ -106,6 +106,7 @@ void init_system_elec() {
         eig_state_allocate(sys.eig_state, sys.n_basis, sys.n_states, sys.n_electrons, 1, 1,
                            sys.tb_model.non_orthogonal, sys.elec_algo.eigen_vect ? 'V' : 'N',
                            sys.kpt);
+        if (sys.elec_algo.eigen_vect) eig_forces_reserve(sys.eig_state, sys.ham);
         sys.elec_state->eig = &sys.eig_state;
     }
     if (uses(elec_algo_kpm)) {

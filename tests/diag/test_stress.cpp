@@ -1,10 +1,12 @@
 // The stress against finite differences of the energy under strain, and the
 // unrolled contraction kernels against their general loop.
 #include "../model/model_support.hpp"
+#include "base/allocate_module.hpp"
 #include "diag/acum_delem_module_1.hpp"
 #include "diag/eig_state_module.hpp"
 #include "diag/forces_module.hpp"
 #include "diag/gs_module.hpp"
+#include "parallel/threads_module.hpp"
 #include "test_support.hpp"
 
 #include <cmath>
@@ -134,6 +136,60 @@ TEST_F(StrainedSystem, MixedSpeciesStress) {
     check(2e-5, "Cu3Au with smearing");
 }
 
+// The threaded loops (assembly of H and S, gradient blocks, density matrix blocks,
+// force and stress contractions) give the energy, forces and stress of one thread
+// on two, to rounding: Si with its environment-dependent on-site terms, and Cu3Au
+// with smearing. Each ion's force is summed by one thread, so those agree exactly.
+TEST_F(StrainedSystem, OneAndTwoThreadsAgree) {
+    const int threads = thread_count();
+    set_thread_count(2);
+    if (thread_count() < 2) GTEST_SKIP() << "built without OpenMP: one thread only";
+    std::string cu3au = fcc4_rattled(3.8);
+    cu3au.replace(cu3au.find("number_of_ions = 4"), 18, "number_of_ions = 3 1");
+    struct result {
+        double e = 0.0;
+        farray<double, 2> f, sig;
+    };
+    auto evaluate = [&](int n) {
+        set_thread_count(n);
+        const double none[3][3] = {};
+        strain(none);
+        result r;
+        r.e = energy();
+        i_algo_type ia;
+        ia.calc_stress = true;
+        forces_calc(s.ham, s.box.ions, s.box, ia, elec, ea);
+        r.f = s.box.ions.f.copy();
+        r.sig = s.box.cell.sig.copy();
+        return r;
+    };
+    for (int c = 0; c < 2; ++c) {
+        if (c == 0)
+            set_up(si8_rattled, one_species_file(read_species_set("Si")), 32, 16, 32.0, 0.0);
+        else
+            set_up(cu3au,
+                   read_text(std::filesystem::path(LYRT_SOURCE_DIR) / "tests/data/CuAu.tbparam"),
+                   36, 26, 44.0, 0.1);
+        const result one = evaluate(1), two = evaluate(2);
+        EXPECT_NEAR(two.e, one.e, 1e-12 * std::fabs(one.e)) << c;
+        double f_max = 0.0;
+        for (int i = 1; i <= s.box.ions.total_n_ions; ++i)
+            for (int x = 1; x <= 3; ++x) {
+                EXPECT_EQ(two.f(x, i), one.f(x, i)) << c << " ion " << i;
+                f_max = std::max(f_max, std::fabs(one.f(x, i)));
+            }
+        EXPECT_GT(f_max, 0.05) << c; // the rattled cells have forces
+        for (int i = 1; i <= 3; ++i)
+            for (int j = 1; j <= 3; ++j)
+                EXPECT_NEAR(two.sig(i, j), one.sig(i, j), 1e-12 * (1 + std::fabs(one.sig(i, j))))
+                    << c << " sigma " << i << j;
+        eig_state_deallocate(eig);
+        hamiltonian_free(s.ham);
+        s = model_system{};
+    }
+    set_thread_count(threads);
+}
+
 // A model with the core-repulsion pair potential: the classical part of the stress too.
 TEST_F(StrainedSystem, StressWithThePairPotential) {
     species_set si = read_species_set("Si");
@@ -221,7 +277,22 @@ TEST_F(StrainedSystem, DensityMatrixBlocksEqualTheSumOverStates) {
     dm.allocate({1, 1}, {m.ham.desc.u_n_dim, m.ham.desc.row_pdist->max_l_n});
     farray<double, 1> diag;
     diag.allocate({1}, {n});
+    // Formed once in arrays of its own and once in a solver workspace left holding
+    // other numbers (too small at first, so it must grow).
     setup_dh_dm_r(m.ham, psi, w.data(), dm, &diag);
+    farray<double, 2> dm_ws;
+    dm_ws.allocate({1, 1}, {m.ham.desc.u_n_dim, m.ham.desc.row_pdist->max_l_n});
+    farray<double, 1> diag_ws;
+    diag_ws.allocate({1}, {n});
+    blacs_distr_type ws;
+    ca_real_1d(ws.work, 1, 7, "work", "test", "test");
+    ws.work.fill(1e300);
+    setup_dh_dm_r(m.ham, psi, w.data(), dm_ws, &diag_ws, &ws);
+    ws.work.fill(-3.0);
+    setup_dh_dm_r(m.ham, psi, w.data(), dm_ws, &diag_ws, &ws);
+    EXPECT_GE(ws.work.extent(0), static_cast<long>(n) * n);
+    for (std::size_t l = 0; l < dm.size(); ++l) ASSERT_EQ(dm_ws.data()[l], dm.data()[l]) << l;
+    for (int r = 1; r <= n; ++r) ASSERT_EQ(diag_ws(r), diag(r)) << r;
     const auto& sd = m.ham.desc;
     auto by_hand = [&](int a, int b) {
         double x = 0.0;
