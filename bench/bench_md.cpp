@@ -25,32 +25,6 @@ namespace {
 
 using lyrt_bench::now;
 
-// Seconds of the best of `repeats` bare dsygvd calls (vectors, upper triangle).
-double bare_dsygvd(const lyrt::farray<double, 2>& h, const lyrt::farray<double, 2>& s, int n,
-                   int repeats) {
-    std::vector<double> a(static_cast<std::size_t>(n) * n), b(a.size()), w(n);
-    double best = 1e30;
-    for (int r = 0; r < repeats; ++r) {
-        std::copy(h.data(), h.data() + a.size(), a.begin());
-        std::copy(s.data(), s.data() + b.size(), b.begin());
-        const int itype = 1;
-        int info = 0, lwork = -1, liwork = -1, iq = 0;
-        double wq = 0;
-        dsygvd_(&itype, "V", "U", &n, a.data(), &n, b.data(), &n, w.data(), &wq, &lwork, &iq,
-                &liwork, &info);
-        lwork = static_cast<int>(wq) + 1;
-        liwork = iq;
-        std::vector<double> work(static_cast<std::size_t>(lwork));
-        std::vector<int> iwork(static_cast<std::size_t>(liwork));
-        const double t0 = now();
-        dsygvd_(&itype, "V", "U", &n, a.data(), &n, b.data(), &n, w.data(), work.data(), &lwork,
-                iwork.data(), &liwork, &info);
-        best = std::min(best, now() - t0);
-        if (info != 0) std::printf("dsygvd info = %d\n", info);
-    }
-    return best;
-}
-
 } // namespace
 
 int main(int argc, char** argv) {
@@ -86,7 +60,7 @@ int main(int argc, char** argv) {
         calc_hs_real(sys.ham, sys.box.ions, sys.box);
         get_hs_ij_real(sys.ham, &eig.h_ij, &eig.s_ij, nullptr);
         order = eig.n_dim;
-        t_bare = bare_dsygvd(eig.h_ij, eig.s_ij, order, 2);
+        t_bare = lyrt_bench::bare_dsygvd(eig.h_ij.data(), eig.s_ij.data(), order, 2);
         close_units();
     } catch (const fatal_stop& stop) {
         std::printf("stopped: %s\n", stop.message.c_str());

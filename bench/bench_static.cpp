@@ -89,26 +89,6 @@ void write_case_inputs(const std::filesystem::path& dir, const bench_case& c) {
                                std::filesystem::copy_options::overwrite_existing);
 }
 
-// Seconds of one bare dsygvd (vectors, upper triangle) of order n.
-double bare_dsygvd(const double* h, const double* s, int n) {
-    std::vector<double> a(h, h + static_cast<std::size_t>(n) * n), b(s, s + a.size()), w(n);
-    const int itype = 1;
-    int info = 0, lwork = -1, liwork = -1, iq = 0;
-    double wq = 0;
-    dsygvd_(&itype, "V", "U", &n, a.data(), &n, b.data(), &n, w.data(), &wq, &lwork, &iq, &liwork,
-            &info);
-    lwork = static_cast<int>(wq) + 1;
-    liwork = iq;
-    std::vector<double> work(static_cast<std::size_t>(lwork));
-    std::vector<int> iwork(static_cast<std::size_t>(liwork));
-    const double t0 = now();
-    dsygvd_(&itype, "V", "U", &n, a.data(), &n, b.data(), &n, w.data(), work.data(), &lwork,
-            iwork.data(), &liwork, &info);
-    const double t = now() - t0;
-    if (info != 0) std::printf("dsygvd info = %d\n", info);
-    return t;
-}
-
 // Flops per second of dgemm C(n, n) = A(n, k) A(n, k)^T, the product that forms a
 // density matrix from k weighted states; the best of three.
 double dgemm_rate(int n, int k) {
@@ -160,7 +140,7 @@ int run_one(const std::string& name) {
         for (int p = 1; p <= n_phases; ++p) ph[p] = phase_seconds(p);
         // The bare solver on the same H and S (the solver left its factor in s_ij).
         get_hs_ij_real(sys.ham, &eig.h_ij, &eig.s_ij, nullptr);
-        const double t_bare = bare_dsygvd(eig.h_ij.data(), eig.s_ij.data(), n);
+        const double t_bare = lyrt_bench::bare_dsygvd(eig.h_ij.data(), eig.s_ij.data(), n);
         // The density matrices are formed from the states of non-zero weight: all the
         // computed states with smearing, the filled ones without.
         int n_weighted = 0;
