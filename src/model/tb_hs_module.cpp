@@ -455,15 +455,11 @@ void calc_hs_grad_real(hamiltonian_type& ham, const ions_type& ions, const box_t
     const int n_columns = static_cast<int>(want_h ? ham.dh_ab.extent(1) : ham.ds_ab.extent(1));
     for (int il = pd.l_n + 1; il <= n_columns; ++il) clear_column(il);
 
-    // The layout, checked before the threaded loop.
-    for (int il = 1; il <= pd.l_n; ++il) {
-        const int ig = pd.l2g(il);
-        const int no = sd.row_block_dim(ig);
-        if (no != sd.pblock_dim(1, ig))
-            fatal_error("no1 /= ham%desc%pblock_dim(1,ig)", ig, proc, mod);
-        const nn_list_type& nl = ions_nn_list(ions, ig);
-        for (int j = 1; j <= nl.n_nn + 1; ++j) {
-            const int no2 = sd.pblock_dim(j, ig);
+    check_layout(
+        ham, ions,
+        [&](int, int ig, int j, int no, int no2) {
+            if (j == 1 && no != sd.pblock_dim(1, ig))
+                fatal_error("no1 /= ham%desc%pblock_dim(1,ig)", ig, proc, mod);
             if (on_site && (j == 1 || mode == mode_force)) {
                 const int ju = sd.pblock_offset(j, ig);
                 if (ju + no2 - 1 > ju_max) {
@@ -476,8 +472,8 @@ void calc_hs_grad_real(hamiltonian_type& ham, const ions_type& ions, const box_t
                 write_free(report_unit, {ig, j, last, l_max});
                 fatal_error("l > l_max", last, proc, mod);
             }
-        }
-    }
+        },
+        proc);
 
     auto store_diag = [&](const grad_work& w, int il, int ig, int j, int no) {
         const int ju = sd.pblock_offset(j, ig);
