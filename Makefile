@@ -5,7 +5,7 @@ PACKAGES := g++ cmake make libopenblas-dev libgtest-dev googletest clang-format 
 EXAMPLE ?= si8
 JOBS ?= 2
 
-.PHONY: run test bench deps build-release build-test release-serial format layers clean
+.PHONY: run test bench fuzz deps build-release build-test release-serial format layers clean
 
 deps:
 	@missing=""; for p in $(PACKAGES); do \
@@ -56,6 +56,31 @@ bench: build-release
 	build/release/lyrt_bench $(BENCH_SIZES)
 	build/release/lyrt_bench_md
 	build/release/lyrt_bench_kpm
+
+# Fuzzing of the three input readers with libFuzzer (clang, address and undefined
+# behaviour sanitizers), FUZZ_SECONDS each, seeded with the examples and the
+# parameter sets; the corpora grow in build/fuzz/corpus/, what crashes or hangs is
+# kept in build/fuzz/findings/. Paths are absolute: a target works in a folder of
+# its own. Not part of make test.
+FUZZ_SECONDS ?= 600
+FUZZ_PACKAGES := clang libclang-rt-14-dev
+fuzz: deps
+	@$(MAKE) --no-print-directory deps PACKAGES="$(FUZZ_PACKAGES)"
+	cmake -S . -B build/fuzz -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+	  -DLYRT_FUZZ=ON -DLYRT_TESTS=OFF -DLYRT_OPENMP=OFF >/dev/null
+	cmake --build build/fuzz -j $(JOBS) --target fuzz_keywords fuzz_positions fuzz_params
+	@mkdir -p build/fuzz/corpus/keywords build/fuzz/corpus/positions build/fuzz/corpus/params \
+	  build/fuzz/findings
+	@for f in examples/*/INLYRT; do cp $$f build/fuzz/corpus/keywords/$$(basename $$(dirname $$f)); done
+	@for f in examples/*/POSLYRT; do cp $$f build/fuzz/corpus/positions/$$(basename $$(dirname $$f)); done
+	@for f in tests/data/*.tbparam; do cp $$f build/fuzz/corpus/params/$$(basename $$f); done
+	@for t in keywords positions params; do \
+	  echo "fuzzing the $$t reader for $(FUZZ_SECONDS) s"; \
+	  (cd build/fuzz && ./fuzz_$$t -max_total_time=$(FUZZ_SECONDS) -timeout=10 -rss_limit_mb=2048 \
+	    -close_fd_mask=1 -artifact_prefix=$(CURDIR)/build/fuzz/findings/$$t- \
+	    $(CURDIR)/build/fuzz/corpus/$$t > $$t.log 2>&1); \
+	  tail -n 3 build/fuzz/$$t.log; \
+	done
 
 clean:
 	rm -rf build run

@@ -89,6 +89,7 @@ struct i_algo_type {
     double inv_2dt = 0.5;       // 1 / (2 dt)
     double half_dt = 0.5;       // dt / 2
     double max_force = 1e-4;    // relaxation force tolerance, eV/Angstrom
+    double max_wall_time = 0.0; // wall seconds the run may take (ends at a step); 0: no limit
     double delta_e = 1e-10;     // relaxation energy tolerance, eV
     double temperature = 300.0; // K
     double target_e_kin = 0.0;  // eV

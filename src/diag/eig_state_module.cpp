@@ -337,13 +337,20 @@ void eig_state_write(eig_state_type& eig, int unit, std::string_view file) {
                       mod);
         return;
     }
-    if (i_am_master) open_wfs(eig, unit, file, false);
+    // Written under a temporary name and renamed into place: a run stopped while
+    // writing leaves the previous complete file.
+    const std::string name(file), partial = name + ".part";
+    std::error_code ec;
+    std::filesystem::remove(partial, ec); // a direct-access file keeps old records
+    if (i_am_master) open_wfs(eig, unit, partial, false);
     for (int k = 1; k <= n_kpt(eig); ++k) {
         eig_set_psi(eig, k);
-        eig_state_write_psi_k(eig, k, unit, file, false);
+        eig_state_write_psi_k(eig, k, unit, partial, false);
     }
     unit_close(unit);
     eig_set_psi(eig, 1);
+    if (i_am_master) std::filesystem::rename(partial, name, ec);
+    if (ec) warning_error("could not rename " + partial + " to " + name, "eig_state_write", mod);
 }
 
 void eig_state_read(eig_state_type& eig, int unit, std::string_view file) {

@@ -2,6 +2,7 @@
 
 #include "base/error_module.hpp"
 #include "base/io_module.hpp"
+#include "base/stop_module.hpp"
 #include "base/timing_module.hpp"
 #include "diag/fast_module.hpp"
 #include "diag/forces_module.hpp"
@@ -60,6 +61,27 @@ void report_step(box_type& box, ions_state_type& ions_state, i_algo_type& i_algo
     print_system_status(box, ions_state, i_algo, elec, elec_algo, *ham.tb_model, report_unit);
 }
 
+// Whether a loop must end early after this step (a signal, or the wall-time limit);
+// if so, says why on the error report, the report and standard output.
+bool end_early(ions_state_type& ions_state, const i_algo_type& i_algo, double loop_start,
+               int steps_done) {
+    const int request = stop_check(timeofday(), loop_start, steps_done, i_algo.max_wall_time);
+    if (request == stop_none) return false;
+    ions_state.interrupted = request;
+    const std::string why = stop_reason(request) + " at the end of step " +
+                            std::to_string(ions_state.step) +
+                            "; POSCONT holds this state (copy it to POSLYRT and set start = 1 "
+                            "to continue)";
+    warning_error(why, "ions_main_loop", mod);
+    if (i_am_master) {
+        unit_write(report_unit, "");
+        unit_write(report_unit, " *** " + why + " ***");
+    }
+    unit_write(stdout_unit, " WARNING: " + why);
+    std::fflush(stdout);
+    return true;
+}
+
 // Advances the step counter and the clock (boosted in hyper dynamics).
 void advance_clock(ions_state_type& ions_state, const i_algo_type& i_algo) {
     ions_state.step += 1;
@@ -108,6 +130,8 @@ void run_steps(box_type& box, ions_state_type& ions_state, i_algo_type& i_algo,
         if (mover == move_velocity_verlet && !first) calc_velocities_vv(ions, i_algo);
         report_step(box, ions_state, i_algo, elec, elec_algo, ham, step_start);
         if (ions_state.step >= last_step) break;
+        if (end_early(ions_state, i_algo, loop_start, ions_state.step - ions_state.first_step + 1))
+            break;
         switch (mover) {
         case move_velocity_verlet: move_eom_vv(ions, box, i_algo); break;
         case move_position_verlet:
@@ -149,6 +173,7 @@ void ions_main_loop(box_type& box, ions_state_type& ions_state, i_algo_type& i_a
     }
     ions_state.final_call = 0;
     ions_state.skip_save = -1;
+    ions_state.interrupted = stop_none;
     switch (i_algo.algo) {
     case ions_algo_md:
         if (i_algo.eom_algo == eom_verlet)
@@ -677,6 +702,7 @@ void ions_cg_loop(box_type& box, ions_state_type& ions_state, i_algo_type& i_alg
         for (int k = 1; k <= 3; ++k) cg.frz(k, i) = ions.frozen(k, i) ? 0.0 : 1.0;
     ions_state.first_step = ions_state.step;
     const int last_step = ions_state.first_step + i_algo.n_steps;
+    const double loop_start = timeofday();
     elec_algo.algo = elec_algo.gs;
     double e_pot = calc_ene(cg, 'F');
     elec_state_type& e = electrons_or_none(elec);
@@ -838,6 +864,8 @@ void ions_cg_loop(box_type& box, ions_state_type& ions_state, i_algo_type& i_alg
         ions_state.step_seconds = timeofday() - step_start;
         if (done) break;
         print_system_status(box, ions_state, i_algo, elec, elec_algo, *ham.tb_model, report_unit);
+        if (end_early(ions_state, i_algo, loop_start, ions_state.step - ions_state.first_step))
+            break;
     }
     cd_real_2d(cg.h, "h", proc, mod);
     cd_real_2d(cg.frz, "frz", proc, mod);

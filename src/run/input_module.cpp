@@ -221,6 +221,7 @@ void read_input(std::string_view file_name, elec_algo_type& elec_algo, i_algo_ty
     read_int(f, "save_wfs", elec_algo.save_wfs, de.save_wfs);
     read_real(f, "ions_delta_e", i_algo.delta_e, di.delta_e);
     read_real(f, "ions_max_force", i_algo.max_force, di.max_force);
+    read_real(f, "max_wall_time", i_algo.max_wall_time, di.max_wall_time);
     read_int(f, "output_level", elec_algo.output_level, de.output_level);
     read_real(f, "eta", elec_algo.eta, de.eta);
     read_int(f, "eta_mod_freq", elec_algo.eta_mod_freq, de.eta_mod_freq);

@@ -4,9 +4,11 @@
 // keywords, set up ions, neighbour lists and electrons, hand control to the ion
 // loop, and close down with the timing lines. A fatal stop anywhere has already
 // written its message and closed the files when it reaches this level; the run
-// then ends with a failure status.
+// then ends with status 1. SIGTERM, SIGINT and max_wall_time end the ion loop at
+// the end of a step; the run closes down as usual and ends with status 2.
 #include "base/error_module.hpp"
 #include "base/io_module.hpp"
+#include "base/stop_module.hpp"
 #include "base/timing_module.hpp"
 #include "dynamics/ions_dyn_module.hpp"
 #include "model/tb_model_module.hpp"
@@ -19,9 +21,12 @@
 
 namespace {
 
-void main_lyrt() {
+// The run; its exit status: 0, or exit_interrupted when a signal or the wall-time
+// limit ended it early at a step boundary.
+int main_lyrt() {
     using namespace lyrt;
     const double start_time = utime();
+    stop_install_handlers();
     init_mpi();
     if (i_am_master) open_units();
     barrier();
@@ -52,16 +57,16 @@ void main_lyrt() {
     trace_out("main_lyrt", "main_lyrt");
     write_free(timing_unit, {"main_lyrt", utime() - start_time});
     if (i_am_master) close_units();
+    return sys.ions_state.interrupted != stop_none ? exit_interrupted : 0;
 }
 
 } // namespace
 
 int main() {
     try {
-        main_lyrt();
+        return main_lyrt();
     } catch (const lyrt::fatal_stop&) {
         std::fflush(stdout);
         return 1;
     }
-    return 0;
 }

@@ -68,6 +68,7 @@ struct ions_state_type {
     double time_factor = 1.0;  // advance of the clock per step, in units of dt
     double e_boost = 0.0;      // the boost potential dV, eV
     double step_seconds = 0.0; // wall-clock seconds of the last ionic step
+    int interrupted = 0;       // why the loop ended early (stop_module codes), 0 if it did not
 };
 
 // The neighbour lists of ion i (numbered from 1).
