@@ -33,7 +33,7 @@ run: build-release
 	@grep -E "^  (Potential|Tight-binding|Repulsive|Fermi|Energy gap)" run/$(EXAMPLE)/OUTLYRT
 
 format:
-	clang-format --dry-run --Werror $$(git ls-files 'src/*.cpp' 'src/*.hpp' 'tests/*.cpp' 'tests/*.hpp' 'bench/*.cpp')
+	clang-format --dry-run --Werror $$(git ls-files 'src/*.cpp' 'src/*.hpp' 'tests/*.cpp' 'tests/*.hpp' 'bench/*.cpp' 'fuzz/*.cpp' 'fuzz/*.hpp')
 
 # Every include points to its own layer (folder of src/) or a lower one.
 layers:
