@@ -1,7 +1,7 @@
 # Set-up and the two everyday commands:
 #   make run    build (Release) and run lyrt on the shipped example in run/
 #   make test   build with bounds checking and warnings as errors, then run the tests
-PACKAGES := g++ cmake make libopenblas-dev libgtest-dev googletest clang-format python3-ase python3-numpy
+PACKAGES := g++ cmake make libopenblas-dev libgtest-dev googletest clang-format python3-ase python3-numpy python3-matplotlib
 EXAMPLE ?= si8
 JOBS ?= 2
 

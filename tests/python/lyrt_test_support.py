@@ -1,0 +1,30 @@
+"""What the Python tests share: the program, the source tree, fresh folders."""
+import os
+import shutil
+import subprocess
+import tempfile
+import unittest
+
+LYRT = os.environ["LYRT_BINARY"]
+SOURCE = os.environ["LYRT_SOURCE_DIR"]
+DATA = os.path.join(SOURCE, "tests", "data")
+
+
+class FolderTest(unittest.TestCase):
+    """A test that works in a fresh temporary folder."""
+
+    def setUp(self):
+        self.dir = tempfile.mkdtemp(prefix="lyrt_py_")
+
+    def tearDown(self):
+        shutil.rmtree(self.dir, ignore_errors=True)
+
+    def path(self, *names):
+        return os.path.join(self.dir, *names)
+
+    def run_lyrt(self, folder):
+        run = subprocess.run([LYRT], cwd=folder, capture_output=True, text=True,
+                             env=dict(os.environ, OMP_NUM_THREADS="1",
+                                      OPENBLAS_NUM_THREADS="1"))
+        self.assertEqual(run.returncode, 0, run.stdout[-2000:])
+        return run
