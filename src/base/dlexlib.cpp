@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cmath>
 #include <cstdlib>
+#include <limits>
 #include <vector>
 
 namespace lyrt {
@@ -279,7 +280,8 @@ void chkint(std::string_view s, char& ok, std::string& format) {
         for (char& c : e)
             if (c == 'd' || c == 'D' || c == 'q' || c == 'Q') c = 'E';
         const double v = std::strtod(e.c_str(), nullptr);
-        ok = v == static_cast<double>(static_cast<long long>(v)) ? 'Y' : 'U';
+        // Whole and finite; the bound keeps the test clear of values no integer holds.
+        ok = std::isfinite(v) && std::fabs(v) < 9.0e18 && v == std::trunc(v) ? 'Y' : 'U';
         format = f;
         return;
     }
@@ -426,7 +428,12 @@ int nitems(std::string& s, std::string& work, bool expand, char type) {
                 std::string_view times = word.substr(0, p);
                 item = word.substr(p + 1);
                 if (!is_digits(times)) return count;
-                repeat = std::stoi(std::string(times));
+                // A repeat count beyond what an int holds is no count at all.
+                const auto first = times.find_first_not_of('0');
+                const std::string_view digits =
+                    first == std::string_view::npos ? std::string_view{} : times.substr(first);
+                if (digits.size() > 9) return count;
+                repeat = digits.empty() ? 0 : std::stoi(std::string(digits));
                 if (repeat < 1) return count;
             }
             if (checked) {
@@ -436,15 +443,18 @@ int nitems(std::string& s, std::string& work, bool expand, char type) {
                 if (ok == 'N' || (type == 'I' && ok == 'U')) return count;
             }
             if (stars == 1 && expand) {
-                // Write the repeat out in place and count again from the start.
+                // Write the repeat out in place and count again from the start; a
+                // repeat that can't fit the record fails before it is written out.
+                const bool fits = static_cast<std::size_t>(repeat) * (item.size() + 1) <=
+                                  s.size() + word.size() + 1;
                 std::string expansion;
-                for (int r = 0; r < repeat; ++r) {
+                for (int r = 0; fits && r < repeat; ++r) {
                     if (r > 0) expansion += ' ';
                     expansion += item;
                 }
                 const std::size_t at = static_cast<std::size_t>(word.data() - s.data());
                 std::string next = s.substr(0, at) + expansion + s.substr(at + word.size());
-                if (length(next) > static_cast<int>(s.size())) {
+                if (!fits || length(next) > static_cast<int>(s.size())) {
                     unit_write(stdout_unit, "");
                     unit_write(stdout_unit, "Error LEXLIB routine 'NITEMS': expansion fails, "
                                             "insufficient CHARACTER length.");
@@ -456,7 +466,9 @@ int nitems(std::string& s, std::string& work, bool expand, char type) {
                 restart = true;
                 break;
             }
-            count += repeat;
+            count = repeat > std::numeric_limits<int>::max() - count
+                        ? std::numeric_limits<int>::max()
+                        : count + repeat;
         }
         if (!restart) return count;
     }

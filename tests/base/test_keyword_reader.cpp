@@ -257,6 +257,24 @@ TEST(Dlexlib, TypeChecksAndItemCounts) {
     testing::internal::CaptureStdout();
     EXPECT_EQ(nitems(tight, work, true, 'I'), 0);
     EXPECT_NE(testing::internal::GetCapturedStdout().find("expansion fails"), std::string::npos);
+
+    // Repeat counts beyond an int are no counts (they threw); leading zeros don't
+    // count as digits; a count that can't fit the record fails before it is written
+    // out (it was built in full first).
+    std::string huge = "77777777777777777777*7 1";
+    EXPECT_EQ(nitems(huge, work, false, 'I'), 0);
+    std::string zeros = "0000000000003*2";
+    EXPECT_EQ(nitems(zeros, work, false, 'I'), 3);
+    std::string big = "999999999*1";
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(nitems(big, work, true, 'I'), 0);
+    EXPECT_NE(testing::internal::GetCapturedStdout().find("expansion fails"), std::string::npos);
+    // A whole number no integer holds is unclear as an integer (its conversion was
+    // undefined); a whole one in range still passes.
+    chktyp("5.5555555555555555e29", work, 'I', ok, format);
+    EXPECT_EQ(ok, 'U');
+    chktyp("1.0e9", work, 'I', ok, format);
+    EXPECT_EQ(ok, 'Y');
 }
 
 TEST(Dlexlib, CaseAndUnits) {

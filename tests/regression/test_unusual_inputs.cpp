@@ -158,3 +158,35 @@ TEST_F(UnusualInputs, ContinuationFileOfAStaticRunHasValidLevels) {
 }
 
 } // namespace
+
+namespace {
+
+// Inputs found by fuzzing the readers, kept in tests/data/fuzz: each ends with the
+// program's message instead of a crash. A repeat count beyond an int (INLYRT) ended
+// in an uncaught exception; a whole number beyond a long long where an integer is
+// due (POSLYRT) converted with undefined behaviour.
+TEST_F(UnusualInputs, FuzzFindingsStopWithAMessage) {
+    const auto fuzz = std::filesystem::path(LYRT_SOURCE_DIR) / "tests/data/fuzz";
+    const auto example = std::filesystem::path(LYRT_SOURCE_DIR) / "examples/si8";
+    struct finding {
+        const char* file;
+        const char* replaces;
+        const char* message;
+    };
+    const finding findings[] = {
+        {"INLYRT.repeat_count_overflow", "INLYRT", "error reading keyword ions_algo"},
+        {"POSLYRT.huge_integer_count", "POSLYRT", "error reading keyword number_of_ions"}};
+    for (const auto& f : findings) {
+        const auto run = dir / f.file;
+        std::filesystem::create_directories(run);
+        for (const char* name : {"INLYRT", "POSLYRT", "TBPARAM"})
+            std::filesystem::copy_file(example / name, run / name);
+        std::filesystem::copy_file(fuzz / f.file, run / f.replaces,
+                                   std::filesystem::copy_options::overwrite_existing);
+        EXPECT_EQ(run_lyrt_in(run), 1) << f.file;
+        EXPECT_EQ(fatal_message(run).rfind(f.message, 0), 0u)
+            << f.file << ": " << fatal_message(run);
+    }
+}
+
+} // namespace
