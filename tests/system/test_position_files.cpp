@@ -1,5 +1,6 @@
 // Position files: every form of POSLYRT, the continuation file POSCONT and the
 // bad-input stops.
+#include "base/allocate_module.hpp"
 #include "base/error_module.hpp"
 #include "base/io_module.hpp"
 #include "system/box_module.hpp"
@@ -262,6 +263,29 @@ TEST_F(PositionFiles, RestartBlocksOfBothIntegrators) {
         io_reset();
         open_units();
     }
+}
+
+} // namespace
+
+namespace {
+
+// Found by fuzzing (tests/data/fuzz/POSLYRT.grid_beyond_memory): a grid of 2 x 211111
+// cells of 4 ions took about 2 GB in the records of the neighbour lists, which the
+// check before the allocation did not count. Under a memory limit of 256 MiB (the
+// fuzzer's) the reader now refuses it with the allocation message, and a grid whose
+// ions do fit still reads.
+TEST_F(PositionFiles, GridBeyondMemoryIsRefusedBeforeItsListsAreMade) {
+    const std::string text = lyrt_test::read_text(std::filesystem::path(LYRT_SOURCE_DIR) /
+                                                  "tests/data/fuzz/POSLYRT.grid_beyond_memory");
+    allocate_set_test_limit(256LL << 20);
+    EXPECT_EQ(stop_message(text), "Attempt to allocate ions%r_of_thas failed.");
+    const std::string fits = "number_of_ions = 4\nunit_cell_grid = 2 2000 1\na0 = 3.61\n"
+                             "a_1 = 1 0 0\na_2 = 0 1 0\na_3 = 0 0 1\npositions\n"
+                             "0 0 0\n0 0.5 0.5\n0.5 0 0.5\n0.5 0.5 0\n";
+    box_type box;
+    read(box, fits);
+    EXPECT_EQ(box.ions.total_n_ions, 16000);
+    allocate_set_test_limit(-1);
 }
 
 } // namespace
