@@ -136,30 +136,31 @@ TEST_F(InterruptedRuns, WallTimeEndsTheRunBeforeTheLimit) {
     EXPECT_NE(r.report.find("ended by max_wall_time"), std::string::npos);
     EXPECT_NE(r.report.find("FINAL CONFIGURATION"), std::string::npos);
     EXPECT_GE(poscont_step(dir / "wall" / "POSCONT"), 2);
-    // The program's own interval, from its timing lines, is within the limit; the
-    // process as a whole (start and final report) within half a second more.
+    // The program's own interval, from its timing lines, ends near the limit: the
+    // rule looks one mean step ahead, so only a step much longer than the mean (a
+    // loaded machine) passes it, and then by about that step.
     const std::string timings = read_text(dir / "wall" / "timings");
-    EXPECT_LT(last_value(timings, "Time of day interval "), limit);
-    EXPECT_LT(elapsed, limit + 0.5);
+    EXPECT_LT(last_value(timings, "Time of day interval "), limit + 1.0);
+    EXPECT_GT(last_value(timings, "Time of day interval "), 0.5 * limit);
+    EXPECT_LT(elapsed, limit + 3.0);
 }
 
-// A run killed at any moment (here 12 moments spread over the first steps, where
-// POSCONT is rewritten at every step) leaves a POSCONT that the positions reader
-// reads whole, never a partial one.
+// A run killed at any moment (here 12 moments spread over the steps after its first
+// POSCONT, which is rewritten at every step) leaves a POSCONT that the positions
+// reader reads whole, never a partial one.
 TEST_F(InterruptedRuns, KilledRunLeavesAReadablePoscont) {
     const std::string pos = poslyrt(cube(5.431), shaken(diamond(5.431, 1), 0.05), 1);
     unsigned seed = 7;
-    int read_back = 0;
     for (int trial = 0; trial < 12; ++trial) {
         const auto run = dir / ("kill" + std::to_string(trial));
         write_inputs(run, pos, md + "n_steps = 100000\n");
         const pid_t pid = start_lyrt(run);
+        const bool started = wait_for_step(run, 0);
         seed = seed * 1103515245u + 12345u;
-        const int wait_ms = 150 + static_cast<int>((seed >> 8) % 600);
-        std::this_thread::sleep_for(std::chrono::milliseconds(wait_ms));
+        std::this_thread::sleep_for(std::chrono::milliseconds((seed >> 8) % 400));
         kill(pid, SIGKILL);
         ASSERT_EQ(finish(pid), -SIGKILL);
-        if (!std::filesystem::exists(run / "POSCONT")) continue; // killed before the first step
+        ASSERT_TRUE(started) << trial;
         const auto lines = read_lines(run / "POSCONT");
         ASSERT_FALSE(lines.empty()) << trial;
         EXPECT_EQ(lines.back().rfind("energies =", 0), 0u) << trial << ": the file ends early";
@@ -172,9 +173,7 @@ TEST_F(InterruptedRuns, KilledRunLeavesAReadablePoscont) {
         }
         EXPECT_EQ(box.ions.total_n_ions, 8) << trial;
         EXPECT_GE(poscont_step(run / "POSCONT"), 0) << trial;
-        ++read_back;
     }
-    EXPECT_GE(read_back, 6); // most kills come after the first step
 }
 
 } // namespace
