@@ -412,15 +412,20 @@ void ions_read_file(box_type& box, ions_type& ions, std::string_view file, int* 
     grid_found = status == kw_ok;
     if (grid[0] < 1 || grid[1] < 1 || grid[2] < 1)
         fatal_error("unit_cell_grid needs positive repeats in file " + name, -1, proc, mod);
-    // Counts in 64 bits: a large grid must stop with a message, not overflow.
-    const long long total = basis_count * grid[0] * static_cast<long long>(grid[1]) * grid[2];
+    // The count in floating point first: a large grid must stop with a message, not
+    // overflow (three repeats of 2^31 overflow even 64 bits).
+    const double total_estimate =
+        static_cast<double>(basis_count) * grid[0] * static_cast<double>(grid[1]) * grid[2];
+    const bool countable = total_estimate <= std::numeric_limits<int>::max() / 9;
+    const long long total = countable ? static_cast<long long>(total_estimate) : 0;
     // What ions_allocate_physical takes per ion: three histories of positions,
     // velocities and forces, the flags, charges and local energies, and the records
     // of two neighbour lists.
     const long long bytes_per_ion =
         3LL * 3 * 3 * 8 + 3 + 8 + 8 + 1 + 4 + 2 * static_cast<long long>(sizeof(nn_list_type));
-    const long long ion_bytes = bytes_per_ion * total;
-    if (total > std::numeric_limits<int>::max() / 9 || !allocation_possible(ion_bytes))
+    const long long ion_bytes =
+        countable ? bytes_per_ion * total : std::numeric_limits<long long>::max();
+    if (!countable || !allocation_possible(ion_bytes))
         allocation_failed("ions%r_of_t", ion_bytes, proc, mod);
     const int repeats = grid[0] * grid[1] * grid[2];
 

@@ -164,7 +164,8 @@ namespace {
 // Inputs found by fuzzing the readers, kept in tests/data/fuzz: each ends with the
 // program's message instead of a crash. A repeat count beyond an int (INLYRT) ended
 // in an uncaught exception; a whole number beyond a long long where an integer is
-// due (POSLYRT) converted with undefined behaviour.
+// due (POSLYRT) converted with undefined behaviour; a grid of some 1.7e16 ions
+// overflowed the product of its count and its bytes.
 TEST_F(UnusualInputs, FuzzFindingsStopWithAMessage) {
     const auto fuzz = std::filesystem::path(LYRT_SOURCE_DIR) / "tests/data/fuzz";
     const auto example = std::filesystem::path(LYRT_SOURCE_DIR) / "examples/si8";
@@ -175,7 +176,8 @@ TEST_F(UnusualInputs, FuzzFindingsStopWithAMessage) {
     };
     const finding findings[] = {
         {"INLYRT.repeat_count_overflow", "INLYRT", "error reading keyword ions_algo"},
-        {"POSLYRT.huge_integer_count", "POSLYRT", "error reading keyword number_of_ions"}};
+        {"POSLYRT.huge_integer_count", "POSLYRT", "error reading keyword number_of_ions"},
+        {"POSLYRT.grid_count_overflow", "POSLYRT", "Attempt to allocate ions%r_of_t"}};
     for (const auto& f : findings) {
         const auto run = dir / f.file;
         std::filesystem::create_directories(run);
