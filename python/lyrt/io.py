@@ -92,8 +92,7 @@ def write_poslyrt(path, atoms, species=None):
 
 
 def _statements(path):
-    """(key, value, line number) of each keyword line, comments removed; the lines
-    themselves for the data blocks."""
+    """The lines of a keyword file with their comments removed."""
     with open(path) as f:
         raw = f.read().splitlines()
     lines = [re.split(r"[!#]", line, maxsplit=1)[0].strip() for line in raw]
@@ -148,7 +147,7 @@ def read_poslyrt(path, species=None):
             raise ValueError("%s: lattice vector a_%d not found" % (path, k + 1))
         cell[k] = np.array(_numbers(value)[:3]) * scale
 
-    def block(key, width):
+    def block(key):
         i, value = _find(lines, key)
         if i is None:
             return None, None
@@ -156,7 +155,7 @@ def read_poslyrt(path, species=None):
         rows = [_numbers(lines[i + 1 + n]) for n in range(n_basis)]
         return np.array(rows), reduced
 
-    rows, reduced = block("positions", 3)
+    rows, reduced = block("positions")
     if rows is None:
         raise ValueError("%s: no positions" % path)
     if rows.shape[1] == 4:
@@ -175,7 +174,7 @@ def read_poslyrt(path, species=None):
         xyz = rows
     if reduced:
         xyz = xyz @ cell
-    vel, vreduced = block("velocities", 3)
+    vel, vreduced = block("velocities")
     if vel is not None and vreduced:
         vel = vel @ cell
     frozen = None

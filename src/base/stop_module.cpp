@@ -30,18 +30,6 @@ void stop_install_handlers() {
     std::signal(SIGINT, on_stop_signal);
 }
 
-int stop_signal_number() {
-    return received;
-}
-
-void stop_reset() {
-    received = 0;
-}
-
-double stop_run_start() {
-    return run_start;
-}
-
 int stop_check(double now, double loop_start, int steps_done, double max_wall_time) {
     if (received != 0) return stop_by_signal;
     if (max_wall_time > 0.0 && steps_done > 0) {

@@ -18,15 +18,12 @@ constexpr int exit_interrupted = 2;
 // Installs the handlers and takes the run's start time. A second signal while the
 // first is still pending ends the process at once, as without the handlers.
 void stop_install_handlers();
-int stop_signal_number(); // the signal received, 0 if none
-void stop_reset();        // forget a received signal (tests)
 
 // Whether the run must end now, after steps_done steps of a loop that began at
 // loop_start (wall seconds): a signal arrived, or the start of the run plus
 // max_wall_time (seconds; not above 0: no limit) comes before the end of one more
 // step of the mean length so far.
 int stop_check(double now, double loop_start, int steps_done, double max_wall_time);
-double stop_run_start(); // wall seconds at stop_install_handlers
 
 // The sentence that says why the run ended early.
 std::string stop_reason(int request);
