@@ -1,6 +1,7 @@
 #include "diag/electrons_module.hpp"
 
 #include "base/error_module.hpp"
+#include "orbital/cg_state_module.hpp"
 
 namespace lyrt {
 
@@ -20,8 +21,8 @@ void elec_state_init(elec_state_type& elec, int n_dim, int n_states, double n_el
 void elec_save_state(elec_state_type& elec, const elec_algo_type& elec_algo, int unit,
                      std::string_view file) {
     if (elec_algo.algo < elec_algo_diag) {
-        fatal_error("orbital states can't be saved: the orbital solver isn't built", elec_algo.algo,
-                    "elec_save_state", "electrons_module");
+        if (elec.cg != nullptr) cg_state_write(*elec.cg, unit, file);
+        return;
     }
     if (elec.eig != nullptr) eig_state_write(*elec.eig, unit, file);
 }
@@ -29,8 +30,8 @@ void elec_save_state(elec_state_type& elec, const elec_algo_type& elec_algo, int
 void elec_load_state(elec_state_type& elec, const elec_algo_type& elec_algo, int unit,
                      std::string_view file) {
     if (elec_algo.algo < elec_algo_diag) {
-        fatal_error("orbital states can't be read: the orbital solver isn't built", elec_algo.algo,
-                    "elec_load_state", "electrons_module");
+        if (elec.cg != nullptr) cg_state_read(*elec.cg, unit, file);
+        return;
     }
     if (elec.eig != nullptr) eig_state_read(*elec.eig, unit, file);
 }

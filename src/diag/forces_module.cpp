@@ -6,6 +6,7 @@
 #include "kpm/kpm_module.hpp"
 #include "model/tb_hs_module.hpp"
 #include "neighbours/pbc_module.hpp"
+#include "orbital/unconst_ftn_module.hpp"
 #include "parallel/mpi_module.hpp"
 
 #include <cmath>
@@ -75,16 +76,21 @@ void forces_calc(hamiltonian_type& ham, ions_type& ions, box_type& box, const i_
     const double start = utime();
     const double boost = fboost ? *fboost : 1.0;
     const tb_model_type& model = *ham.tb_model;
-    // The kernel polynomial method has no eigenvectors and needs none.
-    if (!elec_algo.eigen_vect && !(elec_algo.algo == elec_algo_kpm && !model.classical))
+    // The kernel polynomial method has no eigenvectors and needs none; the orbital
+    // solver has its orbitals.
+    const bool own_states = elec_algo.algo == elec_algo_kpm || elec_algo.algo == elec_algo_sd ||
+                            elec_algo.algo == elec_algo_cg;
+    if (!elec_algo.eigen_vect && !(own_states && !model.classical))
         fatal_error("The eigenvectors have not been calculated cannot compute forces", -1, proc,
                     mod);
     if (!model.classical) {
         switch (elec_algo.algo) {
         case elec_algo_sd:
         case elec_algo_cg:
-            fatal_error("forces of the orbital solver are not built yet", elec_algo.algo, proc,
-                        mod);
+            calc_hs_grad_real(ham, ions, box);
+            forces_cg_min(ham, ions.f, *elec.cg, *elec.scc, elec_algo.eta, boost, &ions.boost);
+            if (i_algo.calc_stress) box.cell.sig.fill(0.0);
+            break;
         case elec_algo_diag:
         case elec_algo_diag_b:
             eig_forces_dm(ham, ions, box, *elec.eig, i_algo.calc_stress, boost, elec.scc);

@@ -79,6 +79,50 @@ void get_scc_deloc(const scc_type& scc, double x, const farray<double, 1>& q,
         e_local(i) += x * (q(i) + scc.qi0(i)) - (scc.qi0(i) + 0.5 * q(i)) * scc.qaux(i);
 }
 
+namespace {
+
+void build_heff(const hamiltonian_type& ham, scc_type& scc, double eta, bool charges) {
+    const trace_guard trace("setup_heff", mod);
+    const sparse_1d_matrix_desc_type& sd = ham.desc;
+    const pdist_type& pd = *sd.row_pdist;
+    if (scc.heff.allocated() &&
+        (scc.heff.extent(0) != ham.h_ab.extent(0) || scc.heff.extent(1) != ham.h_ab.extent(1)))
+        cd_real_2d(scc.heff, "scc%heff", "setup_heff", mod);
+    if (!scc.heff.allocated())
+        ca_real_2d(scc.heff, 1, ham.h_ab.extent(0), 1, ham.h_ab.extent(1), "scc%heff", "setup_heff",
+                   mod);
+    const bool non_orth = ham.tb_model->non_orthogonal;
+    for (int il = 1; il <= pd.l_n; ++il) {
+        const int ig = pd.l2g(il);
+        for (long l = 1; l <= ham.h_ab.extent(0); ++l) scc.heff(l, il) = ham.h_ab(l, il);
+        const double qi = charges ? scc.qaux(ig) : 0.0;
+        if (!non_orth) {
+            // S is the unit matrix: only the diagonal of the ion's own block moves.
+            const int d = sd.row_block_dim(ig);
+            const int l0 = sd.ublock_offset(1, ig);
+            for (int a = 0; a < d; ++a) scc.heff(l0 + a + d * a, il) += qi - eta;
+            continue;
+        }
+        for (int k = 1; k <= sd.n_blocks(ig); ++k) {
+            const int jg = sd.block_index(k, ig);
+            const double f = (charges ? 0.5 * (qi + scc.qaux(jg)) : 0.0) - eta;
+            const int l0 = sd.ublock_offset(k, ig);
+            for (int l = l0; l < l0 + sd.ublock_dim(k, ig); ++l)
+                scc.heff(l, il) += f * ham.s_ab(l, il);
+        }
+    }
+}
+
+} // namespace
+
+void setup_heff(const hamiltonian_type& ham, scc_type& scc, double eta) {
+    build_heff(ham, scc, eta, false);
+}
+
+void setup_scc_heff(const hamiltonian_type& ham, scc_type& scc, double eta) {
+    build_heff(ham, scc, eta, scc.used);
+}
+
 void calc_gamma(scc_type& /*scc*/) {}
 void add_forces_scc(const scc_type& /*scc*/) {}
 

@@ -3,6 +3,7 @@
 #pragma once
 
 #include "base/farray.hpp"
+#include "model/hamiltonian_module.hpp"
 #include "system/ions_module.hpp"
 
 namespace lyrt {
@@ -29,6 +30,14 @@ void cal_charge_aux(const scc_type& scc, const farray<double, 1>& q, farray<doub
 double get_scc_detot(const scc_type& scc, double x, const farray<double, 1>& q);
 void get_scc_deloc(const scc_type& scc, double x, const farray<double, 1>& q,
                    farray<double, 1>& e_local);
+// The effective Hamiltonian of the orbital minimiser in the block layout of H:
+// heff = H - eta S (setup_heff), and with the charge term of the present qaux
+// (setup_scc_heff) heff = H + (0.5 (qaux(i) + qaux(j)) - eta) S for the block of
+// ions i and j. The charge term is the derivative of sum_i qaux(i) N_i for the
+// Mulliken populations N_i of a non-orthogonal basis; in an orthogonal model it is
+// the shift qaux(i) of the on-site energies of ion i. eta in eV.
+void setup_heff(const hamiltonian_type& ham, scc_type& scc, double eta);
+void setup_scc_heff(const hamiltonian_type& ham, scc_type& scc, double eta);
 // Hooks of a distance-dependent charge model; U stays on-site here.
 void calc_gamma(scc_type& scc);
 void add_forces_scc(const scc_type& scc);

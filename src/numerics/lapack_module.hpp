@@ -17,6 +17,8 @@ void dsyrk_(const char* uplo, const char* trans, const int* n, const int* k, con
 void dtrsm_(const char* side, const char* uplo, const char* transa, const char* diag, const int* m,
             const int* n, const double* alpha, const double* a, const int* lda, double* b,
             const int* ldb);
+void dtrsv_(const char* uplo, const char* trans, const char* diag, const int* n, const double* a,
+            const int* lda, double* x, const int* incx);
 
 // ---- LAPACK: symmetric and Hermitian eigenproblems -------------------------------
 void dsyev_(const char* jobz, const char* uplo, const int* n, double* a, const int* lda, double* w,

@@ -117,6 +117,11 @@ void init_system_elec() {
                        sys.elec_algo.kpm_emax);
         sys.elec_state->kpm = &sys.kpm_state;
     }
+    if (uses(elec_algo_sd) || uses(elec_algo_cg)) {
+        cg_state_allocate(sys.cg_state, sys.ham, sys.n_states, sys.elec_algo.lo_rad,
+                          sys.elec_algo.nh, sys.elec_algo.start);
+        sys.elec_state->cg = &sys.cg_state;
+    }
     scc_model_init(sys.scc, *sys.ions, sys.elec_algo.scc_used,
                    uses(elec_algo_sd) || uses(elec_algo_cg));
     sys.elec_state->scc = &sys.scc;

@@ -6,6 +6,7 @@
 #include "kpm/kpm_module.hpp"
 #include "model/hamiltonian_module.hpp"
 #include "model/tb_model_module.hpp"
+#include "orbital/cg_state_module.hpp"
 #include "parallel/pdist_module.hpp"
 #include "run/input_module.hpp"
 #include "system/box_module.hpp"
@@ -27,6 +28,7 @@ struct system_def_type {
     hamiltonian_type ham;
     eig_state_type eig_state;
     kpm_state_type kpm_state;
+    cg_state_type cg_state;
     scc_type scc;
     kpt_type kpt;
     int n_states = 0;        // electronic states

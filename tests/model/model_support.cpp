@@ -25,7 +25,8 @@ species_set read_species_set(const std::string& name) {
     s.electrons = lines[k++];
     for (int i = 0; i < 17; ++i) s.onsite.push_back(lines[k++]);
     for (int i = 0; i < 40; ++i) s.h.push_back(lines[k++]);
-    for (int i = 0; i < 40; ++i) s.s.push_back(lines[k++]);
+    // An orthogonal set has no overlap section.
+    for (int i = 0; i < 40 && k < lines.size(); ++i) s.s.push_back(lines[k++]);
     return s;
 }
 
