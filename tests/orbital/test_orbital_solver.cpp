@@ -315,3 +315,85 @@ TEST_F(OrbitalSolver, ForcesAreThoseOfTheDenseSolverAndTheEnergyGradient) {
 }
 
 } // namespace
+
+namespace {
+
+// With charges the minimum of the functional is the self-consistent state: in an
+// orthogonal model the same as that of the dense solver's charge loop. Its forces
+// are minus the gradient of the minimised energy, orthogonal or not.
+TEST_F(OrbitalSolver, ChargeSelfConsistentMinimum) {
+    for (const char* model : {"Si_orth", "Si"}) {
+        SCOPED_TRACE(model);
+        const bool orth = std::string(model) == "Si_orth";
+        set_up(diamond_si(1, 0.15), model_file(model, "6.0"), true);
+        ions_type& ions = s.box.ions;
+        const int n_ions = ions.total_n_ions;
+        const double e = minimise();
+        std::cout << "[ orbital ] Si 8 " << model << " with charges: " << iterations
+                  << " iterations\n";
+        EXPECT_LT(iterations, ea.max_iter);
+        const farray<double, 1> q_orb = q.copy();
+        double q_max = 0.0;
+        for (const double v : q_orb) q_max = std::max(q_max, std::fabs(v));
+        EXPECT_GT(q_max, 1e-3); // the distortion moves charge
+        elec_algo_type orbital = ea;
+        orbital.algo = elec_algo_cg;
+        elec_state_type elec;
+        elec.cg = &cg;
+        elec.scc = &scc;
+        i_algo_type ia;
+        forces_calc(s.ham, ions, s.box, ia, elec, orbital);
+        const farray<double, 2> f_orb = ions.f.copy();
+        if (orth) {
+            // The dense solver's loop, linear mixing to a tight tolerance.
+            kpt_type kpt;
+            kpt.n_k = 1;
+            kpt.weight.allocate({1}, {1});
+            kpt.weight(1) = 1.0;
+            kpt.k_cart.allocate({1, 1}, {3, 1});
+            eig_state_type eig;
+            eig_state_allocate(eig, s.ham.desc.n_row, n_occ, scc.q_total, 1, 1, false, 'V', kpt);
+            scc_type charges;
+            scc_model_init(charges, ions, true, false);
+            elec_state_type dense_elec;
+            dense_elec.eig = &eig;
+            dense_elec.scc = &charges;
+            elec_algo_type dense_algo;
+            dense_algo.scc_used = true;
+            dense_algo.charge_mixing = 0.1;
+            dense_algo.energy_tol = 1e-14;
+            dense_algo.max_iter = 3000;
+            ions_state_type st;
+            st.ions = &ions;
+            st.box = &s.box;
+            ions.qion.fill(0.0);
+            gs_calc(s.box, st, dense_elec, dense_algo, s.ham, false);
+            EXPECT_NEAR(e - s.ham.e_atoms, dense_elec.e, 1e-7);
+            for (int i = 1; i <= n_ions; ++i) EXPECT_NEAR(q_orb(i), ions.qion(i), 1e-7);
+            forces_calc(s.ham, ions, s.box, ia, dense_elec, dense_algo);
+            for (int i = 1; i <= n_ions; ++i)
+                for (int x = 1; x <= 3; ++x) EXPECT_NEAR(f_orb(x, i), ions.f(x, i), 1e-5);
+            scc_model_fine(charges);
+            eig_state_deallocate(eig);
+        }
+        const farray<double, 2> r0 = ions.r.copy();
+        const double h = 1e-4;
+        for (const int i : {3, 8})
+            for (int x = 1; x <= 3; ++x) {
+                double ed[2];
+                for (int sgn = 0; sgn < 2; ++sgn) {
+                    std::copy(r0.begin(), r0.end(), ions.r.begin());
+                    ions.r(x, i) += sgn == 0 ? h : -h;
+                    rebuild(s);
+                    ed[sgn] = minimise(false);
+                }
+                EXPECT_NEAR(f_orb(x, i), -(ed[0] - ed[1]) / (2.0 * h), 1e-5) << i << " " << x;
+            }
+        std::copy(r0.begin(), r0.end(), ions.r.begin());
+        rebuild(s);
+        cg_state_deallocate(cg);
+        scc_model_fine(scc);
+    }
+}
+
+} // namespace

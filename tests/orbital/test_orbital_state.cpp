@@ -1,0 +1,256 @@
+// The orbital state: its starts, its file, its steps; the line search's edge
+// cases; the change of basis of a non-orthogonal model.
+#include "../model/model_support.hpp"
+#include "base/error_module.hpp"
+#include "base/io_module.hpp"
+#include "numerics/random_module.hpp"
+#include "orbital/hs_psi_module.hpp"
+#include "orbital/min_module.hpp"
+#include "orbital/no_basis_module.hpp"
+#include "orbital/unconst_ftn_module.hpp"
+#include "test_support.hpp"
+
+#include <cmath>
+#include <gtest/gtest.h>
+
+namespace {
+
+using namespace lyrt;
+using namespace lyrt_test;
+
+const char* si8 = "number_of_ions = 8\na0 = 5.43\na_1 = 1 0 0\na_2 = 0 1 0\na_3 = 0 0 1\n"
+                  "positions\n0.01 0 0\n0 0.5 0.5\n0.5 0 0.5\n0.5 0.5 0\n"
+                  "0.25 0.25 0.25\n0.25 0.75 0.75\n0.75 0.25 0.75\n0.75 0.75 0.25\n";
+
+class OrbitalState : public lyrt_test::program_test {
+  protected:
+    void build(const std::string& model, const std::string& pos = si8) {
+        on_site_reset();
+        build_system(s, dir, pos, one_species_file(read_species_set(model)));
+    }
+    void TearDown() override {
+        cg_state_deallocate(cg);
+        program_test::TearDown();
+    }
+    model_system s;
+    cg_state_type cg;
+};
+
+TEST_F(OrbitalState, StartsAndTheirShapes) {
+    build("Si");
+    // Start 4 with an odd count: pairs of orthonormal hybrids, the last orbital zero.
+    cg_state_allocate(cg, s.ham, 7, 0.0, -1, 4);
+    farray<double, 2> sdm;
+    sdm.allocate({1, 1}, {7, 7});
+    calc_dm_aa(cg, cg.psi, sdm);
+    for (int i = 1; i <= 6; ++i)
+        for (int j = 1; j <= 6; ++j) EXPECT_DOUBLE_EQ(sdm(i, j), i == j ? 1.0 : 0.0);
+    for (int r = 1; r <= 32; ++r) EXPECT_EQ(cg.psi(r, 7), 0.0);
+    // Start 3: the first orbital of ion j in column j.
+    cg_state_allocate(cg, s.ham, 5, 0.0, -1, 3);
+    for (int j = 1; j <= 5; ++j) {
+        double norm = 0.0;
+        for (int r = 1; r <= 32; ++r) norm += cg.psi(r, j) * cg.psi(r, j);
+        EXPECT_EQ(norm, 1.0);
+        EXPECT_EQ(cg.psi(4 * j - 3, j), 1.0);
+    }
+    // Start 0: random columns of unit length with zero mean elements.
+    init_random(3, 4);
+    cg_state_allocate(cg, s.ham, 16, 0.0, -1, 0);
+    double mean = 0.0;
+    for (int j = 1; j <= 16; ++j) {
+        double norm = 0.0;
+        for (int r = 1; r <= 32; ++r) {
+            norm += cg.psi(r, j) * cg.psi(r, j);
+            mean += cg.psi(r, j);
+        }
+        EXPECT_NEAR(norm, 1.0, 1e-14);
+    }
+    EXPECT_LT(std::fabs(mean) / (16 * 32), 0.05);
+    // Start 1: nothing is set, the orbitals will be read.
+    cg_state_allocate(cg, s.ham, 16, 0.0, -1, 1);
+    for (const double v : cg.psi) EXPECT_EQ(v, 0.0);
+}
+
+// The file holds psi_old (both passes write records 1..n_occ); a read fills psi
+// and psi_old with it. Another row count is refused before anything is read.
+TEST_F(OrbitalState, FileRoundTripKeepsTheOldOrbitals) {
+    build("Si");
+    init_random(1, 2);
+    cg_state_allocate(cg, s.ham, 16, 0.0, -1, 0);
+    random_mat(cg.psi_old);
+    const farray<double, 2> old = cg.psi_old.copy();
+    cg_state_write(cg, 21, (dir / "WFS").string());
+    EXPECT_EQ(std::filesystem::file_size(dir / "WFS"), 16u * 32u * 8u);
+    cg_state_type back;
+    cg_state_allocate(back, s.ham, 16, 0.0, -1, 1);
+    cg_state_read(back, 21, (dir / "WFS").string());
+    for (int j = 1; j <= 16; ++j)
+        for (int r = 1; r <= 32; ++r) {
+            EXPECT_EQ(back.psi(r, j), old(r, j));
+            EXPECT_EQ(back.psi_old(r, j), old(r, j));
+        }
+    cg_state_deallocate(back);
+    // The same file for a model of 9 orbitals per ion (72 rows).
+    model_system cu;
+    species_set set = read_species_set("Cu");
+    set.electrons = "2 2 0";
+    on_site_reset();
+    std::filesystem::create_directories(dir / "cu");
+    build_system(cu, dir / "cu", si8, one_species_file(set));
+    cg_state_type other;
+    cg_state_allocate(other, cu.ham, 16, 0.0, -1, 1);
+    try {
+        cg_state_read(other, 21, (dir / "WFS").string());
+        ADD_FAILURE() << "a file of another row count was read";
+    } catch (const fatal_stop& e) {
+        EXPECT_NE(std::string(e.what()).find("not equal to # of dim"), std::string::npos);
+    }
+    for (const double v : other.psi) EXPECT_EQ(v, 0.0);
+    try {
+        cg_state_read(other, 21, (dir / "missing").string());
+        ADD_FAILURE() << "a missing file was read";
+    } catch (const fatal_stop& e) {
+        EXPECT_NE(std::string(e.what()).find("problem opening"), std::string::npos);
+    }
+    cg_state_deallocate(other);
+}
+
+TEST_F(OrbitalState, StepsOfTheState) {
+    build("Si_orth");
+    init_random(5, 6);
+    cg_state_allocate(cg, s.ham, 4, 0.0, -1, 0);
+    // A Car-Parrinello step without force keeps the velocity.
+    random_mat(cg.psi_old);
+    const farray<double, 2> v0 = [&] {
+        farray<double, 2> v = cg.psi.copy();
+        for (std::size_t k = 0; k < v.size(); ++k) v.data()[k] -= cg.psi_old.data()[k];
+        return v;
+    }();
+    cg.grad.fill(0.0);
+    update_cp_state(cg, 0.3);
+    for (std::size_t k = 0; k < v0.size(); ++k)
+        EXPECT_NEAR(cg.psi.data()[k] - cg.psi_old.data()[k], v0.data()[k], 1e-15);
+    // With a force the step is x(t+dt) = 2 x - x(t-dt) + coeff grad.
+    random_mat(cg.grad);
+    const farray<double, 2> p1 = cg.psi.copy(), pm = cg.psi_old.copy();
+    update_cp_state(cg, 0.3);
+    for (std::size_t k = 0; k < p1.size(); ++k)
+        EXPECT_NEAR(cg.psi.data()[k], 2 * p1.data()[k] - pm.data()[k] + 0.3 * cg.grad.data()[k],
+                    1e-15);
+    // Conjugate-gradient updates.
+    reset_cg_state(cg);
+    for (const double v : cg.dir) EXPECT_EQ(v, 0.0);
+    random_mat(cg.grad);
+    update_cg_state(cg, 0.0, 0);
+    const farray<double, 2> g1 = cg.grad.copy();
+    random_mat(cg.grad);
+    update_cg_state(cg, 0.5, 1);
+    for (std::size_t k = 0; k < g1.size(); ++k) {
+        EXPECT_EQ(cg.dir.data()[k], cg.grad.data()[k] + 0.5 * g1.data()[k]);
+        EXPECT_EQ(cg.grad_old.data()[k], cg.grad.data()[k]);
+    }
+    const farray<double, 2> before = cg.psi.copy();
+    update_cg_state(cg, 0.25, -1);
+    for (std::size_t k = 0; k < before.size(); ++k) {
+        EXPECT_EQ(cg.psi_old.data()[k], before.data()[k]);
+        EXPECT_EQ(cg.psi.data()[k], before.data()[k] + 0.25 * cg.dir.data()[k]);
+    }
+    // Purification of orthonormal orbitals leaves them: 1.5 P - 0.5 P I = P.
+    cg_state_allocate(cg, s.ham, 16, 0.0, -1, 4);
+    const farray<double, 2> hyb = cg.psi.copy();
+    purify_cg_state(cg, s.ham);
+    for (std::size_t k = 0; k < hyb.size(); ++k)
+        EXPECT_NEAR(cg.psi.data()[k], hyb.data()[k], 1e-15);
+}
+
+TEST_F(OrbitalState, LineSearchEdgeCases) {
+    std::vector<double> ext;
+    double lambda = -1.0;
+    // A zero direction: the polynomial is constant, no step.
+    solve_line_min({-3.0, 0.0, 0.0, 0.0, 0.0}, ext, lambda);
+    EXPECT_EQ(lambda, 0.0);
+    // E = 6 l + l^2/2 - 4/3 l^3 + l^4/4, slope (l + 1)(l - 2)(l - 3): stationary at
+    // -1 (the first one found is negative), 2 and 3, both above E(0) = 0: no step.
+    std::vector<double> p = {0.0, 6.0, 0.5, -4.0 / 3.0, 0.25};
+    solve_line_min(p, ext, lambda);
+    EXPECT_EQ(ext.size(), 3u);
+    EXPECT_EQ(lambda, 0.0);
+    // -E goes downhill: its minimum at 2 and its maximum at 3 both lie below E(0);
+    // the smallest positive one is taken.
+    for (double& c : p) c = -c;
+    solve_line_min(p, ext, lambda);
+    EXPECT_NEAR(lambda, 2.0, 1e-9);
+    // A minimum beyond 10 is a failed search.
+    solve_line_min({0.0, -1.0, 0.0, 0.0, 1.0 / 48000.0}, ext, lambda);
+    EXPECT_EQ(lambda, 0.0);
+    // A quartic whose minimum is at 0.5: E = (l - 0.5)^2 (l^2 + 1) - 0.25.
+    solve_line_min({0.0, -1.0, 1.25, -1.0, 1.0}, ext, lambda);
+    EXPECT_NEAR(lambda, 0.5, 1e-9);
+}
+
+// max_iter = 0 gives one gradient and its energy: 2 Tr[Q H] + eta N_0.
+TEST_F(OrbitalState, NoIterationReturnsTheFirstEnergy) {
+    build("Si_orth");
+    scc_type scc;
+    scc_model_init(scc, s.box.ions, false, true);
+    cg_state_allocate(cg, s.ham, 16, 0.0, -1, 4);
+    elec_algo_type ea;
+    ea.md = 1;
+    ea.max_iter = 0;
+    ea.eta = 1.5;
+    farray<double, 1> q, el;
+    q.allocate({1}, {8});
+    el.allocate({1}, {8});
+    const farray<double, 2> p0 = cg.psi.copy();
+    const double e = min_cg_wf(s.ham, cg, scc, ea, true, false, el, q);
+    EXPECT_EQ(min_cg_wf_iterations(), 0);
+    for (std::size_t k = 0; k < p0.size(); ++k) EXPECT_EQ(cg.psi.data()[k], p0.data()[k]);
+    // Orthonormal orbitals: Q = I and E = 2 Tr[P' (H - eta) P] + eta 32.
+    farray<double, 2> h, sm;
+    dense(s, h, sm);
+    double ref = 32 * 1.5;
+    for (int k = 1; k <= 16; ++k)
+        for (int r = 1; r <= 32; ++r)
+            for (int c = 1; c <= 32; ++c)
+                ref += 2.0 * p0(r, k) * (h(r, c) - (r == c ? 1.5 : 0.0)) * p0(c, k);
+    EXPECT_NEAR(e, ref, 1e-10);
+    EXPECT_NEAR(ea.emass, 10.0 * 103.6437626, 1e-9); // converted once, on the first step
+    scc_model_fine(scc);
+}
+
+TEST_F(OrbitalState, ChangeOfBasis) {
+    build("Si_orth");
+    decompose_s(s.ham);
+    farray<double, 1> x, y;
+    x.allocate({1}, {32});
+    random_vec(std::span<double>(x.data(), 32));
+    y = x.copy();
+    change_basis(s.ham, y);
+    for (int i = 1; i <= 32; ++i) EXPECT_EQ(y(i), x(i));
+    // Non-orthogonal: S y = x, by the sparse product, and the two forms agree.
+    build("Si");
+    decompose_s(s.ham);
+    y = x.copy();
+    change_basis(s.ham, y);
+    farray<double, 1> sy;
+    sy.allocate({1}, {32});
+    s_psi_one(s.ham, y, sy);
+    for (int i = 1; i <= 32; ++i) EXPECT_NEAR(sy(i), x(i), 1e-10);
+    EXPECT_NEAR(overlap(s.ham, y, x), overlap(s.ham, x, y), 1e-12);
+    EXPECT_LT(test_change_basis(s.ham, stdout_unit), 1e-10);
+    // An overlap that is not positive definite: the neighbour blocks made five
+    // times larger.
+    const sparse_1d_matrix_desc_type& sd = s.ham.desc;
+    for (int i = 1; i <= 8; ++i)
+        for (long l = sd.ublock_offset(2, i); l <= s.ham.s_ab.extent(0); ++l)
+            s.ham.s_ab(l, i) *= 5.0;
+    try {
+        decompose_s(s.ham);
+        ADD_FAILURE() << "a singular overlap was factored";
+    } catch (const fatal_stop& e) {
+        EXPECT_NE(std::string(e.what()).find("error in Xpotrf info="), std::string::npos);
+    }
+}
+
+} // namespace
