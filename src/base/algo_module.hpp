@@ -14,6 +14,10 @@ constexpr int elec_algo_diag = 2; // diagonalisation (3 too)
 constexpr int elec_algo_diag_b = 3;
 constexpr int elec_algo_kpm = 4; // kernel polynomial method
 
+// Mixers of the charge loop (keyword scc_mixer).
+constexpr int scc_mixer_linear = 0;  // "linear"
+constexpr int scc_mixer_broyden = 1; // "broyden" or "anderson": multisecant, past passes
+
 // Run types of i_algo%algo.
 constexpr int ions_algo_md = 0;
 constexpr int ions_algo_cg_relax = 1;
@@ -44,7 +48,7 @@ struct elec_algo_type {
     int md = 2;               // solver during ionic motion
     double energy_tol = 1e-6; // eV
     double charge_tol = 1e-8; // electrons
-    int max_iter = 10000;
+    int max_iter = 200;       // passes of the charge loop (iterations of the orbital solver)
     int min_iter = 3;
     int output_level = 1;
     bool eigen_vect = true; // eigenvectors wanted
@@ -62,6 +66,7 @@ struct elec_algo_type {
     int nh = -1;
     bool scc_used = false; // charge self-consistency
     double charge_mixing = 0.1;
+    int scc_mixer = 0;     // scc_mixer_linear or scc_mixer_broyden
     int n_moments = 100;   // kernel polynomial order
     double kpm_emin = 0.0; // eV
     double kpm_emax = 0.0; // eV

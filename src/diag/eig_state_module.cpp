@@ -210,6 +210,16 @@ void eig_calc_energy(eig_state_type& eig) {
             for (int i = 1; i <= ns; ++i)
                 eig.e_band += eig.occ(i, k) * eig.kpt->weight(k) * eig.en_i(i, k);
         eig.e_band *= 2.0;
+        // T S = -sigma sum of weight 2 [f ln f + (1 - f) ln (1 - f)].
+        eig.e_ts = 0.0;
+        for (int k = 1; k <= nk; ++k)
+            for (int i = 1; i <= ns; ++i) {
+                const double f = eig.occ(i, k);
+                double t = 0.0;
+                if (f > 0.0 && f < 1.0) t = f * std::log(f) + (1.0 - f) * std::log(1.0 - f);
+                eig.e_ts -= 2.0 * eig.kpt->weight(k) * t;
+            }
+        eig.e_ts *= sigma;
         const int n_occ = std::min(static_cast<int>(eig.n_el * 0.5), ns);
         eig.e_filled = 0.0;
         for (int k = 1; k <= nk; ++k)
@@ -236,6 +246,7 @@ void eig_calc_energy(eig_state_type& eig) {
         eig.e_filled *= 2.0;
         eig.e_fermi = eig.en_i(n_occ, nk);
         eig.e_band = eig.e_filled;
+        eig.e_ts = 0.0;
         eig.e_gap = n_occ < ns ? eig.en_i(n_occ + 1, nk) - eig.en_i(n_occ, nk) : 0.0;
     }
     eig.e_gap = std::max(eig.e_gap, 0.0);
@@ -474,9 +485,13 @@ namespace {
 // The weight of state i at k-point k in the derivatives of the band energy: twice
 // the k weight times the occupation, and with smearing the response of the
 // occupations at a fixed electron count.
-double derivative_weight(const eig_state_type& eig, int i, int k) {
+// The weight of state i in the forces and the stress. free_energy: the derivative
+// of the free energy E - T S, stationary in the occupations, whose weights are the
+// occupations themselves (charge self-consistency); otherwise that of the band
+// energy at a fixed electron count.
+double derivative_weight(const eig_state_type& eig, int i, int k, bool free_energy) {
     const double sigma = eig.kpt->sigma, wk = eig.kpt->weight(k);
-    if (sigma <= 0.0) return 2.0 * wk * eig.occ(i, k);
+    if (sigma <= 0.0 || free_energy) return 2.0 * wk * eig.occ(i, k);
     double ratio = 0.0;
     if (std::fabs(eig.dn_sum) >= 1e-08) ratio = eig.de_sum / eig.dn_sum;
     return 2.0 * wk *
@@ -504,13 +519,14 @@ void eig_forces_dm(hamiltonian_type& ham, ions_type& ions, const box_type& box, 
     const trace_guard trace(proc, mod);
     const int nk = n_kpt(eig), ns = eig.n_states;
     const bool non_orth = ham.tb_model->non_orthogonal;
+    const bool charges = scc != nullptr && scc->used;
     farray<double, 2> wf, wen;
     ca_real_2d(wf, 1, ns, 1, nk, "wf", proc, mod);
     ca_real_2d(wen, 1, ns, 1, nk, "wen", proc, mod);
     for (int k = 1; k <= nk; ++k)
         for (int j = 1; j <= eig.col_pdist.l_n; ++j) {
             const int i = eig.col_pdist.l2g(j);
-            wf(j, k) = derivative_weight(eig, i, k);
+            wf(j, k) = derivative_weight(eig, i, k, charges);
             wen(j, k) = non_orth ? -eig.en_i(i, k) * wf(j, k) : 0.0;
         }
     ions.f.fill(0.0);
@@ -520,6 +536,7 @@ void eig_forces_dm(hamiltonian_type& ham, ions_type& ions, const box_type& box, 
     const bool on_site = ham.tb_model->on_site_env;
     for (int k = 1; k <= nk; ++k) {
         calc_hs_grad_real(ham, ions, box);
+        if (charges && non_orth) modify_dh_ab(ham, *scc, 0.0);
         eig_set_psi(eig, k);
         setup_dh_dm_r(ham, eig.psi, &wf(1, k), dm, on_site ? &dm_diag : nullptr, &eig.d);
         acum_dm_boost_r(ham, 1.0, ions.f, dm, ham.dh_ab, fboost, &ions.boost,
@@ -543,16 +560,18 @@ void eig_stress_r(const hamiltonian_type& ham, const farray<double, 2>& psi_t, c
     if (beta != nullptr) stress_diag_r(ham, psi_t, beta, ham.ds_ab, nullptr, 1.0, sig3);
 }
 
-void eig_stress(hamiltonian_type& ham, ions_type& ions, box_type& box, eig_state_type& eig) {
+void eig_stress(hamiltonian_type& ham, ions_type& ions, box_type& box, eig_state_type& eig,
+                const scc_type* scc) {
     const char* proc = "eig_stress";
     const trace_guard trace(proc, mod);
     const int nk = n_kpt(eig), ns = eig.n_states;
     const bool non_orth = ham.tb_model->non_orthogonal;
     const double sigma = eig.kpt->sigma;
+    const bool charges = scc != nullptr && scc->used;
     for (int k = 1; k <= nk; ++k)
         for (int j = 1; j <= eig.col_pdist.l_n; ++j) {
             const int i = eig.col_pdist.l2g(j);
-            eig.alpha(j, k) = derivative_weight(eig, i, k);
+            eig.alpha(j, k) = derivative_weight(eig, i, k, charges);
             // Without smearing the weight of the k-point is not in beta.
             if (!non_orth)
                 eig.beta(j, k) = 0.0;
@@ -571,6 +590,7 @@ void eig_stress(hamiltonian_type& ham, ions_type& ions, box_type& box, eig_state
             for (int j = 1; j <= ns; ++j) psi_t(j, r) = eig.psi(r, j);
         for (const int c : {1, 4}) {
             calc_hs_grad_real(ham, ions, box, "B", c == 1 ? "D" : "O");
+            if (charges && non_orth) modify_dh_ab(ham, *scc, 0.0);
             eig_stress_r(ham, psi_t, &eig.alpha(1, k), non_orth ? &eig.beta(1, k) : nullptr,
                          on_site, &sig[c - 1]);
         }

@@ -29,6 +29,7 @@ struct eig_state_type {
     std::vector<farray<double, 2>> psi_k; // eigenvectors of each k-point in columns
     double e_band = 0.0;                  // band energy, eV (spin included)
     double e_filled = 0.0;                // band sum over the filled states, eV
+    double e_ts = 0.0;                    // sigma times the Fermi entropy (spin included), eV
     double e_fermi = 0.0;                 // Fermi level, eV
     double e_gap = 0.0;                   // gap, eV, never negative
     farray<double, 2> en_i;               // (n_states, n_k) eigenvalues, eV
@@ -97,6 +98,8 @@ void eig_stress_r(const hamiltonian_type& ham, const farray<double, 2>& psi_t, c
                   const double* beta, bool on_site, double* sig3);
 // The electronic stress from the states and the strain gradients of H and S:
 // the symmetric tensor into box.cell.sig, eV/Angstrom^3.
-void eig_stress(hamiltonian_type& ham, ions_type& ions, box_type& box, eig_state_type& eig);
+// With scc in use the charge term of H enters the strain derivative too.
+void eig_stress(hamiltonian_type& ham, ions_type& ions, box_type& box, eig_state_type& eig,
+                const scc_type* scc = nullptr);
 
 } // namespace lyrt

@@ -94,7 +94,7 @@ void forces_calc(hamiltonian_type& ham, ions_type& ions, box_type& box, const i_
         case elec_algo_diag:
         case elec_algo_diag_b:
             eig_forces_dm(ham, ions, box, *elec.eig, i_algo.calc_stress, boost, elec.scc);
-            if (i_algo.calc_stress) eig_stress(ham, ions, box, *elec.eig);
+            if (i_algo.calc_stress) eig_stress(ham, ions, box, *elec.eig, elec.scc);
             break;
         case elec_algo_kpm:
             calc_hs_grad_real(ham, ions, box);

@@ -6,13 +6,18 @@
 #include "model/tb_hs_module.hpp"
 #include "neighbours/pbc_module.hpp"
 
+#include <algorithm>
 #include <cmath>
+#include <vector>
 
 namespace lyrt {
 
 namespace {
 
 constexpr const char* mod = "secular_module";
+
+int last_passes = 0; // passes of the last call
+bool last_converged = true;
 
 void debug_print_hs() {}
 
@@ -28,6 +33,78 @@ void check_finite(const farray<double, 2>& m, int n, const char* name) {
                             -1, "solve_secular_eqn", mod);
 }
 
+// Anderson's multisecant mixing of the charges (Broyden's second method): the
+// next input charges x + beta r - sum_j g_j (dx_j + beta dr_j), with r = q_out - q_in
+// the residual and g the least-squares fit of r by the residual changes dr_j of
+// the last passes. Linear mixing is the case without history. Sums of charges are
+// kept: every residual sums to zero.
+struct charge_mixer {
+    static constexpr std::size_t depth = 8;
+    double beta = 0.1;
+    std::vector<double> x_prev, r_prev;
+    std::vector<std::vector<double>> dx, dr;
+
+    void mix(std::vector<double>& x, const std::vector<double>& r) {
+        const std::size_t n = x.size();
+        if (!x_prev.empty()) {
+            std::vector<double> a(n), b(n);
+            for (std::size_t i = 0; i < n; ++i) {
+                a[i] = x[i] - x_prev[i];
+                b[i] = r[i] - r_prev[i];
+            }
+            dx.push_back(std::move(a));
+            dr.push_back(std::move(b));
+            if (dx.size() > depth) {
+                dx.erase(dx.begin());
+                dr.erase(dr.begin());
+            }
+        }
+        x_prev = x;
+        r_prev = r;
+        const std::size_t m = dr.size();
+        std::vector<double> g(m, 0.0);
+        if (m > 0) {
+            // Normal equations of the fit, slightly regularised, by Gaussian elimination.
+            std::vector<double> a(m * m), rhs(m);
+            double trace = 0.0;
+            for (std::size_t p = 0; p < m; ++p) {
+                for (std::size_t q = 0; q < m; ++q) {
+                    double d = 0.0;
+                    for (std::size_t i = 0; i < n; ++i) d += dr[p][i] * dr[q][i];
+                    a[p * m + q] = d;
+                }
+                double d = 0.0;
+                for (std::size_t i = 0; i < n; ++i) d += dr[p][i] * r[i];
+                rhs[p] = d;
+                trace += a[p * m + p];
+            }
+            for (std::size_t p = 0; p < m; ++p) a[p * m + p] += 1e-12 * trace + 1e-300;
+            for (std::size_t c = 0; c < m; ++c) {
+                std::size_t piv = c;
+                for (std::size_t p = c + 1; p < m; ++p)
+                    if (std::fabs(a[p * m + c]) > std::fabs(a[piv * m + c])) piv = p;
+                for (std::size_t q = 0; q < m; ++q) std::swap(a[c * m + q], a[piv * m + q]);
+                std::swap(rhs[c], rhs[piv]);
+                for (std::size_t p = c + 1; p < m; ++p) {
+                    const double f = a[p * m + c] / a[c * m + c];
+                    for (std::size_t q = c; q < m; ++q) a[p * m + q] -= f * a[c * m + q];
+                    rhs[p] -= f * rhs[c];
+                }
+            }
+            for (std::size_t c = m; c-- > 0;) {
+                double v = rhs[c];
+                for (std::size_t q = c + 1; q < m; ++q) v -= a[c * m + q] * g[q];
+                g[c] = v / a[c * m + c];
+            }
+        }
+        for (std::size_t i = 0; i < n; ++i) {
+            double v = x[i] + beta * r[i];
+            for (std::size_t j = 0; j < m; ++j) v -= g[j] * (dx[j][i] + beta * dr[j][i]);
+            x[i] = v;
+        }
+    }
+};
+
 } // namespace
 
 void solve_secular_eqn(hamiltonian_type& ham, ions_type& ions, const box_type& box,
@@ -37,7 +114,12 @@ void solve_secular_eqn(hamiltonian_type& ham, ions_type& ions, const box_type& b
     const trace_guard trace(proc, mod);
     const double mix = elec_algo.charge_mixing, keep = 1.0 - mix;
     const double tol = elec_algo.energy_tol;
-    double e_new = 0.0, e_old = 0.0, rel = 1.0;
+    double e_new = 0.0, e_old = 0.0, rel = 1.0, dq_max = 0.0;
+    const bool anderson = elec_algo.scc_mixer == scc_mixer_broyden;
+    charge_mixer mixer;
+    mixer.beta = mix;
+    std::vector<double> q_in, q_res;
+    bool converged = false;
     const int n_dim = eig.n_dim, n_states = eig.n_states, n_kpt = eig.kpt->n_k;
     const bool non_orth = ham.tb_model->non_orthogonal;
     const bool vectors = jobz == 'v' || jobz == 'V';
@@ -70,8 +152,9 @@ void solve_secular_eqn(hamiltonian_type& ham, ions_type& ions, const box_type& b
     }
     // Only the vectors of the states are used: the solver back-transforms no more.
     eig.d.n_vectors = n_states;
-    int iter = 0;
+    int iter = 0, passes = 0;
     for (;;) {
+        ++passes;
         if (scc_used) {
             scc.qi_1.fill(0.0);
             scc.qi_2.fill(0.0);
@@ -118,26 +201,55 @@ void solve_secular_eqn(hamiltonian_type& ham, ions_type& ions, const box_type& b
             }
         }
         if (scc_used) {
-            // Linear mixing of the net charges.
-            for (int i = 1; i <= ions.total_n_ions; ++i) {
+            // The net charges of the output against those of the input, then the
+            // input of the next pass by the chosen mixer.
+            const int n = ions.total_n_ions;
+            q_in.resize(static_cast<std::size_t>(n));
+            q_res.resize(static_cast<std::size_t>(n));
+            dq_max = 0.0;
+            for (int i = 1; i <= n; ++i) {
                 scc.qi_1(i) -= scc.qi0(i);
-                ions.qion(i) = keep * ions.qion(i) + mix * scc.qi_1(i);
+                q_in[static_cast<std::size_t>(i - 1)] = ions.qion(i);
+                q_res[static_cast<std::size_t>(i - 1)] = scc.qi_1(i) - ions.qion(i);
+                dq_max = std::max(dq_max, std::fabs(scc.qi_1(i) - ions.qion(i)));
+            }
+            if (anderson) {
+                mixer.mix(q_in, q_res);
+                for (int i = 1; i <= n; ++i) ions.qion(i) = q_in[static_cast<std::size_t>(i - 1)];
+            } else {
+                for (int i = 1; i <= n; ++i) ions.qion(i) = keep * ions.qion(i) + mix * scc.qi_1(i);
             }
             cal_charge_aux(scc, ions.qion, scc.qaux);
         }
         e_old = e_new;
         if (scc_used) {
+            // With smearing the energy is the free energy E - T S: the quantity that
+            // is stationary in the charges and whose derivative the forces are.
             e_new = get_scc_detot(scc, 0.0, ions.qion) + eig.e_band;
-            rel = (e_old - e_new) / e_new;
-            if (elec_algo.output_level > 2) write_free(stdout_unit, {iter, e_new, rel});
+            if (eig.kpt->sigma > 0.0) e_new -= eig.e_ts;
+            rel = e_new - e_old;
+            if (elec_algo.output_level > 2) write_free(stdout_unit, {iter, e_new, rel, dq_max});
+            converged = iter > 0 && std::fabs(rel) < tol && dq_max < elec_algo.charge_tol;
         } else {
             e_new = eig.e_band;
             rel = 0.0;
+            converged = true;
         }
         if (debug > 0) std::puts("done!");
-        if (iter >= iter_min && tol > std::fabs(rel)) break;
+        if (iter >= iter_min && converged) break;
         ++iter;
         if (iter >= iter_max) break;
+    }
+    last_passes = passes;
+    last_converged = converged;
+    if (scc_used && !converged) {
+        const std::string text = "the charges are not self-consistent after " +
+                                 std::to_string(iter) +
+                                 " passes (max_elec_iter): last change of the energy " +
+                                 format_items("(ES10.2)", {rel}) + " eV, largest charge change " +
+                                 format_items("(ES10.2)", {dq_max}) + " e";
+        warning_error(text, proc, mod);
+        if (i_am_master) write_free(report_unit, {text});
     }
     if (scc_used) {
         eig.e_band = e_new;
@@ -148,6 +260,14 @@ void solve_secular_eqn(hamiltonian_type& ham, ions_type& ions, const box_type& b
     } else if (calc_elocal) {
         for (int i = 1; i <= ions.total_n_ions; ++i) ions.qion(i) -= scc.qi0(i);
     }
+}
+
+int solve_secular_eqn_passes() {
+    return last_passes;
+}
+
+bool solve_secular_eqn_converged() {
+    return last_converged;
 }
 
 } // namespace lyrt

@@ -14,4 +14,8 @@ void solve_secular_eqn(hamiltonian_type& ham, ions_type& ions, const box_type& b
                        eig_state_type& eig, scc_type& scc, const elec_algo_type& elec_algo,
                        char hs_mode, char jobz, bool calc_elocal, farray<double, 1>& elocal);
 
+// Passes of the last call, and whether its charges met both tolerances.
+int solve_secular_eqn_passes();
+bool solve_secular_eqn_converged();
+
 } // namespace lyrt

@@ -123,6 +123,21 @@ void setup_scc_heff(const hamiltonian_type& ham, scc_type& scc, double eta) {
     build_heff(ham, scc, eta, scc.used);
 }
 
+void modify_dh_ab(hamiltonian_type& ham, const scc_type& scc, double eta) {
+    const sparse_1d_matrix_desc_type& sd = ham.desc;
+    const pdist_type& pd = *sd.row_pdist;
+    for (int x = 1; x <= 3; ++x)
+        for (int il = 1; il <= pd.l_n; ++il) {
+            const int ig = pd.l2g(il);
+            for (int k = 1; k <= sd.n_blocks(ig); ++k) {
+                const double f = 0.5 * (scc.qaux(ig) + scc.qaux(sd.block_index(k, ig))) - eta;
+                const int l0 = sd.ublock_offset(k, ig);
+                for (int l = l0; l < l0 + sd.ublock_dim(k, ig); ++l)
+                    ham.dh_ab(l, il, x) += f * ham.ds_ab(l, il, x);
+            }
+        }
+}
+
 void calc_gamma(scc_type& /*scc*/) {}
 void add_forces_scc(const scc_type& /*scc*/) {}
 

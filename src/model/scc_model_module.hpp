@@ -38,6 +38,12 @@ void get_scc_deloc(const scc_type& scc, double x, const farray<double, 1>& q,
 // the shift qaux(i) of the on-site energies of ion i. eta in eV.
 void setup_heff(const hamiltonian_type& ham, scc_type& scc, double eta);
 void setup_scc_heff(const hamiltonian_type& ham, scc_type& scc, double eta);
+// The gradient blocks of H (by positions or by strain) become those of the
+// effective Hamiltonian of the present charges: dh_ab += (0.5 (qaux(i) +
+// qaux(j)) - eta) ds_ab on every block (the own block carries the images of a
+// strained cell); the charges are held fixed, as
+// the energy is stationary in them at self-consistency.
+void modify_dh_ab(hamiltonian_type& ham, const scc_type& scc, double eta);
 // Hooks of a distance-dependent charge model; U stays on-site here.
 void calc_gamma(scc_type& scc);
 void add_forces_scc(const scc_type& scc);

@@ -243,15 +243,33 @@ void dense_checks(const hamiltonian_type& ham, const scc_type* scc, const farray
         fatal_error("Trying to calculate S for an orthogonal TB model !", -1, proc, mod);
 }
 
-// U q on the diagonal of each local ion's own block.
-void add_scc_terms(const hamiltonian_type& ham, const scc_type& scc, farray<double, 2>& h_ij) {
+// The charge term: element (mu of ion i, nu of ion j) of H gets 0.5 (qaux(i) +
+// qaux(j)) S(mu, nu), the derivative of sum_i qaux(i) N_i for the Mulliken
+// populations N_i; without an overlap (orthogonal model) that is qaux(i) on the
+// diagonal of each ion's own block.
+void add_scc_terms(const hamiltonian_type& ham, const scc_type& scc, farray<double, 2>& h_ij,
+                   const farray<double, 2>* s_ij) {
     if (!scc.used) return;
     const sparse_1d_matrix_desc_type& sd = ham.desc;
     const pdist_type& pd = *sd.row_pdist;
-    for (int il = 1; il <= pd.l_n; ++il) {
-        const int ig = pd.l2g(il);
-        const int r0 = sd.lrow_block_offset(il), c0 = sd.sblock_offset(1, ig);
-        for (int a = 0; a < sd.row_block_dim(ig); ++a) h_ij(r0 + a, c0 + a) += scc.qaux(ig);
+    if (s_ij == nullptr) {
+        for (int il = 1; il <= pd.l_n; ++il) {
+            const int ig = pd.l2g(il);
+            const int r0 = sd.lrow_block_offset(il), c0 = sd.sblock_offset(1, ig);
+            for (int a = 0; a < sd.row_block_dim(ig); ++a) h_ij(r0 + a, c0 + a) += scc.qaux(ig);
+        }
+        return;
+    }
+    const int n_ions = sd.col_pdist->n;
+    for (int jg = 1; jg <= n_ions; ++jg) {
+        const int c0 = sd.col_block_offset(jg), dc = sd.col_block_dim(jg);
+        for (int il = 1; il <= pd.l_n; ++il) {
+            const int ig = pd.l2g(il);
+            const double f = 0.5 * (scc.qaux(ig) + scc.qaux(jg));
+            const int r0 = sd.lrow_block_offset(il), dr = sd.row_block_dim(ig);
+            for (int c = c0; c < c0 + dc; ++c)
+                for (int r = r0; r < r0 + dr; ++r) h_ij(r, c) += f * (*s_ij)(r, c);
+        }
     }
 }
 
@@ -289,7 +307,7 @@ void calc_hs_ij_real(hamiltonian_type& ham, const ions_type& ions, const box_typ
                          if (s_ij != nullptr) (*s_ij)(iu + a - 1, ku + b - 1) += wk.s_blk(a, b);
                      }
              });
-    if (scc != nullptr) add_scc_terms(ham, *scc, *h_ij);
+    if (scc != nullptr) add_scc_terms(ham, *scc, *h_ij, s_ij);
     work_free(work, proc);
 }
 
@@ -318,7 +336,7 @@ void get_hs_ij_real(const hamiltonian_type& ham, farray<double, 2>* h_ij, farray
                 }
         }
     }
-    if (scc != nullptr) add_scc_terms(ham, *scc, *h_ij);
+    if (scc != nullptr) add_scc_terms(ham, *scc, *h_ij, s_ij);
 }
 
 void calc_hs_ij_bc2d_real(const hamiltonian_type& /*ham*/) {

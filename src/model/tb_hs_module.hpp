@@ -15,8 +15,9 @@ namespace lyrt {
 // model, S.
 void calc_hs_real(hamiltonian_type& ham, const ions_type& ions, const box_type& box,
                   std::string_view which = "");
-// Dense H and S (rows of the local ions, all columns); the charge terms of scc
-// add U q to the diagonal of each ion's own block.
+// Dense H and S (rows of the local ions, all columns); with scc the charge term
+// 0.5 (qaux(i) + qaux(j)) S of each block of ions i and j (qaux(i) on the
+// diagonal of an orthogonal model).
 void calc_hs_ij_real(hamiltonian_type& ham, const ions_type& ions, const box_type& box,
                      const scc_type* scc, farray<double, 2>* h_ij, farray<double, 2>* s_ij);
 void get_hs_ij_real(const hamiltonian_type& ham, farray<double, 2>* h_ij, farray<double, 2>* s_ij,

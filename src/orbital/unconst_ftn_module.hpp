@@ -38,9 +38,6 @@ void calc_elocal_cg(const hamiltonian_type& ham, cg_state_type& cg, scc_type& sc
 void purify_cg_state(cg_state_type& cg, const hamiltonian_type& ham);
 // Electrons of the orbitals: sum of the charges plus the neutral count, or 2 Tr[Q S].
 double charge_total(const cg_state_type& cg, const scc_type& scc, const farray<double, 1>& q);
-// The gradient blocks of H become those of the effective Hamiltonian of the
-// present charges: dh_ab += (0.5 (qaux(i) + qaux(j)) - eta) ds_ab.
-void modify_dh_ab(hamiltonian_type& ham, const scc_type& scc, double eta);
 // Forces of the minimised functional (the gradient blocks must be current),
 // written into forces_out (3, n_ions), eV/Angstrom; boost scales the boosted ions.
 void forces_cg_min(hamiltonian_type& ham, farray<double, 2>& forces_out, cg_state_type& cg,

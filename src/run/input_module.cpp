@@ -7,6 +7,7 @@
 #include "numerics/utility_module.hpp"
 #include "parallel/mpi_module.hpp"
 
+#include <cctype>
 #include <optional>
 #include <vector>
 
@@ -252,7 +253,21 @@ void read_input(std::string_view file_name, elec_algo_type& elec_algo, i_algo_ty
         i_algo.calc_forces = true;
     }
     // Charges and local energies are projections of the eigenvectors.
+    if (elec_algo.scc_used && !elec_algo.eigen_vect)
+        warning_error("scc_used needs the eigenvectors (the charges are formed from them): "
+                      "eigen_vect is turned on",
+                      "read_input", mod);
     if (elec_algo.scc_used || i_algo.calc_elocal) elec_algo.eigen_vect = true;
+    std::string mixer = "linear";
+    read_string(f, "scc_mixer", mixer, 16, "linear");
+    for (char& c : mixer) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    if (mixer == "linear")
+        elec_algo.scc_mixer = scc_mixer_linear;
+    else if (mixer == "broyden" || mixer == "anderson")
+        elec_algo.scc_mixer = scc_mixer_broyden;
+    else
+        fatal_error("unknown scc_mixer '" + mixer + "': use linear or broyden", -1, "read_input",
+                    mod);
     read_int(f, "number_of_moments", elec_algo.n_moments, de.n_moments);
     read_int(f, "n_moments", elec_algo.n_moments);
     read_real(f, "kpm_emin", elec_algo.kpm_emin, de.kpm_emin);

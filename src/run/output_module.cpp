@@ -251,6 +251,12 @@ void print_ene(const ions_state_type& st, const i_algo_type& i_algo, const elec_
             line(" Tight-binding   Energy = ", elec->e);
         }
     }
+    if (electrons && elec->eig != nullptr && uses_diag(elec_algo) && elec_algo.scc_used &&
+        elec->kpt != nullptr && elec->kpt->sigma > 0.0) {
+        // With charges and smearing the potential energy is the free energy E - T S.
+        line(" Electronic -TS       = ", -elec->eig->e_ts);
+        line(" Energy without -TS   = ", st.e_pot + elec->eig->e_ts);
+    }
     if (electrons && elec->eig != nullptr && uses_diag(elec_algo)) {
         line(" Fermi         Energy = ", elec->eig->e_fermi);
         line(" Energy gap           = ", elec->eig->e_gap);

@@ -136,6 +136,27 @@ TEST_F(StrainedSystem, MixedSpeciesStress) {
     check(2e-5, "Cu3Au with smearing");
 }
 
+// With self-consistent charges the charge term of H enters the strain derivative
+// (with smearing: of the free energy).
+TEST_F(StrainedSystem, SelfConsistentChargesStress) {
+    species_set si = read_species_set("Si");
+    si.electrons += " 6.0";
+    set_up(si8_rattled, one_species_file(si), 32, 32, 32.0, 0.1);
+    scc_model_fine(scc);
+    scc_model_init(scc, s.box.ions, true, false);
+    ea.scc_used = true;
+    ea.scc_mixer = scc_mixer_broyden;
+    ea.charge_mixing = 0.2;
+    ea.energy_tol = 1e-13;
+    ea.charge_tol = 1e-11;
+    ea.min_iter = 1;
+    s.box.ions.qion.fill(0.0);
+    check(2e-5, "Si 8 with charges, U 6 eV, sigma 0.1");
+    double q_max = 0.0;
+    for (const double q : s.box.ions.qion) q_max = std::max(q_max, std::fabs(q));
+    EXPECT_GT(q_max, 1e-3);
+}
+
 // The threaded loops (assembly of H and S, gradient blocks, density matrix blocks,
 // force and stress contractions) give the energy, forces and stress of one thread
 // on two, to rounding: Si with its environment-dependent on-site terms, and Cu3Au

@@ -7,6 +7,7 @@
 #include <cmath>
 #include <fstream>
 #include <gtest/gtest.h>
+#include <iostream>
 #include <sstream>
 
 namespace {
@@ -169,6 +170,42 @@ TEST_F(Dynamics, SmearedCopperConservesEnergy) {
     const line_fit f = fit_total_energy(rows, 0);
     EXPECT_LT(std::fabs(f.slope) * 1000.0 / 32.0, 1e-5);
     EXPECT_LT(f.rms / 32.0, 5e-5);
+}
+
+// With self-consistent charges and smearing the forces are the derivative of the
+// free energy, which the run conserves: Si 64, U 4 eV, sigma 0.1, 1 ps.
+TEST_F(Dynamics, SiliconWithChargesConservesTheFreeEnergy) {
+    std::istringstream in(tbparam("Si"));
+    std::ostringstream model;
+    int line = 0;
+    for (std::string l; std::getline(in, l); ++line)
+        model << l << (line == 6 ? " 4.0" : "") << "\n";
+    const run_result r =
+        run_case(dir / "si64_scc", poslyrt(cube(2 * 5.431), diamond(5.431, 2), 1),
+                 "n_steps = 1000\nions_eom_algo = 2\nsigma = 0.1\ntemperature = 300\n"
+                 "temperature_seed_1 = 5\ntemperature_seed_2 = 6\nscc_used = T\n"
+                 "scc_mixer = broyden\ncharge_mixing = 0.3\nelec_energy_tol = 1e-10\n"
+                 "elec_charge_tol = 1e-9\n",
+                 model.str());
+    ASSERT_EQ(r.status, 0);
+    EXPECT_EQ(read_text(dir / "si64_scc" / "ERRLYRT").find("not self-consistent"),
+              std::string::npos);
+    const auto rows = read_ene(dir / "si64_scc");
+    ASSERT_EQ(rows.size(), 1001u);
+    const line_fit f = fit_total_energy(rows, 0);
+    std::cout << "[ charges ] Si 64 with charges, 1 ps: drift " << f.slope * 1000.0 / 64.0
+              << " eV/atom/ps, rms " << f.rms / 64.0 << " eV/atom\n";
+    EXPECT_LT(std::fabs(f.slope) * 1000.0 / 64.0, 1e-4);
+    EXPECT_LT(f.rms / 64.0, 1e-4);
+    EXPECT_GT(mean_temperature(rows, 200.0), 100.0);
+    // The charges move with the lattice: the last POSCONT holds non-zero ones.
+    const auto pc = read_lines(dir / "si64_scc" / "POSCONT");
+    std::size_t q0 = 0;
+    while (q0 < pc.size() && pc[q0] != "qion") ++q0;
+    ASSERT_LT(q0 + 64, pc.size());
+    double q_max = 0.0;
+    for (std::size_t k = 1; k <= 64; ++k) q_max = std::max(q_max, std::fabs(std::stod(pc[q0 + k])));
+    EXPECT_GT(q_max, 1e-4);
 }
 
 // Halving the time step over the same 200 fs cuts the fluctuation of the total

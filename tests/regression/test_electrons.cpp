@@ -151,10 +151,12 @@ TEST_F(Electrons, ChargeSelfConsistency) {
     // Species 2, with the higher levels, gives electrons away (q counts electrons gained).
     EXPECT_LT(std::stod(pc[q0 + 8]), -1e-3);
     EXPECT_GT(std::stod(pc[q0 + 1]), 1e-3);
-    // The same system with U = 0 is stable after the first pass: min_elec_iter 5
-    // gives six passes, and max_elec_iter 1 one pass.
-    // (The first statement of a keyword in the file is the one read.)
-    r = run_case(dir / "u0", pos, "min_elec_iter = 5\n" + input, compose(0.05, "2 2 0"));
+    // The same system with U = 0 has an energy that is stable after the first pass:
+    // min_elec_iter 5 gives six passes when the charges are not held to a tolerance,
+    // and max_elec_iter 1 one pass, with the warning that the charges are not
+    // self-consistent. (The first statement of a keyword in the file is the one read.)
+    r = run_case(dir / "u0", pos, "min_elec_iter = 5\nelec_charge_tol = 1\n" + input,
+                 compose(0.05, "2 2 0"));
     int n6 = 0;
     for (const std::string& l : read_lines(dir / "u0" / "stdout.txt")) {
         std::istringstream s(l);
@@ -170,6 +172,12 @@ TEST_F(Electrons, ChargeSelfConsistency) {
         if (s >> a >> b >> c) ++n1;
     }
     EXPECT_EQ(n1, 1);
+    EXPECT_EQ(r.status, 0);
+    EXPECT_NE(read_text(dir / "one" / "ERRLYRT")
+                  .find("the charges are not self-consistent after 1 "
+                        "passes"),
+              std::string::npos);
+    EXPECT_NE(read_text(dir / "one" / "OUTLYRT").find("largest charge change"), std::string::npos);
 }
 
 } // namespace

@@ -1,0 +1,234 @@
+// Charge self-consistency: the forces against central differences of the
+// self-consistent (free) energy, re-converged at each displaced geometry; the
+// multisecant mixer against linear mixing where that cycles.
+#include "../model/model_support.hpp"
+#include "base/io_module.hpp"
+#include "diag/eig_state_module.hpp"
+#include "diag/forces_module.hpp"
+#include "diag/gs_module.hpp"
+#include "diag/secular_module.hpp"
+#include "test_support.hpp"
+
+#include <cmath>
+#include <gtest/gtest.h>
+#include <sstream>
+
+namespace {
+
+using namespace lyrt;
+using namespace lyrt_test;
+
+// A parameter file of tests/data with U (eV) appended to the electron line of
+// each species, in the order of the species.
+std::string with_hubbard(const std::string& name, const std::vector<std::string>& u) {
+    std::istringstream in(
+        read_text(std::filesystem::path(LYRT_SOURCE_DIR) / "tests/data" / (name + ".tbparam")));
+    std::ostringstream out;
+    std::size_t k = 0;
+    int line = 0, species_line = 0;
+    const bool two = name == "CuAu";
+    // The electron line is the third of each species block, which starts after the
+    // cut-off lines (one per pair).
+    const int first = two ? 6 : 4;
+    for (std::string l; std::getline(in, l); ++line) {
+        if (k < u.size() && line == first + 2 + species_line) {
+            l += " " + u[k++];
+            species_line += 3;
+        }
+        out << l << "\n";
+    }
+    return out.str();
+}
+
+const char* si8_distorted =
+    "number_of_ions = 8\na_1 = 5.30 0 0\na_2 = 0.1 5.35 0\na_3 = 0.05 -0.1 5.42\n"
+    "positions\n0.02 0 0.03\n0 0.5 0.47\n0.5 0.03 0.5\n0.52 0.5 0\n"
+    "0.25 0.27 0.25\n0.23 0.75 0.75\n0.75 0.25 0.73\n0.76 0.77 0.25\n";
+
+// Random CuAu: 16 sites of 2 x 2 x 1 fcc cells (a = 3.9), species and shifts from a
+// fixed pattern.
+std::string cuau16() {
+    const double fcc[4][3] = {{0, 0, 0}, {0, 0.5, 0.5}, {0.5, 0, 0.5}, {0.5, 0.5, 0}};
+    const int species[16] = {1, 2, 2, 1, 1, 1, 2, 1, 2, 1, 1, 2, 2, 2, 1, 1};
+    std::ostringstream f;
+    f.precision(12);
+    f << "number_of_ions = 9 7\na_1 = 7.8 0 0\na_2 = 0 7.8 0\na_3 = 0 0 3.9\npositions\n";
+    int n = 0;
+    for (int x = 0; x < 2; ++x)
+        for (int y = 0; y < 2; ++y)
+            for (const auto& b : fcc) {
+                const double r[3] = {(x + b[0]) / 2, (y + b[1]) / 2, b[2]};
+                f << species[n];
+                for (int d = 0; d < 3; ++d)
+                    f << " " << r[d] + 0.008 * std::sin(3.7 * n + 1.9 * d + 0.3);
+                f << "\n";
+                ++n;
+            }
+    return f.str();
+}
+
+class Charges : public lyrt_test::program_test {
+  protected:
+    void set_up(const std::string& pos, const std::string& tbparam, double sigma, int mixer,
+                double mixing = 0.2) {
+        on_site_reset();
+        build_system(s, dir, pos, tbparam);
+        ions_type& ions = s.box.ions;
+        kpt.n_k = 1;
+        kpt.weight.allocate({1}, {1});
+        kpt.weight(1) = 1.0;
+        kpt.k_cart.allocate({1, 1}, {3, 1});
+        kpt.sigma = sigma;
+        scc_model_init(scc, ions, true, false);
+        const int n_dim = s.ham.desc.n_row;
+        const int n_states = sigma > 0.0 ? n_dim : static_cast<int>(scc.q_total) / 2;
+        eig_state_allocate(eig, n_dim, n_states, scc.q_total, 1, 1, s.model.non_orthogonal, 'V',
+                           kpt);
+        elec.eig = &eig;
+        elec.scc = &scc;
+        st.ions = &ions;
+        st.box = &s.box;
+        ea.scc_used = true;
+        ea.scc_mixer = mixer;
+        ea.charge_mixing = mixing;
+        ea.energy_tol = 1e-13;
+        ea.charge_tol = 1e-11;
+        ea.max_iter = 400;
+        ea.min_iter = 1;
+        ions.qion.fill(0.0);
+    }
+    void TearDown() override {
+        eig_state_deallocate(eig);
+        scc_model_fine(scc);
+        program_test::TearDown();
+    }
+    double energy() {
+        gs_calc(s.box, st, elec, ea, s.ham, false);
+        EXPECT_TRUE(solve_secular_eqn_converged());
+        return st.e_pot;
+    }
+    // Forces of the self-consistent state against -dE/dx by central differences
+    // for the coordinates of the given ions; returns the largest force.
+    double check_forces(const std::vector<int>& which, double tol) {
+        ions_type& ions = s.box.ions;
+        energy();
+        i_algo_type ia;
+        forces_calc(s.ham, ions, s.box, ia, elec, ea);
+        const farray<double, 2> f = ions.f.copy(), r0 = ions.r.copy();
+        const farray<double, 1> q0 = ions.qion.copy();
+        double f_max = 0.0;
+        for (const double v : f) f_max = std::max(f_max, std::fabs(v));
+        const double h = 1e-4;
+        for (const int i : which)
+            for (int x = 1; x <= 3; ++x) {
+                double e[2];
+                for (int sgn = 0; sgn < 2; ++sgn) {
+                    std::copy(r0.begin(), r0.end(), ions.r.begin());
+                    std::copy(q0.begin(), q0.end(), ions.qion.begin());
+                    ions.r(x, i) += sgn == 0 ? h : -h;
+                    rebuild(s);
+                    e[sgn] = energy();
+                }
+                EXPECT_NEAR(f(x, i), -(e[0] - e[1]) / (2.0 * h), tol) << "ion " << i << " x" << x;
+            }
+        std::copy(r0.begin(), r0.end(), ions.r.begin());
+        rebuild(s);
+        return f_max;
+    }
+    double max_charge() const {
+        double q = 0.0;
+        for (const double v : s.box.ions.qion) q = std::max(q, std::fabs(v));
+        return q;
+    }
+    model_system s;
+    kpt_type kpt;
+    eig_state_type eig;
+    scc_type scc;
+    elec_state_type elec;
+    elec_algo_type ea;
+    ions_state_type st;
+};
+
+TEST_F(Charges, ForcesAreTheGradientOfTheSelfConsistentEnergy) {
+    struct sample {
+        const char* what;
+        std::string pos, tbparam;
+        double sigma;
+        std::vector<int> ions;
+    };
+    const std::string cu3au = read_text(std::filesystem::path(LYRT_SOURCE_DIR) /
+                                        "tests/data/reference/cu3au_rattled" / "POSLYRT");
+    const sample cases[] = {
+        {"Si 8, U 6, no smearing", si8_distorted, with_hubbard("Si", {"6.0"}), 0.0, {1, 6}},
+        {"Si 8, U 6, sigma 0.1", si8_distorted, with_hubbard("Si", {"6.0"}), 0.1, {2}},
+        {"Si_orth 8, U 5, sigma 0.3", si8_distorted, with_hubbard("Si_orth", {"5.0"}), 0.3, {1, 4}},
+        {"Si_orth 8, U 5, no smearing", si8_distorted, with_hubbard("Si_orth", {"5.0"}), 0.0, {3}},
+        {"Cu3Au, U 4/3, sigma 0.1", cu3au, with_hubbard("CuAu", {"4.0", "3.0"}), 0.1, {1, 2}},
+        {"CuAu 16, U 4/3, sigma 0.1", cuau16(), with_hubbard("CuAu", {"4.0", "3.0"}), 0.1, {5}},
+    };
+    for (const sample& c : cases) {
+        SCOPED_TRACE(c.what);
+        set_up(c.pos, c.tbparam, c.sigma, scc_mixer_broyden);
+        const double f_max = check_forces(c.ions, 1e-5);
+        EXPECT_GT(f_max, 0.05);
+        EXPECT_GT(max_charge(), 1e-3); // charge moves: the charge terms matter
+        TearDown();
+        SetUp();
+    }
+}
+
+// Linear mixing against the multisecant mixer on the same start: the latter
+// converges where the former cycles (Si 8 with U 6 eV at mixing 0.5) and needs
+// fewer passes where both converge.
+TEST_F(Charges, MultisecantMixerConvergesWhereLinearMixingCycles) {
+    struct sample {
+        const char* what;
+        std::string pos, tbparam;
+        double sigma, mixing;
+        bool linear_converges;
+    };
+    const std::string cu3au = read_text(std::filesystem::path(LYRT_SOURCE_DIR) /
+                                        "tests/data/reference/cu3au_rattled" / "POSLYRT");
+    const sample cases[] = {
+        {"Si 8, U 6, mixing 0.5", si8_distorted, with_hubbard("Si", {"6.0"}), 0.0, 0.5, false},
+        {"Si 8, U 6, mixing 0.1", si8_distorted, with_hubbard("Si", {"6.0"}), 0.0, 0.1, true},
+        {"Cu3Au, U 12/10, mixing 0.1", cu3au, with_hubbard("CuAu", {"12.0", "10.0"}), 0.1, 0.1,
+         true},
+        {"Cu3Au, U 12/10, mixing 0.5", cu3au, with_hubbard("CuAu", {"12.0", "10.0"}), 0.1, 0.5,
+         false},
+    };
+    for (const sample& c : cases) {
+        SCOPED_TRACE(c.what);
+        set_up(c.pos, c.tbparam, c.sigma, scc_mixer_linear, c.mixing);
+        ea.energy_tol = 1e-8;
+        ea.charge_tol = 1e-8;
+        ea.max_iter = 200;
+        gs_calc(s.box, st, elec, ea, s.ham, false);
+        const bool linear = solve_secular_eqn_converged();
+        const int linear_passes = solve_secular_eqn_passes();
+        flush(error_unit);
+        const bool warned =
+            read_text(dir / "ERRLYRT").find("the charges are not self-consistent after 200") !=
+            std::string::npos;
+        EXPECT_EQ(warned, !linear);
+        s.box.ions.qion.fill(0.0);
+        ea.scc_mixer = scc_mixer_broyden;
+        const double e = energy();
+        const int passes = solve_secular_eqn_passes();
+        std::cout << "[ charges ] " << c.what << ": multisecant " << passes << " passes, linear "
+                  << (linear ? std::to_string(linear_passes) : std::string("no convergence in 200"))
+                  << "\n";
+        EXPECT_EQ(linear, c.linear_converges);
+        if (linear) {
+            EXPECT_LT(passes, linear_passes);
+        }
+        // The converged state is self-consistent: one more pass from it changes nothing.
+        ea.max_iter = 1;
+        gs_calc(s.box, st, elec, ea, s.ham, false);
+        EXPECT_NEAR(st.e_pot, e, 1e-8);
+        TearDown();
+        SetUp();
+    }
+}
+
+} // namespace
