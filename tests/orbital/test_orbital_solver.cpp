@@ -160,6 +160,75 @@ class OrbitalSolver : public lyrt_test::program_test {
         std::copy(p0.begin(), p0.end(), cg.psi.begin());
         return e;
     }
+    // Forces of the minimised orbitals through the driver's force door.
+    farray<double, 2> orbital_forces() {
+        elec_algo_type orbital = ea;
+        orbital.algo = elec_algo_cg;
+        elec_state_type elec;
+        elec.cg = &cg;
+        elec.scc = &scc;
+        forces_calc(s.ham, s.box.ions, s.box, i_algo_type{}, elec, orbital);
+        return s.box.ions.f.copy();
+    }
+    // The dense solver on the same positions (its charge loop when charges are on,
+    // from zero charges): checks its energy, charges and forces against the
+    // orbital ones.
+    void against_dense(double e_orb, const farray<double, 1>& q_orb,
+                       const farray<double, 2>& f_orb) {
+        ions_type& ions = s.box.ions;
+        kpt_type kpt;
+        kpt.n_k = 1;
+        kpt.weight.allocate({1}, {1});
+        kpt.weight(1) = 1.0;
+        kpt.k_cart.allocate({1, 1}, {3, 1});
+        eig_state_type eig;
+        eig_state_allocate(eig, s.ham.desc.n_row, n_occ, scc.q_total, 1, 1, s.model.non_orthogonal,
+                           'V', kpt);
+        scc_type charges;
+        scc_model_init(charges, ions, scc.used, false);
+        elec_state_type elec;
+        elec.eig = &eig;
+        elec.scc = &charges;
+        elec_algo_type dense_algo;
+        dense_algo.scc_used = scc.used;
+        dense_algo.scc_mixer = scc_mixer_broyden;
+        dense_algo.charge_mixing = 0.2;
+        dense_algo.energy_tol = 1e-13;
+        dense_algo.charge_tol = 1e-11;
+        ions_state_type st;
+        st.ions = &ions;
+        st.box = &s.box;
+        ions.qion.fill(0.0);
+        gs_calc(s.box, st, elec, dense_algo, s.ham, false);
+        EXPECT_NEAR(e_orb - s.ham.e_atoms, elec.e, 1e-7);
+        for (long i = 1; scc.used && i <= q_orb.extent(0); ++i)
+            EXPECT_NEAR(q_orb(i), ions.qion(i), 1e-7);
+        forces_calc(s.ham, ions, s.box, i_algo_type{}, elec, dense_algo);
+        for (long i = 1; i <= f_orb.extent(1); ++i)
+            for (int x = 1; x <= 3; ++x) EXPECT_NEAR(f_orb(x, i), ions.f(x, i), 1e-5);
+        scc_model_fine(charges);
+        eig_state_deallocate(eig);
+    }
+    // The forces of the given ions against minus the central differences of the
+    // re-minimised energy.
+    void against_differences(const farray<double, 2>& f, std::initializer_list<int> which) {
+        ions_type& ions = s.box.ions;
+        const farray<double, 2> r0 = ions.r.copy();
+        const double h = 1e-4;
+        for (const int i : which)
+            for (int x = 1; x <= 3; ++x) {
+                double e[2];
+                for (int sgn = 0; sgn < 2; ++sgn) {
+                    std::copy(r0.begin(), r0.end(), ions.r.begin());
+                    ions.r(x, i) += sgn == 0 ? h : -h;
+                    rebuild(s);
+                    e[sgn] = minimise(false);
+                }
+                EXPECT_NEAR(f(x, i), -(e[0] - e[1]) / (2.0 * h), 1e-5) << i << " " << x;
+            }
+        std::copy(r0.begin(), r0.end(), ions.r.begin());
+        rebuild(s);
+    }
     model_system s;
     scc_type scc;
     cg_state_type cg;
@@ -255,60 +324,13 @@ TEST_F(OrbitalSolver, ForcesAreThoseOfTheDenseSolverAndTheEnergyGradient) {
     for (const char* model : {"Si_orth", "Si"}) {
         SCOPED_TRACE(model);
         set_up(diamond_si(1, 0.12), model_file(model));
-        ions_type& ions = s.box.ions;
-        const int n_ions = ions.total_n_ions;
-        minimise();
-        elec_algo_type orbital = ea;
-        orbital.algo = elec_algo_cg;
-        elec_state_type elec;
-        elec.cg = &cg;
-        elec.scc = &scc;
-        i_algo_type ia;
-        forces_calc(s.ham, ions, s.box, ia, elec, orbital);
-        const farray<double, 2> f_orb = ions.f.copy();
+        const double e = minimise();
+        const farray<double, 2> f = orbital_forces();
         double f_max = 0.0;
-        for (const double v : f_orb) f_max = std::max(f_max, std::fabs(v));
+        for (const double v : f) f_max = std::max(f_max, std::fabs(v));
         EXPECT_GT(f_max, 0.1);
-        // The dense solver on the same positions.
-        kpt_type kpt;
-        kpt.n_k = 1;
-        kpt.weight.allocate({1}, {1});
-        kpt.weight(1) = 1.0;
-        kpt.k_cart.allocate({1, 1}, {3, 1});
-        eig_state_type eig;
-        eig_state_allocate(eig, s.ham.desc.n_row, n_occ, scc.q_total, 1, 1, s.model.non_orthogonal,
-                           'V', kpt);
-        scc_type no_charges;
-        scc_model_init(no_charges, ions, false, false);
-        elec_state_type dense_elec;
-        dense_elec.eig = &eig;
-        dense_elec.scc = &no_charges;
-        elec_algo_type dense_algo;
-        ions_state_type st;
-        st.ions = &ions;
-        st.box = &s.box;
-        gs_calc(s.box, st, dense_elec, dense_algo, s.ham, false);
-        forces_calc(s.ham, ions, s.box, ia, dense_elec, dense_algo);
-        for (int i = 1; i <= n_ions; ++i)
-            for (int x = 1; x <= 3; ++x) EXPECT_NEAR(f_orb(x, i), ions.f(x, i), 1e-5);
-        // Finite differences of the minimised energy for two ions.
-        const farray<double, 2> r0 = ions.r.copy();
-        const double h = 1e-4;
-        for (const int i : {2, 7})
-            for (int x = 1; x <= 3; ++x) {
-                double e[2];
-                for (int sgn = 0; sgn < 2; ++sgn) {
-                    std::copy(r0.begin(), r0.end(), ions.r.begin());
-                    ions.r(x, i) += sgn == 0 ? h : -h;
-                    rebuild(s);
-                    e[sgn] = minimise(false);
-                }
-                EXPECT_NEAR(f_orb(x, i), -(e[0] - e[1]) / (2.0 * h), 1e-5) << i << " " << x;
-            }
-        std::copy(r0.begin(), r0.end(), ions.r.begin());
-        rebuild(s);
-        scc_model_fine(no_charges);
-        eig_state_deallocate(eig);
+        against_dense(e, q, f);
+        against_differences(f, {2, 7});
         cg_state_deallocate(cg);
         scc_model_fine(scc);
     }
@@ -324,10 +346,7 @@ namespace {
 TEST_F(OrbitalSolver, ChargeSelfConsistentMinimum) {
     for (const char* model : {"Si_orth", "Si"}) {
         SCOPED_TRACE(model);
-        const bool orth = std::string(model) == "Si_orth";
         set_up(diamond_si(1, 0.15), model_file(model, "6.0"), true);
-        ions_type& ions = s.box.ions;
-        const int n_ions = ions.total_n_ions;
         const double e = minimise();
         std::cout << "[ orbital ] Si 8 " << model << " with charges: " << iterations
                   << " iterations\n";
@@ -336,62 +355,9 @@ TEST_F(OrbitalSolver, ChargeSelfConsistentMinimum) {
         double q_max = 0.0;
         for (const double v : q_orb) q_max = std::max(q_max, std::fabs(v));
         EXPECT_GT(q_max, 1e-3); // the distortion moves charge
-        elec_algo_type orbital = ea;
-        orbital.algo = elec_algo_cg;
-        elec_state_type elec;
-        elec.cg = &cg;
-        elec.scc = &scc;
-        i_algo_type ia;
-        forces_calc(s.ham, ions, s.box, ia, elec, orbital);
-        const farray<double, 2> f_orb = ions.f.copy();
-        {
-            // The dense solver's charge loop to a tight tolerance: the same state.
-            kpt_type kpt;
-            kpt.n_k = 1;
-            kpt.weight.allocate({1}, {1});
-            kpt.weight(1) = 1.0;
-            kpt.k_cart.allocate({1, 1}, {3, 1});
-            eig_state_type eig;
-            eig_state_allocate(eig, s.ham.desc.n_row, n_occ, scc.q_total, 1, 1, !orth, 'V', kpt);
-            scc_type charges;
-            scc_model_init(charges, ions, true, false);
-            elec_state_type dense_elec;
-            dense_elec.eig = &eig;
-            dense_elec.scc = &charges;
-            elec_algo_type dense_algo;
-            dense_algo.scc_used = true;
-            dense_algo.scc_mixer = scc_mixer_broyden;
-            dense_algo.charge_mixing = 0.2;
-            dense_algo.energy_tol = 1e-13;
-            dense_algo.charge_tol = 1e-11;
-            ions_state_type st;
-            st.ions = &ions;
-            st.box = &s.box;
-            ions.qion.fill(0.0);
-            gs_calc(s.box, st, dense_elec, dense_algo, s.ham, false);
-            EXPECT_NEAR(e - s.ham.e_atoms, dense_elec.e, 1e-7);
-            for (int i = 1; i <= n_ions; ++i) EXPECT_NEAR(q_orb(i), ions.qion(i), 1e-7);
-            forces_calc(s.ham, ions, s.box, ia, dense_elec, dense_algo);
-            for (int i = 1; i <= n_ions; ++i)
-                for (int x = 1; x <= 3; ++x) EXPECT_NEAR(f_orb(x, i), ions.f(x, i), 1e-5);
-            scc_model_fine(charges);
-            eig_state_deallocate(eig);
-        }
-        const farray<double, 2> r0 = ions.r.copy();
-        const double h = 1e-4;
-        for (const int i : {3, 8})
-            for (int x = 1; x <= 3; ++x) {
-                double ed[2];
-                for (int sgn = 0; sgn < 2; ++sgn) {
-                    std::copy(r0.begin(), r0.end(), ions.r.begin());
-                    ions.r(x, i) += sgn == 0 ? h : -h;
-                    rebuild(s);
-                    ed[sgn] = minimise(false);
-                }
-                EXPECT_NEAR(f_orb(x, i), -(ed[0] - ed[1]) / (2.0 * h), 1e-5) << i << " " << x;
-            }
-        std::copy(r0.begin(), r0.end(), ions.r.begin());
-        rebuild(s);
+        const farray<double, 2> f = orbital_forces();
+        against_dense(e, q_orb, f);
+        against_differences(f, {3, 8});
         cg_state_deallocate(cg);
         scc_model_fine(scc);
     }
