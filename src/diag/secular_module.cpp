@@ -5,6 +5,7 @@
 #include "diag/diag_module.hpp"
 #include "model/tb_hs_module.hpp"
 #include "neighbours/pbc_module.hpp"
+#include "numerics/fitpoly.hpp"
 
 #include <algorithm>
 #include <cmath>
@@ -64,7 +65,7 @@ struct charge_mixer {
         const std::size_t m = dr.size();
         std::vector<double> g(m, 0.0);
         if (m > 0) {
-            // Normal equations of the fit, slightly regularised, by Gaussian elimination.
+            // Normal equations of the fit (symmetric), slightly regularised.
             std::vector<double> a(m * m), rhs(m);
             double trace = 0.0;
             for (std::size_t p = 0; p < m; ++p) {
@@ -79,23 +80,8 @@ struct charge_mixer {
                 trace += a[p * m + p];
             }
             for (std::size_t p = 0; p < m; ++p) a[p * m + p] += 1e-12 * trace + 1e-300;
-            for (std::size_t c = 0; c < m; ++c) {
-                std::size_t piv = c;
-                for (std::size_t p = c + 1; p < m; ++p)
-                    if (std::fabs(a[p * m + c]) > std::fabs(a[piv * m + c])) piv = p;
-                for (std::size_t q = 0; q < m; ++q) std::swap(a[c * m + q], a[piv * m + q]);
-                std::swap(rhs[c], rhs[piv]);
-                for (std::size_t p = c + 1; p < m; ++p) {
-                    const double f = a[p * m + c] / a[c * m + c];
-                    for (std::size_t q = c; q < m; ++q) a[p * m + q] -= f * a[c * m + q];
-                    rhs[p] -= f * rhs[c];
-                }
-            }
-            for (std::size_t c = m; c-- > 0;) {
-                double v = rhs[c];
-                for (std::size_t q = c + 1; q < m; ++q) v -= a[c * m + q] * g[q];
-                g[c] = v / a[c * m + c];
-            }
+            // A singular fit falls back to the plain step.
+            if (gaussj(a, static_cast<int>(m), rhs, 1)) g = rhs;
         }
         for (std::size_t i = 0; i < n; ++i) {
             double v = x[i] + beta * r[i];
