@@ -74,11 +74,7 @@ class Charges : public lyrt_test::program_test {
         on_site_reset();
         build_system(s, dir, pos, tbparam);
         ions_type& ions = s.box.ions;
-        kpt.n_k = 1;
-        kpt.weight.allocate({1}, {1});
-        kpt.weight(1) = 1.0;
-        kpt.k_cart.allocate({1, 1}, {3, 1});
-        kpt.sigma = sigma;
+        gamma_point(kpt, sigma);
         scc_model_init(scc, ions, true, false);
         const int n_dim = s.ham.desc.n_row;
         const int n_states = sigma > 0.0 ? n_dim : static_cast<int>(scc.q_total) / 2;
@@ -114,25 +110,19 @@ class Charges : public lyrt_test::program_test {
         energy();
         i_algo_type ia;
         forces_calc(s.ham, ions, s.box, ia, elec, ea);
-        const farray<double, 2> f = ions.f.copy(), r0 = ions.r.copy();
+        const farray<double, 2> f = ions.f.copy();
         const farray<double, 1> q0 = ions.qion.copy();
         double f_max = 0.0;
         for (const double v : f) f_max = std::max(f_max, std::fabs(v));
-        const double h = 1e-4;
+        // Each displaced geometry starts from the charges of the reference one.
+        const auto displaced = [&] {
+            std::copy(q0.begin(), q0.end(), ions.qion.begin());
+            return energy();
+        };
         for (const int i : which)
-            for (int x = 1; x <= 3; ++x) {
-                double e[2];
-                for (int sgn = 0; sgn < 2; ++sgn) {
-                    std::copy(r0.begin(), r0.end(), ions.r.begin());
-                    std::copy(q0.begin(), q0.end(), ions.qion.begin());
-                    ions.r(x, i) += sgn == 0 ? h : -h;
-                    rebuild(s);
-                    e[sgn] = energy();
-                }
-                EXPECT_NEAR(f(x, i), -(e[0] - e[1]) / (2.0 * h), tol) << "ion " << i << " x" << x;
-            }
-        std::copy(r0.begin(), r0.end(), ions.r.begin());
-        rebuild(s);
+            for (int x = 1; x <= 3; ++x)
+                EXPECT_NEAR(f(x, i), minus_central_difference(s, i, x, 1e-4, displaced), tol)
+                    << "ion " << i << " x" << x;
         return f_max;
     }
     double max_charge() const {

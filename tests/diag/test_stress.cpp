@@ -23,11 +23,7 @@ class StrainedSystem : public lyrt_test::program_test {
     void set_up(const std::string& poslyrt, const std::string& tbparam, int n_dim, int n_states,
                 double n_el, double sigma) {
         build_system(s, dir, poslyrt, tbparam);
-        kpt.n_k = 1;
-        kpt.weight.allocate({1}, {1});
-        kpt.weight(1) = 1.0;
-        kpt.k_cart.allocate({1, 1}, {3, 1});
-        kpt.sigma = sigma;
+        gamma_point(kpt, sigma);
         eig_state_allocate(eig, n_dim, n_states, n_el, 1, 1, s.model.non_orthogonal, 'V', kpt);
         scc_model_init(scc, s.box.ions, false, false);
         elec.eig = &eig;

@@ -119,6 +119,31 @@ void rebuild(model_system& s) {
     calc_hs_real(s.ham, s.box.ions, s.box);
 }
 
+void gamma_point(kpt_type& kpt, double sigma) {
+    kpt.n_k = 1;
+    kpt.weight.allocate({1}, {1});
+    kpt.weight(1) = 1.0;
+    kpt.k_cart.allocate({1, 1}, {3, 1});
+    kpt.sigma = sigma;
+}
+
+double minus_central_difference(model_system& s, int i, int x, double h,
+                                const std::function<double()>& energy) {
+    // The whole array is restored: a rebuild may wrap a displaced ion into the cell.
+    farray<double, 2>& r = s.box.ions.r;
+    const farray<double, 2> r0 = r.copy();
+    double e[2];
+    for (int k = 0; k < 2; ++k) {
+        std::copy(r0.begin(), r0.end(), r.begin());
+        r(x, i) += k == 0 ? h : -h;
+        rebuild(s);
+        e[k] = energy();
+    }
+    std::copy(r0.begin(), r0.end(), r.begin());
+    rebuild(s);
+    return -(e[0] - e[1]) / (2.0 * h);
+}
+
 void dense(model_system& s, farray<double, 2>& h, farray<double, 2>& sm) {
     const int n = s.ham.desc.n_row;
     h.allocate({1, 1}, {n, n});

@@ -4,9 +4,11 @@
 
 #include "model/tb_hs_module.hpp"
 #include "neighbours/pbc_module.hpp"
+#include "system/kpt_module.hpp"
 
 #include <array>
 #include <filesystem>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -50,6 +52,13 @@ void build_system(model_system& s, const std::filesystem::path& dir, const std::
                   const std::string& tbparam, double r_cut = -1.0);
 // Refreshes lists and H after positions or the cell changed.
 void rebuild(model_system& s);
+// One k-point, Gamma, of weight 1, with the smearing sigma (eV).
+void gamma_point(lyrt::kpt_type& kpt, double sigma = 0.0);
+// Minus the derivative of energy() by coordinate x of ion i, by central differences
+// of step h (Angstrom): energy() runs after each displaced geometry is rebuilt; the
+// positions are restored and rebuilt at the end.
+double minus_central_difference(model_system& s, int i, int x, double h,
+                                const std::function<double()>& energy);
 // Dense H and S.
 void dense(model_system& s, lyrt::farray<double, 2>& h, lyrt::farray<double, 2>& sm);
 std::vector<double> symmetric_eigenvalues(const lyrt::farray<double, 2>& m);
