@@ -6,6 +6,7 @@
 #include "base/error_module.hpp"
 #include "base/io_module.hpp"
 #include "model/tb_model_module.hpp"
+#include "parallel/mpi_module.hpp"
 
 #include <cstdlib>
 #include <filesystem>
@@ -98,10 +99,19 @@ int run_lyrt_in(const std::filesystem::path& dir, int threads) {
 
 int main(int argc, char** argv) {
     ::testing::InitGoogleTest(&argc, argv);
+#if defined(LYRT_TEST_MPI)
+    // The suite of the distributed build runs on every process of mpirun.
+    lyrt::init_mpi();
+#endif
     char tmpl[] = "/tmp/lyrt_test_XXXXXX";
     if (mkdtemp(tmpl) == nullptr) return 2;
     work_dir = tmpl;
     std::filesystem::current_path(work_dir);
     std::atexit(remove_work_dir);
-    return RUN_ALL_TESTS();
+    int status = RUN_ALL_TESTS();
+#if defined(LYRT_TEST_MPI)
+    lyrt::gmax_int(status); // a failure on any process fails the run on all
+    lyrt::close_mpi();
+#endif
+    return status;
 }

@@ -125,6 +125,22 @@ int unit_open(int unit, const std::string& file, std::string_view status, std::s
               std::string_view access, int recl) {
     if (is_standard(unit)) return 0;
     if (find(unit) != nullptr) unit_close(unit);
+    // Only process 0 writes the run's files: any other process of a distributed run
+    // that opens a file to write gets a sink, so that each file is written once and
+    // never truncated behind process 0's back. Files opened "old" are read by all.
+    const bool append = position == "append" || position == "APPEND";
+    if (!i_am_master && (!(status == "old" || status == "OLD") || append)) {
+        std::FILE* sink = std::fopen("/dev/null", "w+");
+        if (sink == nullptr) return errno != 0 ? errno : EIO;
+        unit_record u;
+        u.fp = sink;
+        u.name = file;
+        u.direct = access == "direct" || access == "DIRECT";
+        u.recl = recl;
+        u.at_end = true;
+        table()[unit] = u;
+        return 0;
+    }
     // A directory of that name is no file to read or write.
     struct stat info {};
     if (::stat(file.c_str(), &info) == 0 && S_ISDIR(info.st_mode)) return EISDIR;
@@ -149,7 +165,7 @@ int unit_open(int unit, const std::string& file, std::string_view status, std::s
     u.name = file;
     u.direct = access == "direct" || access == "DIRECT";
     u.recl = recl;
-    if (position == "append" || position == "APPEND") {
+    if (append) {
         std::fseek(fp, 0, SEEK_END);
         u.at_end = true;
     } else {
@@ -199,6 +215,8 @@ int unit_recl(int unit) {
 
 void unit_write(int unit, std::string_view record) {
     if (is_standard(unit)) {
+        // Progress text on standard output comes from process 0 alone.
+        if (unit == stdout_unit && !i_am_master) return;
         std::FILE* f = standard_stream(unit);
         std::fwrite(record.data(), 1, record.size(), f);
         std::fputc('\n', f);
@@ -423,7 +441,11 @@ void write_unit_info() {
         write_fmt(unit, "(80(\"=\"))", {});
         for (const char* line : banner) write_fmt(unit, "(A)", {line});
         write_fmt(unit, "(80(\"=\"))", {});
-        write_fmt(unit, "(A)", {"   THIS IS THE SERIAL VERSION"});
+        if (n_proc > 1)
+            write_fmt(unit, "(A,I6,A)",
+                      {"   THIS IS THE PARALLEL VERSION ON", n_proc, " PROCESSES"});
+        else
+            write_fmt(unit, "(A)", {"   THIS IS THE SERIAL VERSION"});
         write_fmt(unit, "(A)", {"   COMPILED TO USE THE GAMMA POINT ONLY"});
         write_fmt(unit, "(80(\"=\"))", {});
     }

@@ -119,4 +119,27 @@ void stress_diag_r_general(const hamiltonian_type& ham, const farray<double, 2>&
     contract(ham, psi_t, w, dh, dh_aa, factor, sig3, 0);
 }
 
+void stress_dm_r(const hamiltonian_type& ham, const farray<double, 2>& dm,
+                 const farray<double, 1>* dm_diag, const farray<double, 3>& dh,
+                 const farray<double, 3>* dh_aa, double* sig3) {
+    const sparse_1d_matrix_desc_type& sd = ham.desc;
+    const pdist_type& pd = *sd.row_pdist;
+    for (int d = 1; d <= 3; ++d) {
+        double sum = 0.0;
+        for (int il = 1; il <= pd.l_n; ++il) {
+            const int ig = pd.l2g(il);
+            const int no = sd.row_block_dim(ig), r0 = sd.row_block_offset(ig);
+            if (dh_aa != nullptr && dm_diag != nullptr) {
+                const int p0 = sd.pblock_offset(1, ig);
+                for (int a = 0; a < no; ++a) sum += (*dh_aa)(p0 + a, il, d) * (*dm_diag)(r0 + a);
+            }
+            for (int jb = 1; jb <= sd.n_blocks(ig); ++jb) {
+                const int l0 = sd.ublock_offset(jb, ig), count = no * sd.pblock_dim(jb, ig);
+                for (int l = l0; l < l0 + count; ++l) sum += dh(l, il, d) * dm(l, il);
+            }
+        }
+        sig3[d - 1] += sum;
+    }
+}
+
 } // namespace lyrt

@@ -19,4 +19,11 @@ void stress_diag_r_general(const hamiltonian_type& ham, const farray<double, 2>&
                            const double* w, const farray<double, 3>& dh,
                            const farray<double, 3>* dh_aa, double factor, double* sig3);
 
+// The same three components from a density matrix already in the layout of the
+// blocks (dm, with its diagonal dm_diag for the on-site gradients dh_aa):
+// sig3(d) += sum over blocks of dh(., d) dm, plus the on-site part.
+void stress_dm_r(const hamiltonian_type& ham, const farray<double, 2>& dm,
+                 const farray<double, 1>* dm_diag, const farray<double, 3>& dh,
+                 const farray<double, 3>* dh_aa, double* sig3);
+
 } // namespace lyrt

@@ -217,28 +217,29 @@ namespace {
 
 bool cluster_reported = false;
 
-void slp_test(int n, slp_status_type& st, const char* text, const char* proc) {
-    if (st.info == 0 && st.m == n) return;
+void slp_test(int n, int n_wanted, slp_status_type& st, const char* text, const char* proc) {
+    const int want = n_wanted > 0 ? n_wanted : n;
+    if (st.info == 0 && st.m == want && st.nz == want) return;
     const int none[1] = {0};
     const double gap[1] = {0.0};
-    diagnostic_error(n, n, st.abstol, st.m, st.nz, none, 1, gap, none, st.info);
-    if (st.m == n && st.info >= 0 && st.info <= n && st.nz == n) return;
+    diagnostic_error(want, n, st.abstol, st.m, st.nz, none, 1, gap, none, st.info);
+    if (st.m == want && st.info >= 0 && st.info <= n && st.nz == want) return;
     fatal_error(text, st.info, proc, mod);
 }
 
 } // namespace
 
-void calc_eigen_real_slp(int n, slp_status_type& st) {
-    slp_test(n, st, "an error occured in call to pXheevx", "calc_eigen_real_slp");
+void calc_eigen_real_slp(int n, slp_status_type& st, int n_wanted) {
+    slp_test(n, n_wanted, st, "an error occured in call to pXheevx", "calc_eigen_real_slp");
 }
-void calc_gen_eigen_real_slp(int n, slp_status_type& st) {
-    slp_test(n, st, "an error occured in call to pXsygvx", "calc_gen_eigen_real_slp");
+void calc_gen_eigen_real_slp(int n, slp_status_type& st, int n_wanted) {
+    slp_test(n, n_wanted, st, "an error occured in call to pXsygvx", "calc_gen_eigen_real_slp");
 }
-void calc_eigen_complex_slp(int n, slp_status_type& st) {
-    slp_test(n, st, "an error occured in call to pXheevx", "calc_eigen_complex_slp");
+void calc_eigen_complex_slp(int n, slp_status_type& st, int n_wanted) {
+    slp_test(n, n_wanted, st, "an error occured in call to pXheevx", "calc_eigen_complex_slp");
 }
-void calc_gen_eigen_complex_slp(int n, slp_status_type& st) {
-    slp_test(n, st, "an error occured in call to pXsygvx", "calc_gen_eigen_complex_slp");
+void calc_gen_eigen_complex_slp(int n, slp_status_type& st, int n_wanted) {
+    slp_test(n, n_wanted, st, "an error occured in call to pXsygvx", "calc_gen_eigen_complex_slp");
 }
 
 void diagnostic_reset() {

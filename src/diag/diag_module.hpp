@@ -47,16 +47,17 @@ void calc_eigen_complex_lp(char jobz, farray<dcomplex, 2>& h, int n, farray<doub
 void calc_gen_eigen_complex_lp(char jobz, farray<dcomplex, 2>& h, farray<dcomplex, 2>& s, int n,
                                farray<double, 1>& en, farray<dcomplex, 2>* x, blacs_distr_type& d);
 
-// The tests made on the results of a distributed solve (no distributed library is
-// linked): status info, eigenvalues found m, eigenvectors found nz.
+// The tests made on the results of a distributed solve: status info, eigenvalues
+// found m, eigenvectors found nz. A solve for the lowest n_wanted states (0: all n)
+// succeeds with m = nz = n_wanted.
 struct slp_status_type {
     int info = 0, m = 0, nz = 0;
     double abstol = 0.0;
 };
-void calc_eigen_real_slp(int n, slp_status_type& st);
-void calc_gen_eigen_real_slp(int n, slp_status_type& st);
-void calc_eigen_complex_slp(int n, slp_status_type& st);
-void calc_gen_eigen_complex_slp(int n, slp_status_type& st);
+void calc_eigen_real_slp(int n, slp_status_type& st, int n_wanted = 0);
+void calc_gen_eigen_real_slp(int n, slp_status_type& st, int n_wanted = 0);
+void calc_eigen_complex_slp(int n, slp_status_type& st, int n_wanted = 0);
+void calc_gen_eigen_complex_slp(int n, slp_status_type& st, int n_wanted = 0);
 void diagnostic_error(int n, int n2, double abstol, int m, int nz, const int* ifail, int n_ifail,
                       const double* gap, const int* iclustr, int info);
 void diagnostic_reset();

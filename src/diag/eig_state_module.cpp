@@ -2,6 +2,7 @@
 
 #include "diag/acum_delem_module_1.hpp"
 #include "diag/diag_module.hpp"
+#include "diag/pdiag_module.hpp"
 #include "numerics/lapack_module.hpp"
 
 #include "base/allocate_module.hpp"
@@ -100,11 +101,17 @@ void eig_state_allocate(eig_state_type& eig, int n_dim, int n_states, double n_e
         n_states = n_dim;
         eig.n_states = n_dim;
     }
-    pdist_init(eig.row_pdist, n_dim, std::max(1, block_row), n_proc, my_proc, "bc");
-    pdist_init(eig.col_pdist, n_states, std::max(1, block_col), n_proc, my_proc, "bc");
+    // Eigenvalues and occupations are held whole on every process; a distributed
+    // run spreads the dense matrices block-cyclically instead (pdiag_setup).
+    pdist_init(eig.row_pdist, n_dim, std::max(1, block_row), 1, 0, "bc");
+    pdist_init(eig.col_pdist, n_states, std::max(1, block_col), 1, 0, "bc");
+    init_blacs_distr(eig.d, n_dim, n_dim, std::max(1, block_row), std::max(1, block_row));
+    pdiag_setup(eig, n_dim, non_orth);
+    const bool dist = eig_distributed(eig);
     eig.psi_k.clear();
     eig.psi_k.resize(static_cast<std::size_t>(eig.n_psi));
-    for (auto& p : eig.psi_k) ca_real_2d(p, 1, n_dim, 1, n_states, "eig_state%psi_k", proc, mod);
+    for (auto& p : eig.psi_k)
+        ca_real_2d(p, 1, dist ? 1 : n_dim, 1, dist ? 1 : n_states, "eig_state%psi_k", proc, mod);
     const int nk = kpt.n_k;
     ca_real_2d(eig.en_i, 1, n_states, 1, nk, "eig_state%en_i", proc, mod);
     ca_real_2d(eig.occ, 1, n_states, 1, nk, "eig_state%occ", proc, mod);
@@ -117,9 +124,12 @@ void eig_state_allocate(eig_state_type& eig, int n_dim, int n_states, double n_e
             eig.occ(i, k) = i <= n_occ ? 1.0 : 0.0;
             eig.docc(i, k) = eig.occ(i, k) * (eig.occ(i, k) - 1.0);
         }
-    init_blacs_distr(eig.d, n_dim, n_dim, std::max(1, block_row), std::max(1, block_row));
     allocate_work_arrays(eig.d, "R");
     ca_real_1d(eig.ework, 1, n_dim, "eig_state%ework", proc, mod);
+    if (dist) {
+        eig_set_psi(eig, 1);
+        return;
+    }
     ca_real_2d(eig.h_ij, 1, n_dim, 1, n_dim, "eig_state%h_ij", proc, mod);
     if (non_orth) ca_real_2d(eig.s_ij, 1, n_dim, 1, n_dim, "eig_state%s_ij", proc, mod);
     if (jobz == 'v' || jobz == 'V') {
@@ -135,11 +145,11 @@ void eig_state_deallocate(eig_state_type& eig) {
     for (auto& p : eig.psi_k) cd_real_2d(p, "eig_state%psi_k", proc, mod);
     eig.psi_k.clear();
     for (auto* a : {&eig.en_i, &eig.occ, &eig.docc, &eig.alpha, &eig.beta, &eig.h_ij, &eig.s_ij,
-                    &eig.x, &eig.dm})
+                    &eig.x, &eig.dm, &eig.h_loc, &eig.s_loc, &eig.z_loc})
         if (a->allocated()) cd_real_2d(*a, "eig_state%array", proc, mod);
     if (eig.ework.allocated()) cd_real_1d(eig.ework, "eig_state%ework", proc, mod);
     if (eig.dm_diag.allocated()) cd_real_1d(eig.dm_diag, "eig_state%dm_diag", proc, mod);
-    free_blacs_distr(eig.d);
+    reset_blacs_distr(eig.d);
     pdist_deallocate(eig.row_pdist);
     pdist_deallocate(eig.col_pdist);
 }
@@ -254,6 +264,10 @@ void eig_calc_energy(eig_state_type& eig) {
 
 void eig_calc_local_proj(const hamiltonian_type& ham, const eig_state_type& eig,
                          const farray<double, 1>& w, farray<double, 1>& out) {
+    if (eig_distributed(eig)) {
+        eig_calc_local_proj_dist(ham, eig, w, out);
+        return;
+    }
     const farray<double, 2>& psi = eig.psi;
     farray<double, 2> y;
     if (ham.tb_model->non_orthogonal) {
@@ -354,9 +368,20 @@ void eig_state_write(eig_state_type& eig, int unit, std::string_view file) {
     std::error_code ec;
     std::filesystem::remove(partial, ec); // a direct-access file keeps old records
     if (i_am_master) open_wfs(eig, unit, partial, false);
-    for (int k = 1; k <= n_kpt(eig); ++k) {
-        eig_set_psi(eig, k);
-        eig_state_write_psi_k(eig, k, unit, partial, false);
+    if (eig_distributed(eig)) {
+        // The columns are gathered on process 0, which writes them.
+        std::vector<double> col(static_cast<std::size_t>(eig.n_dim));
+        for (int i = 1; i <= eig.n_states; ++i) {
+            eig_gather_column(eig, i, col.data());
+            if (i_am_master &&
+                unit_write_direct(unit, i, col.data(), sizeof(double) * col.size()) != 0)
+                fatal_error("problem writing " + partial, i, "eig_state_write", mod);
+        }
+    } else {
+        for (int k = 1; k <= n_kpt(eig); ++k) {
+            eig_set_psi(eig, k);
+            eig_state_write_psi_k(eig, k, unit, partial, false);
+        }
     }
     unit_close(unit);
     eig_set_psi(eig, 1);
@@ -367,6 +392,11 @@ void eig_state_write(eig_state_type& eig, int unit, std::string_view file) {
 void eig_state_read(eig_state_type& eig, int unit, std::string_view file) {
     if (eig.n_psi != n_kpt(eig)) {
         warning_error("Only one psi(k) is stored in memory, ignoring call.", "eig_state_read", mod);
+        return;
+    }
+    if (eig_distributed(eig)) {
+        warning_error("the eigenvectors of a distributed run are not read back, ignoring call.",
+                      "eig_state_read", mod);
         return;
     }
     open_wfs(eig, unit, file, true);
@@ -538,11 +568,17 @@ void eig_forces_dm(hamiltonian_type& ham, ions_type& ions, const box_type& box, 
         calc_hs_grad_real(ham, ions, box);
         if (charges && non_orth) modify_dh_ab(ham, *scc, 0.0);
         eig_set_psi(eig, k);
-        setup_dh_dm_r(ham, eig.psi, &wf(1, k), dm, on_site ? &dm_diag : nullptr, &eig.d);
+        const auto density = [&](const double* w, farray<double, 1>* diag) {
+            if (eig_distributed(eig))
+                setup_dh_dm_dist(ham, eig, w, ns, dm, diag);
+            else
+                setup_dh_dm_r(ham, eig.psi, w, dm, diag, &eig.d);
+        };
+        density(&wf(1, k), on_site ? &dm_diag : nullptr);
         acum_dm_boost_r(ham, 1.0, ions.f, dm, ham.dh_ab, fboost, &ions.boost,
                         on_site ? &dm_diag : nullptr, on_site ? &ham.dh_aa : nullptr);
         if (non_orth) {
-            setup_dh_dm_r(ham, eig.psi, &wen(1, k), dm, nullptr, &eig.d);
+            density(&wen(1, k), nullptr);
             acum_dm_boost_r(ham, 1.0, ions.f, dm, ham.ds_ab, fboost, &ions.boost, nullptr, nullptr);
         }
     }
@@ -582,9 +618,27 @@ void eig_stress(hamiltonian_type& ham, ions_type& ions, box_type& box, eig_state
         }
     double sig[6] = {0, 0, 0, 0, 0, 0};
     const bool on_site = ham.tb_model->on_site_env;
+    if (eig_distributed(eig)) {
+        // The density matrices of the two weights, in the layout of the blocks,
+        // against the strain gradients.
+        eig_forces_reserve(eig, ham);
+        farray<double, 2> dm_s;
+        if (non_orth) ca_real_2d(dm_s, 1, eig.dm.extent(0), 1, eig.dm.extent(1), "dm_s", proc, mod);
+        setup_dh_dm_dist(ham, eig, &eig.alpha(1, 1), ns, eig.dm, on_site ? &eig.dm_diag : nullptr);
+        if (non_orth) setup_dh_dm_dist(ham, eig, &eig.beta(1, 1), ns, dm_s, nullptr);
+        for (const int c : {1, 4}) {
+            calc_hs_grad_real(ham, ions, box, "B", c == 1 ? "D" : "O");
+            if (charges && non_orth) modify_dh_ab(ham, *scc, 0.0);
+            const phase_timer wall(phase_contract);
+            stress_dm_r(ham, eig.dm, on_site ? &eig.dm_diag : nullptr, ham.dh_ab,
+                        on_site ? &ham.dh_aa : nullptr, &sig[c - 1]);
+            if (non_orth) stress_dm_r(ham, dm_s, nullptr, ham.ds_ab, nullptr, &sig[c - 1]);
+        }
+        if (dm_s.allocated()) cd_real_2d(dm_s, "dm_s", proc, mod);
+    }
     farray<double, 2> psi_t;
-    ca_real_2d(psi_t, 1, ns, 1, eig.n_dim, "psi_t", proc, mod);
-    for (int k = 1; k <= nk; ++k) {
+    if (!eig_distributed(eig)) ca_real_2d(psi_t, 1, ns, 1, eig.n_dim, "psi_t", proc, mod);
+    for (int k = 1; k <= nk && !eig_distributed(eig); ++k) {
         eig_set_psi(eig, k);
         for (int r = 1; r <= eig.n_dim; ++r)
             for (int j = 1; j <= ns; ++j) psi_t(j, r) = eig.psi(r, j);
@@ -595,7 +649,7 @@ void eig_stress(hamiltonian_type& ham, ions_type& ions, box_type& box, eig_state
                          on_site, &sig[c - 1]);
         }
     }
-    cd_real_2d(psi_t, "psi_t", proc, mod);
+    if (psi_t.allocated()) cd_real_2d(psi_t, "psi_t", proc, mod);
     const double vol = cell_vol(box.cell);
     for (double& x : sig) x /= vol;
     farray<double, 2>& cs = box.cell.sig;

@@ -3,6 +3,7 @@
 #include "base/error_module.hpp"
 #include "base/io_module.hpp"
 #include "diag/diag_module.hpp"
+#include "diag/pdiag_module.hpp"
 #include "model/tb_hs_module.hpp"
 #include "neighbours/pbc_module.hpp"
 #include "numerics/fitpoly.hpp"
@@ -24,9 +25,9 @@ void debug_print_hs() {}
 
 // A matrix element that is not finite comes from a model coefficient too large for
 // the distances at hand; the solver would return garbage for it.
-void check_finite(const farray<double, 2>& m, int n, const char* name) {
-    for (int j = 1; j <= n; ++j)
-        for (int i = 1; i <= n; ++i)
+void check_finite(const farray<double, 2>& m, const char* name) {
+    for (long j = 1; j <= m.extent(1); ++j)
+        for (long i = 1; i <= m.extent(0); ++i)
             if (!std::isfinite(m(i, j)))
                 fatal_error(std::string(name) + " holds a number that is not finite at row " +
                                 std::to_string(i) + ", column " + std::to_string(j) +
@@ -109,7 +110,9 @@ void solve_secular_eqn(hamiltonian_type& ham, ions_type& ions, const box_type& b
     const int n_dim = eig.n_dim, n_states = eig.n_states, n_kpt = eig.kpt->n_k;
     const bool non_orth = ham.tb_model->non_orthogonal;
     const bool vectors = jobz == 'v' || jobz == 'V';
-    const bool direct = hs_mode == 'c' || hs_mode == 'C';
+    const bool dist = eig_distributed(eig);
+    // The distributed matrices are filled from the blocks.
+    const bool direct = (hs_mode == 'c' || hs_mode == 'C') && !dist;
     const bool scc_used = elec_algo.scc_used;
     int iter_max = 1, iter_min = 1;
     if (scc_used) {
@@ -147,6 +150,16 @@ void solve_secular_eqn(hamiltonian_type& ham, ions_type& ions, const box_type& b
         }
         for (int k = 1; k <= n_kpt; ++k) {
             if (debug > 0) std::fputs(".", stdout);
+            if (dist) {
+                if (n_kpt > 1 || iter == 0) calc_hs_real(ham, ions, box);
+                get_hs_ij_dist(ham, eig, scc_arg);
+                check_finite(eig.h_loc, "the Hamiltonian");
+                if (non_orth) check_finite(eig.s_loc, "the overlap");
+                pdiag_solve(eig, non_orth, vectors, n_states);
+                for (int i = 1; i <= n_states; ++i) eig.en_i(i, k) = eig.ework(i);
+                eig_set_psi(eig, k);
+                continue;
+            }
             if (direct) {
                 calc_hs_ij_real(ham, ions, box, scc_arg, &eig.h_ij, s_arg);
             } else {
@@ -154,8 +167,8 @@ void solve_secular_eqn(hamiltonian_type& ham, ions_type& ions, const box_type& b
                 get_hs_ij_real(ham, &eig.h_ij, s_arg, scc_arg);
             }
             if (debug > 2) debug_print_hs();
-            check_finite(eig.h_ij, n_dim, "the Hamiltonian");
-            if (non_orth) check_finite(eig.s_ij, n_dim, "the overlap");
+            check_finite(eig.h_ij, "the Hamiltonian");
+            if (non_orth) check_finite(eig.s_ij, "the overlap");
             if (vectors && non_orth)
                 calc_gen_eigen_vectors_real(eig.h_ij, eig.s_ij, n_dim, eig.ework, eig.x, eig.d);
             else if (vectors)
@@ -174,7 +187,7 @@ void solve_secular_eqn(hamiltonian_type& ham, ions_type& ions, const box_type& b
         }
         eig_calc_energy(eig);
         for (int k = 1; k <= n_kpt; ++k) {
-            if (eig.n_psi < n_kpt)
+            if (eig.n_psi < n_kpt && !dist)
                 eig_state_read_psi_k(eig, k, wfs_unit, "WFS", true);
             else
                 eig_set_psi(eig, k);

@@ -133,7 +133,9 @@ void kpm_state_init(kpm_state_type& ks, const hamiltonian_type& h, char kernel, 
     const pdist_type& ions = *h.desc.row_pdist;
     pdist_deallocate(ks.blk_pdist);
     pdist_deallocate(ks.pdist);
-    pdist_init(ks.blk_pdist, ions.n, 1, ions.n_proc, ions.my_proc, "bl");
+    // The unit-vector columns of the trace, ion by ion, are dealt to the processes
+    // in contiguous ranges; each runs the recurrence for its own.
+    pdist_init(ks.blk_pdist, ions.n, 1, n_proc, my_proc, "bl");
     for (auto* a : {&ks.blk_offset, &ks.blk_dim}) {
         if (a->allocated()) cd_integer_1d(*a, "kpm_state%blk", proc, mod);
         ca_integer_1d(*a, 1, std::max(1, ks.blk_pdist.l_n), "kpm_state%blk", proc, mod);

@@ -7,6 +7,7 @@
 #include "numerics/lapack_module.hpp"
 #include "orbital/acum_delem_module_2.hpp"
 #include "orbital/hs_psi_module.hpp"
+#include "parallel/mpi_module.hpp"
 
 #include <cmath>
 
@@ -23,15 +24,23 @@ double dot(const double* x, const double* y, long n) {
     return ddot_(&ni, x, &one, y, &one);
 }
 
-// Chunks of local ions: kpm_block_size at a time, then the rest one by one.
+// Chunks of this process's ions (a contiguous range of ks.blk_pdist; the other
+// processes take the others): kpm_block_size at a time, then the rest one by one.
+// f gets the first ion of the chunk as numbered in h, which holds every ion.
 template <class F>
-void for_chunks(const kpm_state_type& ks, const hamiltonian_type& h, F&& f) {
-    const pdist_type& pd = *h.desc.row_pdist;
+void for_chunks(const kpm_state_type& ks, const hamiltonian_type& /*h*/, F&& f) {
+    const pdist_type& pd = ks.blk_pdist;
     const int block = ks.block_size;
     const int n_full = pd.l_n / block;
     int il = 1;
-    for (int k = 0; k < n_full; ++k, il += block) f(il, block);
-    for (; il <= pd.l_n; ++il) f(il, 1);
+    for (int k = 0; k < n_full; ++k, il += block) f(pd.l2g(il), block);
+    for (; il <= pd.l_n; ++il) f(pd.l2g(il), 1);
+}
+
+// The moments summed over the processes; mu(0), the trace of the unit matrix, is
+// every process's own already.
+void sum_moments(kpm_state_type& ks, int m) {
+    if (m >= 1) gsum_real_ptr(&ks.mu(1), m);
 }
 
 // Columns of the chunk: the orbitals of its ions. Writes 1 at (orbital, column) of
@@ -141,6 +150,7 @@ void moments_fixed(const hamiltonian_type& h, kpm_state_type& ks, const char* na
             if (2 * t <= m) ks.mu(2 * t) += 2.0 * dot(cur, cur, slab);
         }
     });
+    sum_moments(ks, m);
     finish_moments(ks.mu, m, static_cast<double>(n));
     cd_real_3d(cb, "cb", proc, mod);
     last_rate = {rec_flops, rec_seconds, rec_bytes, products};
@@ -189,6 +199,7 @@ void calc_mu(const hamiltonian_type& h, kpm_state_type& ks) {
         products += t_max;
         flops += static_cast<double>(t_max) * cols * (2.0 * nnz + n);
     });
+    sum_moments(ks, m);
     finish_moments(ks.mu, m, static_cast<double>(n));
     const double seconds = utime() - start;
     last_rate = {flops, seconds, 0.0, products};
@@ -237,6 +248,7 @@ void calc_dmu(const hamiltonian_type& h, farray<double, 2>& forces, const kpm_st
     ca_real_2d(c2, 1, n, 1, max_cols, "c2", proc, mod);
     ca_real_2d(w, 1, n, 1, max_cols, "cinit", proc, mod);
     ca_real_1d(w_diag, 1, n, "w_diag", proc, mod);
+    w_diag.fill(0.0);
     const x_psi_layout lay = hs_layout(h, h.h_ab);
     const int n_orb = h.tb_model->same_orbitals ? h.tb_model->max_no : 0;
     const sparse_1d_matrix_desc_type& sd = h.desc;
@@ -278,6 +290,8 @@ void calc_dmu(const hamiltonian_type& h, farray<double, 2>& forces, const kpm_st
         }
     });
     if (h.tb_model->on_site_env) acum_dmu_dr_ons(h, w_diag, forces);
+    // Each process holds the forces of its own columns (and of their on-site part).
+    gsum_real_mat(forces);
     cd_real_2d(c0, "c0", proc, mod);
     cd_real_2d(c1, "c1", proc, mod);
     cd_real_2d(c2, "c2", proc, mod);

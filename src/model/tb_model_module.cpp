@@ -10,7 +10,9 @@
 #include <cctype>
 #include <cmath>
 #include <cstdlib>
+#include <cstring>
 #include <numbers>
+#include <type_traits>
 
 namespace lyrt {
 
@@ -328,6 +330,7 @@ void tb_model_read_param(std::vector<atomic_type>& species, tb_model_type& tb_mo
         unit_close(rd.unit);
     }
     barrier();
+    tb_model.atomic = &species;
     tb_model_bcast(tb_model);
     tb_model.pair_pot_used = tb_model.pair_pot;
     tb_init_atm_energies(tb_model);
@@ -445,11 +448,82 @@ void tb_model_print_param(const tb_model_type& tb_model, int unit) {
         }
 }
 
+namespace {
+
+// The packed message of the model: process 0 writes the record into bytes, every
+// other process reads it back in the same order.
+struct model_packet {
+    std::vector<char> bytes;
+    std::size_t at = 0;
+    bool writing = true;
+
+    template <class T>
+    void item(T& x) {
+        static_assert(std::is_trivially_copyable_v<T>);
+        if (writing) {
+            const char* p = reinterpret_cast<const char*>(&x);
+            bytes.insert(bytes.end(), p, p + sizeof(T));
+        } else {
+            if (at + sizeof(T) > bytes.size())
+                fatal_error("the broadcast model is shorter than its record", -1, "tb_model_bcast",
+                            mod);
+            std::memcpy(&x, bytes.data() + at, sizeof(T));
+            at += sizeof(T);
+        }
+    }
+    void text(std::string& x) {
+        int n = static_cast<int>(x.size());
+        item(n);
+        if (writing) {
+            bytes.insert(bytes.end(), x.begin(), x.end());
+        } else {
+            x.assign(bytes.data() + at, static_cast<std::size_t>(n));
+            at += static_cast<std::size_t>(n);
+        }
+    }
+};
+
+void pack_model(model_packet& pk, tb_model_type& m) {
+    pk.item(m.max_no);
+    pk.item(m.non_orthogonal);
+    pk.item(m.pair_pot);
+    pk.item(m.classical);
+    pk.item(m.same_orbitals);
+    pk.item(m.on_site_env);
+    pk.item(m.n_species);
+    pk.item(m.n_pairs);
+    pk.item(m.r_cut);
+    pk.item(pair_pot_flag);
+    if (!pk.writing) init_tables(m, m.n_species);
+    for (int j = 1; j <= m.n_species; ++j)
+        for (int i = 1; i <= m.n_species; ++i) pk.item(m.pair_index(i, j));
+    // A pair's record holds numbers only.
+    for (offsite_param_type& p : m.param) pk.item(p);
+    // The species records that the file completed.
+    int n_atomic = m.atomic != nullptr ? static_cast<int>(m.atomic->size()) : 0;
+    pk.item(n_atomic);
+    if (!pk.writing && m.atomic != nullptr) m.atomic->resize(static_cast<std::size_t>(n_atomic));
+    if (m.atomic != nullptr)
+        for (atomic_type& a : *m.atomic) {
+            pk.item(a.mass);
+            pk.item(a.elec_occ);
+            pk.item(a.atomic_number);
+            pk.item(a.n_val_elec);
+            pk.text(a.symbol);
+            pk.item(a.hubbard_u);
+        }
+}
+
+} // namespace
+
 void tb_model_bcast(tb_model_type& tb_model) {
-    // One process holds the record already; the scalars stand for the packed message.
-    bcast_int(tb_model.max_no);
-    bcast_int(tb_model.n_species);
-    bcast_real(tb_model.r_cut);
+    // Process 0 read the file; the others receive the whole record and the species.
+    if (n_proc < 2) return;
+    model_packet pk;
+    pk.writing = i_am_master;
+    if (pk.writing) pack_model(pk, tb_model);
+    bcast_bytes(pk.bytes);
+    if (!pk.writing) pack_model(pk, tb_model);
 }
 
 // ---- model functions ------------------------------------------------------------------

@@ -4,8 +4,9 @@
 // keywords, set up ions, neighbour lists and electrons, hand control to the ion
 // loop, and close down with the timing lines. A fatal stop anywhere has already
 // written its message and closed the files when it reaches this level; the run
-// then ends with status 1. SIGTERM, SIGINT and max_wall_time end the ion loop at
-// the end of a step; the run closes down as usual and ends with status 2.
+// then ends with status 1 (a distributed run ends all its processes). SIGTERM, SIGINT and
+// max_wall_time end the ion loop at the end of a step; the run closes down as usual and ends with
+// status 2.
 #include "base/error_module.hpp"
 #include "base/io_module.hpp"
 #include "base/stop_module.hpp"
@@ -18,6 +19,8 @@
 #include "run/system_def_module.hpp"
 
 #include <cstdio>
+#include <string>
+#include <unistd.h>
 
 namespace {
 
@@ -60,13 +63,39 @@ int main_lyrt() {
     return sys.ions_state.interrupted != stop_none ? exit_interrupted : 0;
 }
 
+// A fatal stop in a distributed run ends every process. Process 0 has written the
+// message and closed its files; it ends the run at once. Another process waits a
+// moment first: every process reads the same input and holds the same results,
+// so process 0 usually meets the same error and writes it; only an error of that
+// process alone is still alive after the wait, and it writes its message (to
+// standard error and ERRLYRT) before ending the run, so the message is written once.
+void end_distributed_run(const lyrt::fatal_stop& stop) {
+    using namespace lyrt;
+    if (!i_am_master) {
+        ::sleep(3);
+        const std::string text = " FATAL ERROR on process " + std::to_string(my_proc) + ": " +
+                                 stop.message + " (in procedure " + stop.procedure + " of module " +
+                                 stop.module + ")";
+        std::fprintf(stderr, "%s\n", text.c_str());
+        if (std::FILE* f = std::fopen("ERRLYRT", "a")) {
+            std::fprintf(f, "%s\nABORTING LYRT !\n", text.c_str());
+            std::fclose(f);
+        }
+    }
+    std::fflush(stdout);
+    std::fflush(stderr);
+    abort_mpi(1);
+}
+
 } // namespace
 
 int main() {
     try {
         return main_lyrt();
-    } catch (const lyrt::fatal_stop&) {
+    } catch (const lyrt::fatal_stop& stop) {
         std::fflush(stdout);
+        if (lyrt::n_proc >= 2) end_distributed_run(stop);
+        lyrt::close_mpi();
         return 1;
     }
 }

@@ -30,7 +30,7 @@ void init_system_ions() {
     box_calc_ic_list(sys.box);
     box_init_sb_list(sys.box);
     box_ions_fill_sb(sys.box);
-    pdist_init(sys.ions_pdist, sys.ions->total_n_ions, 1, n_proc, my_proc, "bl");
+    pdist_init(sys.ions_pdist, sys.ions->total_n_ions, 1, 1, 0, "bl");
     ions_init(sys.ions_state, sys.i_algo);
     pbc_calc_max_nn(sys.box);
     write_free(stdout_unit, {"After pbc_calc_max_nn, max_n_nn=", sys.ions->max_n_nn});
@@ -90,9 +90,11 @@ void init_system_elec() {
         fatal_error("n_h_dup should be a divider of the # of processors", -1, proc, mod);
     if (sys.n_h_dup <= 0) sys.n_h_dup = 1;
     if (sys.n_h_dup > n_proc) sys.n_h_dup = n_proc;
+    sys.n_h_dup = n_proc;
+    // Every process holds the whole block Hamiltonian: its assembly grows with the
+    // ion count alone, and the dense and polynomial solvers divide their own work.
     pdist_deallocate(sys.ions_pdist);
-    pdist_init(sys.ions_pdist, sys.ions->total_n_ions, 1, n_proc / sys.n_h_dup,
-               my_proc / sys.n_h_dup, "bl");
+    pdist_init(sys.ions_pdist, sys.ions->total_n_ions, 1, 1, 0, "bl");
     hamiltonian_init(sys.ham, *sys.ions, sys.tb_model, sys.ions_pdist, sys.ions_pdist);
     if (sys.tb_model.classical) {
         return;

@@ -476,7 +476,9 @@ void ions_read_in(box_type& box, ions_type& ions, std::string_view file) {
     const trace_guard trace(proc, mod);
     int grid[3] = {1, 1, 1}, n_basis = 0;
     bool grid_found = false;
-    if (i_am_master) ions_read_file(box, ions, file, grid, grid_found, n_basis);
+    // Every process reads the positions (the file is in the run's own folder); the
+    // broadcast then checks that all agree with process 0.
+    ions_read_file(box, ions, file, grid, grid_found, n_basis);
     if (n_proc > 1) {
         ions_bcast_ions(ions);
         bcast_logical(grid_found);
