@@ -44,9 +44,10 @@ struct eig_state_type {
     blacs_distr_type d;                   // solver workspace
     farray<double, 2> dm;                 // block density matrix of the forces (H's layout)
     farray<double, 1> dm_diag;            // its diagonal, for the on-site terms
-    farray<double, 2> h_loc, s_loc, z_loc; // local pieces of H, S and the eigenvectors (distributed)
-    pdist_type row_pdist;                 // basis functions
-    pdist_type col_pdist;                 // states
+    farray<double, 2> h_loc, s_loc,
+        z_loc;            // local pieces of H, S and the eigenvectors (distributed)
+    pdist_type row_pdist; // basis functions
+    pdist_type col_pdist; // states
 };
 
 void eig_state_allocate(eig_state_type& eig, int n_dim, int n_states, double n_el, int block_row,

@@ -3,8 +3,10 @@
 #include "test_support.hpp"
 
 #include <cmath>
+#include <cstdlib>
 #include <gtest/gtest.h>
 #include <sstream>
+#include <sys/wait.h>
 
 namespace lyrt_test {
 
@@ -60,14 +62,26 @@ std::string tbparam(const std::string& name) {
     return read_text(std::filesystem::path(LYRT_SOURCE_DIR) / "tests/data" / (name + ".tbparam"));
 }
 
+int run_lyrt_mpi_in(const std::filesystem::path& dir, int n_processes) {
+    // Oversubscribed (more processes than cores), one thread each; mpirun refuses
+    // the root user unless told.
+    const std::string cmd = "cd '" + dir.string() +
+                            "' && OMPI_ALLOW_RUN_AS_ROOT=1 OMPI_ALLOW_RUN_AS_ROOT_CONFIRM=1 "
+                            "OPENBLAS_NUM_THREADS=1 OMP_NUM_THREADS=1 mpirun --oversubscribe -np " +
+                            std::to_string(n_processes) +
+                            " '" LYRT_BINARY "' >stdout.txt 2>stderr.txt";
+    const int status = std::system(cmd.c_str());
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
 run_result run_case(const std::filesystem::path& dir, const std::string& pos,
-                    const std::string& inlyrt, const std::string& param) {
+                    const std::string& inlyrt, const std::string& param, int n_processes) {
     std::filesystem::create_directories(dir);
     write_text(dir / "POSLYRT", pos);
     write_text(dir / "INLYRT", inlyrt);
     write_text(dir / "TBPARAM", param);
     run_result r;
-    r.status = run_lyrt_in(dir);
+    r.status = n_processes > 0 ? run_lyrt_mpi_in(dir, n_processes) : run_lyrt_in(dir);
     r.report = read_text(dir / "OUTLYRT");
     auto lines = read_lines(dir / "OUTLYRT");
     for (std::size_t k = 0; k < lines.size(); ++k) {

@@ -45,7 +45,9 @@ std::vector<atom> shaken(std::vector<atom> atoms, double amount);
 void check_forces(const std::filesystem::path& dir, const std::string& name, const cell3& cell,
                   const std::vector<atom>& atoms, int n_species, const std::string& input,
                   const std::string& param, int ion, double tol = 1e-5);
+// n_processes > 0: the run under mpirun on that many processes (distributed build).
 run_result run_case(const std::filesystem::path& dir, const std::string& poslyrt,
-                    const std::string& inlyrt, const std::string& tbparam);
+                    const std::string& inlyrt, const std::string& tbparam, int n_processes = 0);
+int run_lyrt_mpi_in(const std::filesystem::path& dir, int n_processes);
 
 } // namespace lyrt_test

@@ -1,0 +1,122 @@
+// Whole runs of the distributed program under mpirun: the same energies, forces
+// and trajectory on 2 and 3 processes as on one; a fatal error met by every
+// process, and one met by a single process other than 0, end every process with
+// the message written once. Only in the distributed build (LYRT_MPI).
+#include "run_support.hpp"
+#include "test_support.hpp"
+
+#include <chrono>
+#include <cmath>
+#include <gtest/gtest.h>
+#include <sstream>
+
+using namespace lyrt_test;
+
+namespace {
+
+class DistributedRuns : public ::testing::Test {
+  protected:
+    void SetUp() override {
+#if !defined(LYRT_MPI)
+        GTEST_SKIP() << "a build without LYRT_MPI";
+#endif
+        dir = fresh_dir(::testing::UnitTest::GetInstance()->current_test_info()->name());
+    }
+    static int count(const std::string& text, const std::string& what) {
+        int n = 0;
+        for (auto at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) ++n;
+        return n;
+    }
+    std::filesystem::path dir;
+};
+
+std::string example(const std::string& name, const std::string& file) {
+    return read_text(std::filesystem::path(LYRT_SOURCE_DIR) / "examples" / name / file);
+}
+
+TEST_F(DistributedRuns, StaticPointAndDynamicsAgreeOverProcessCounts) {
+    // A static point of non-orthogonal Si 64 with forces and stress.
+    const std::string pos = poslyrt(cube(10.862), shaken(diamond(5.431, 2), 0.03), 1);
+    const std::string input = "n_steps = 0\ncalc_forces = T\ncalc_stress = T\n";
+    const run_result one = run_case(dir / "np1", pos, input, tbparam("Si"));
+    ASSERT_EQ(one.status, 0);
+    ASSERT_EQ(one.force.size(), 64u);
+    for (const int np : {2, 3}) {
+        const run_result r =
+            run_case(dir / ("np" + std::to_string(np)), pos, input, tbparam("Si"), np);
+        ASSERT_EQ(r.status, 0) << np;
+        EXPECT_NEAR(r.e_pot, one.e_pot, 1e-10 * std::fabs(one.e_pot)) << np;
+        EXPECT_NEAR(r.e_fermi, one.e_fermi, 1e-9) << np;
+        ASSERT_EQ(r.force.size(), one.force.size());
+        for (std::size_t i = 0; i < one.force.size(); ++i)
+            for (int x = 0; x < 3; ++x)
+                EXPECT_NEAR(r.force[i][static_cast<std::size_t>(x)],
+                            one.force[i][static_cast<std::size_t>(x)], 1e-7)
+                    << np << " ion " << i + 1;
+        EXPECT_NE(r.report.find("THIS IS THE PARALLEL VERSION ON     " + std::to_string(np)),
+                  std::string::npos);
+        // Process 0 alone writes: one header, no unit files of the other processes.
+        EXPECT_EQ(count(r.report, "Program Executed on"), 1);
+        EXPECT_FALSE(std::filesystem::exists(dir / ("np" + std::to_string(np)) / "fort.12"));
+    }
+    // 20 steps of the dynamics example (velocities drawn on process 0, broadcast):
+    // the energy file is the same, line by line, on 2 processes.
+    std::string md = example("si64_md", "INLYRT");
+    md.replace(md.find("n_steps = 500"), 13, "n_steps = 20");
+    md.replace(md.find("status_output_freq = 10"), 23, "status_output_freq = 2");
+    const auto a = dir / "md1", b = dir / "md2";
+    ASSERT_EQ(run_case(a, example("si64_md", "POSLYRT"), md, tbparam("Si")).status, 0);
+    ASSERT_EQ(run_case(b, example("si64_md", "POSLYRT"), md, tbparam("Si"), 2).status, 0);
+    const auto ea = read_lines(a / "ENE"), eb = read_lines(b / "ENE");
+    ASSERT_GT(ea.size(), 10u) << "energy lines";
+    ASSERT_EQ(ea.size(), eb.size());
+    for (std::size_t k = 0; k < ea.size(); ++k) {
+        std::istringstream sa(ea[k]), sb(eb[k]);
+        double x = 0.0, y = 0.0;
+        while (sa >> x && sb >> y) EXPECT_NEAR(x, y, 1e-8 * std::max(1.0, std::fabs(x))) << k;
+    }
+}
+
+TEST_F(DistributedRuns, FatalErrorOnEveryProcessIsWrittenOnce) {
+    // Process 0 reads the parameter file and meets the error; the others wait for
+    // the model and end with it.
+    const auto run = dir / "no_param";
+    std::filesystem::create_directories(run);
+    write_text(run / "POSLYRT", example("si8", "POSLYRT"));
+    write_text(run / "INLYRT", "n_steps = 0\n");
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_NE(run_lyrt_mpi_in(run, 3), 0);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(60));
+    EXPECT_EQ(count(read_text(run / "ERRLYRT"), "FATAL ERROR"), 1);
+    EXPECT_EQ(count(read_text(run / "ERRLYRT"), "problems opening file TBPARAM"), 1);
+    EXPECT_EQ(count(read_text(run / "stdout.txt"), "FATAL ERROR"), 1);
+}
+
+TEST_F(DistributedRuns, FatalErrorOfOneProcessEndsAll) {
+    // Cu3Au whose gold on-site energy is not finite once in eV: its diagonal
+    // elements lie in the last columns, which one process other than 0 holds (a
+    // grid of one row; blocks of n/np columns). That process alone finds them.
+    std::istringstream in(tbparam("CuAu"));
+    std::string param, l;
+    for (int k = 1; std::getline(in, l); ++k) param += (k == 31 ? "-1e308" : l) + "\n";
+    const std::vector<atom> atoms = {
+        {1, 0, 0, 0}, {1, 0, 1.95, 1.95}, {1, 1.95, 0, 1.95}, {2, 1.95, 1.95, 0}};
+    const std::string pos = poslyrt(cube(3.9), atoms, 2);
+    for (const int np : {2, 3}) {
+        const auto run = dir / ("np" + std::to_string(np));
+        const auto start = std::chrono::steady_clock::now();
+        const run_result r = run_case(run, pos, "n_steps = 0\n", param, np);
+        EXPECT_NE(r.status, 0);
+        EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(60));
+        const std::string err = read_text(run / "ERRLYRT");
+        EXPECT_EQ(count(err, "not finite"), 1) << err;
+        EXPECT_EQ(count(err, "FATAL ERROR on process " + std::to_string(np - 1)), 1) << err;
+        EXPECT_EQ(count(read_text(run / "stderr.txt"), "not finite"), 1);
+    }
+    // On one process the same input stops with the same message.
+    const run_result one = run_case(dir / "np1", pos, "n_steps = 0\n", param);
+    EXPECT_EQ(one.status, 1);
+    EXPECT_NE(read_text(dir / "np1" / "ERRLYRT").find("not finite"), std::string::npos);
+}
+
+} // namespace
