@@ -69,6 +69,12 @@ bench: build-release
 	build/release/lyrt_bench_md
 	build/release/lyrt_bench_kpm
 
+# The distributed build on 1 and 2 processes: Si 1000 static point (dense path) and
+# Si 512 kernel polynomial point, whole runs under mpirun, and the speed-up.
+bench-mpi: build-mpi
+	cmake --build build/mpi -j $(JOBS) --target lyrt_bench_mpi
+	build/mpi/lyrt_bench_mpi $(BENCH_MPI_CASES)
+
 # Fuzzing of the three input readers with libFuzzer (clang, address and undefined
 # behaviour sanitizers), FUZZ_SECONDS each, seeded with the examples and the
 # parameter sets; the corpora grow in build/fuzz/corpus/, what crashes or hangs is

@@ -65,7 +65,10 @@ void report_step(box_type& box, ions_state_type& ions_state, i_algo_type& i_algo
 // if so, says why on the error report, the report and standard output.
 bool end_early(ions_state_type& ions_state, const i_algo_type& i_algo, double loop_start,
                int steps_done) {
-    const int request = stop_check(timeofday(), loop_start, steps_done, i_algo.max_wall_time);
+    int request = stop_check(timeofday(), loop_start, steps_done, i_algo.max_wall_time);
+    // All processes of a distributed run end at the same step: a signal or the clock
+    // seen by one is acted on by all (the larger code wins).
+    gmax_int(request);
     if (request == stop_none) return false;
     ions_state.interrupted = request;
     const std::string why = stop_reason(request) + " at the end of step " +
