@@ -96,7 +96,7 @@ void bench(const std::string& name, const std::string& pos, const std::string& i
     }
     std::printf("%-10s 1 process %8.1f s   2 processes %8.1f s   speed-up %.2f\n", name.c_str(),
                 t[1], t[2], t[2] > 0 ? t[1] / t[2] : 0.0);
-    std::printf("           energy: %s | %s eV\n", energy[1].c_str(), energy[2].c_str());
+    std::printf("           energy: %s | %s\n", energy[1].c_str(), energy[2].c_str());
 }
 
 } // namespace
