@@ -61,6 +61,32 @@ constexpr const char* mod = "pdiag_module";
 // with blocks of 32 to 64.
 constexpr int dist_block = 32;
 
+// Calls f(il, ig, jb, l, r, c, lr, lc) for every element of the blocks of sd that
+// this process holds on the grid of d: ion il (global ig), block jb, place l in the
+// block layout, global row and column (r, c), local row and column (lr, lc).
+template <class F>
+void for_held_elements(const sparse_1d_matrix_desc_type& sd, const blacs_distr_type& d, F&& f) {
+    const pdist_type& pd = *sd.row_pdist;
+    for (int il = 1; il <= pd.l_n; ++il) {
+        const int ig = pd.l2g(il);
+        const int no = sd.row_block_dim(ig), r0 = sd.row_block_offset(ig);
+        for (int jb = 1; jb <= sd.n_blocks(ig); ++jb) {
+            const int no2 = sd.pblock_dim(jb, ig), c0 = sd.sblock_offset(jb, ig);
+            int l = sd.ublock_offset(jb, ig);
+            for (int b = 0; b < no2; ++b) {
+                const int c = c0 + b;
+                const bool col_here = bc_owner(c, d.nb, d.npcol) == d.mycol;
+                const int lc = bc_local(c, d.nb, d.npcol);
+                for (int a = 0; a < no; ++a, ++l) {
+                    const int r = r0 + a;
+                    if (col_here && bc_owner(r, d.mb, d.nprow) == d.myrow)
+                        f(il, ig, jb, l, r, c, bc_local(r, d.mb, d.nprow), lc);
+                }
+            }
+        }
+    }
+}
+
 int solver_choice = pdiag_elpa;
 int last_solver = pdiag_elpa;
 
@@ -214,40 +240,22 @@ void get_hs_ij_dist(const hamiltonian_type& ham, eig_state_type& eig, const scc_
     const trace_guard trace(proc, mod);
     const blacs_distr_type& d = eig.d;
     const sparse_1d_matrix_desc_type& sd = ham.desc;
-    const pdist_type& pd = *sd.row_pdist;
     const bool non_orth = eig.s_loc.allocated();
     const bool charges = scc != nullptr && scc->used;
     eig.h_loc.fill(0.0);
     if (non_orth) eig.s_loc.fill(0.0);
     // Every element of every block is placed where the grid keeps it.
-    for (int il = 1; il <= pd.l_n; ++il) {
-        const int ig = pd.l2g(il);
-        const int no = sd.row_block_dim(ig), r0 = sd.row_block_offset(ig);
-        for (int jb = 1; jb <= sd.n_blocks(ig); ++jb) {
-            const int no2 = sd.pblock_dim(jb, ig), c0 = sd.sblock_offset(jb, ig);
+    for_held_elements(sd, d, [&](int il, int ig, int jb, int l, int r, int c, int lr, int lc) {
+        double h = ham.h_ab(l, il);
+        if (non_orth) {
             const int jg = sd.block_index(jb, ig);
-            const double shift = charges && non_orth ? 0.5 * (scc->qaux(ig) + scc->qaux(jg)) : 0.0;
-            int l = sd.ublock_offset(jb, ig);
-            for (int b = 0; b < no2; ++b) {
-                const int c = c0 + b;
-                const bool col_here = bc_owner(c, d.nb, d.npcol) == d.mycol;
-                const int lc = bc_local(c, d.nb, d.npcol);
-                for (int a = 0; a < no; ++a, ++l) {
-                    const int r = r0 + a;
-                    if (!col_here || bc_owner(r, d.mb, d.nprow) != d.myrow) continue;
-                    const int lr = bc_local(r, d.mb, d.nprow);
-                    double h = ham.h_ab(l, il);
-                    if (non_orth) {
-                        eig.s_loc(lr, lc) = ham.s_ab(l, il);
-                        h += shift * ham.s_ab(l, il);
-                    } else if (charges && r == c) {
-                        h += scc->qaux(ig);
-                    }
-                    eig.h_loc(lr, lc) = h;
-                }
-            }
+            eig.s_loc(lr, lc) = ham.s_ab(l, il);
+            if (charges) h += 0.5 * (scc->qaux(ig) + scc->qaux(jg)) * ham.s_ab(l, il);
+        } else if (charges && r == c) {
+            h += scc->qaux(ig);
         }
-    }
+        eig.h_loc(lr, lc) = h;
+    });
 }
 
 void pdiag_solve([[maybe_unused]] eig_state_type& eig, [[maybe_unused]] bool non_orth,
@@ -311,25 +319,9 @@ void setup_dh_dm_dist([[maybe_unused]] const hamiltonian_type& ham,
             &one, d.desc, &beta, dd.data(), &one, &one, d.desc);
     // Each process fills the block elements it holds; the global sum completes them.
     const long rows = dm.extent(0);
-    for (int il = 1; il <= pd.l_n; ++il) {
-        std::fill(&dm(1, il), &dm(1, il) + rows, 0.0);
-        const int ig = pd.l2g(il);
-        const int no = sd.row_block_dim(ig), r0 = sd.row_block_offset(ig);
-        for (int jb = 1; jb <= sd.n_blocks(ig); ++jb) {
-            const int c0 = sd.sblock_offset(jb, ig), no2 = sd.pblock_dim(jb, ig);
-            int l = sd.ublock_offset(jb, ig);
-            for (int b = 0; b < no2; ++b) {
-                const int c = c0 + b;
-                const bool col_here = bc_owner(c, d.nb, d.npcol) == d.mycol;
-                const int lc = bc_local(c, d.nb, d.npcol);
-                for (int a = 0; a < no; ++a, ++l) {
-                    const int r = r0 + a;
-                    if (col_here && bc_owner(r, d.mb, d.nprow) == d.myrow)
-                        dm(l, il) = dd(bc_local(r, d.mb, d.nprow), lc);
-                }
-            }
-        }
-    }
+    for (int il = 1; il <= pd.l_n; ++il) std::fill(&dm(1, il), &dm(1, il) + rows, 0.0);
+    for_held_elements(
+        sd, d, [&](int il, int, int, int l, int, int, int lr, int lc) { dm(l, il) = dd(lr, lc); });
     gsum_real_ptr(dm.data(), rows * pd.l_n);
     if (dm_diag != nullptr) {
         dm_diag->fill(0.0);
