@@ -129,36 +129,30 @@ int unit_open(int unit, const std::string& file, std::string_view status, std::s
     // that opens a file to write gets a sink, so that each file is written once and
     // never truncated behind process 0's back. Files opened "old" are read by all.
     const bool append = position == "append" || position == "APPEND";
-    if (!i_am_master && (!(status == "old" || status == "OLD") || append)) {
-        std::FILE* sink = std::fopen("/dev/null", "w+");
-        if (sink == nullptr) return errno != 0 ? errno : EIO;
-        unit_record u;
-        u.fp = sink;
-        u.name = file;
-        u.direct = access == "direct" || access == "DIRECT";
-        u.recl = recl;
-        u.at_end = true;
-        table()[unit] = u;
-        return 0;
-    }
-    // A directory of that name is no file to read or write.
-    struct stat info {};
-    if (::stat(file.c_str(), &info) == 0 && S_ISDIR(info.st_mode)) return EISDIR;
-    bool exists = file_exists(file);
-    const char* mode = nullptr;
-    if (status == "replace" || status == "REPLACE") {
-        mode = "w+";
-    } else if (status == "old" || status == "OLD") {
-        if (!exists) return ENOENT;
-        mode = "r+";
-    } else if (status == "new" || status == "NEW") {
-        if (exists) return EEXIST;
-        mode = "w+";
+    const bool sink = !i_am_master && (!(status == "old" || status == "OLD") || append);
+    std::FILE* fp = nullptr;
+    if (sink) {
+        fp = std::fopen("/dev/null", "w+");
     } else {
-        mode = exists ? "r+" : "w+";
+        // A directory of that name is no file to read or write.
+        struct stat info {};
+        if (::stat(file.c_str(), &info) == 0 && S_ISDIR(info.st_mode)) return EISDIR;
+        bool exists = file_exists(file);
+        const char* mode = nullptr;
+        if (status == "replace" || status == "REPLACE") {
+            mode = "w+";
+        } else if (status == "old" || status == "OLD") {
+            if (!exists) return ENOENT;
+            mode = "r+";
+        } else if (status == "new" || status == "NEW") {
+            if (exists) return EEXIST;
+            mode = "w+";
+        } else {
+            mode = exists ? "r+" : "w+";
+        }
+        fp = std::fopen(file.c_str(), mode);
+        if (fp == nullptr && std::string_view(mode) == "r+") fp = std::fopen(file.c_str(), "r");
     }
-    std::FILE* fp = std::fopen(file.c_str(), mode);
-    if (fp == nullptr && std::string_view(mode) == "r+") fp = std::fopen(file.c_str(), "r");
     if (fp == nullptr) return errno != 0 ? errno : EIO;
     unit_record u;
     u.fp = fp;

@@ -145,7 +145,7 @@ void eig_state_deallocate(eig_state_type& eig) {
     for (auto& p : eig.psi_k) cd_real_2d(p, "eig_state%psi_k", proc, mod);
     eig.psi_k.clear();
     for (auto* a : {&eig.en_i, &eig.occ, &eig.docc, &eig.alpha, &eig.beta, &eig.h_ij, &eig.s_ij,
-                    &eig.x, &eig.dm, &eig.h_loc, &eig.s_loc, &eig.z_loc})
+                    &eig.x, &eig.dm, &eig.h_loc, &eig.s_loc, &eig.z_loc, &eig.sz_loc})
         if (a->allocated()) cd_real_2d(*a, "eig_state%array", proc, mod);
     if (eig.ework.allocated()) cd_real_1d(eig.ework, "eig_state%ework", proc, mod);
     if (eig.dm_diag.allocated()) cd_real_1d(eig.dm_diag, "eig_state%dm_diag", proc, mod);
@@ -635,21 +635,22 @@ void eig_stress(hamiltonian_type& ham, ions_type& ions, box_type& box, eig_state
             if (non_orth) stress_dm_r(ham, dm_s, nullptr, ham.ds_ab, nullptr, &sig[c - 1]);
         }
         if (dm_s.allocated()) cd_real_2d(dm_s, "dm_s", proc, mod);
-    }
-    farray<double, 2> psi_t;
-    if (!eig_distributed(eig)) ca_real_2d(psi_t, 1, ns, 1, eig.n_dim, "psi_t", proc, mod);
-    for (int k = 1; k <= nk && !eig_distributed(eig); ++k) {
-        eig_set_psi(eig, k);
-        for (int r = 1; r <= eig.n_dim; ++r)
-            for (int j = 1; j <= ns; ++j) psi_t(j, r) = eig.psi(r, j);
-        for (const int c : {1, 4}) {
-            calc_hs_grad_real(ham, ions, box, "B", c == 1 ? "D" : "O");
-            if (charges && non_orth) modify_dh_ab(ham, *scc, 0.0);
-            eig_stress_r(ham, psi_t, &eig.alpha(1, k), non_orth ? &eig.beta(1, k) : nullptr,
-                         on_site, &sig[c - 1]);
+    } else {
+        farray<double, 2> psi_t;
+        ca_real_2d(psi_t, 1, ns, 1, eig.n_dim, "psi_t", proc, mod);
+        for (int k = 1; k <= nk; ++k) {
+            eig_set_psi(eig, k);
+            for (int r = 1; r <= eig.n_dim; ++r)
+                for (int j = 1; j <= ns; ++j) psi_t(j, r) = eig.psi(r, j);
+            for (const int c : {1, 4}) {
+                calc_hs_grad_real(ham, ions, box, "B", c == 1 ? "D" : "O");
+                if (charges && non_orth) modify_dh_ab(ham, *scc, 0.0);
+                eig_stress_r(ham, psi_t, &eig.alpha(1, k), non_orth ? &eig.beta(1, k) : nullptr,
+                             on_site, &sig[c - 1]);
+            }
         }
+        cd_real_2d(psi_t, "psi_t", proc, mod);
     }
-    if (psi_t.allocated()) cd_real_2d(psi_t, "psi_t", proc, mod);
     const double vol = cell_vol(box.cell);
     for (double& x : sig) x /= vol;
     farray<double, 2>& cs = box.cell.sig;

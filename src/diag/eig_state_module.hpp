@@ -44,8 +44,8 @@ struct eig_state_type {
     blacs_distr_type d;                   // solver workspace
     farray<double, 2> dm;                 // block density matrix of the forces (H's layout)
     farray<double, 1> dm_diag;            // its diagonal, for the on-site terms
-    farray<double, 2> h_loc, s_loc,
-        z_loc;            // local pieces of H, S and the eigenvectors (distributed)
+    // Local pieces of the distributed H, S, eigenvectors and S times the eigenvectors.
+    farray<double, 2> h_loc, s_loc, z_loc, sz_loc;
     pdist_type row_pdist; // basis functions
     pdist_type col_pdist; // states
 };

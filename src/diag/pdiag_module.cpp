@@ -216,7 +216,6 @@ int pdiag_last_solver() {
 void pdiag_setup([[maybe_unused]] eig_state_type& eig, [[maybe_unused]] int n_dim,
                  [[maybe_unused]] bool non_orth) {
 #if defined(LYRT_MPI)
-    const char* proc = "pdiag_setup";
     if (n_proc < 2) return;
     int nprow = 1, npcol = 1;
     bc_grid_shape(n_proc, nprow, npcol);
@@ -230,7 +229,6 @@ void pdiag_setup([[maybe_unused]] eig_state_type& eig, [[maybe_unused]] int n_di
     if (i_am_master)
         write_free(report_unit, {"distributed dense matrices: grid", nprow, "x", npcol, ", blocks",
                                  nb, ", local", eig.d.l_m, "x", eig.d.l_n});
-    (void)proc;
 #endif
 }
 
@@ -335,36 +333,53 @@ void setup_dh_dm_dist([[maybe_unused]] const hamiltonian_type& ham,
 #endif
 }
 
+void pdiag_form_s_z([[maybe_unused]] const hamiltonian_type& ham,
+                    [[maybe_unused]] eig_state_type& eig) {
+#if defined(LYRT_MPI)
+    const phase_timer wall(phase_density);
+    const blacs_distr_type& d = eig.d;
+    // The solver left its factor of S in s_loc: S again from the blocks.
+    eig.s_loc.fill(0.0);
+    for_held_elements(ham.desc, d, [&](int il, int, int, int l, int, int, int lr, int lc) {
+        eig.s_loc(lr, lc) = ham.s_ab(l, il);
+    });
+    if (!eig.sz_loc.allocated()) alloc_matrix_bc_distr_r(d, eig.sz_loc, "eig_state%sz_loc");
+    const int n = d.n, ns = eig.n_states, one = 1;
+    const double alpha = 1.0, beta = 0.0;
+    pdgemm_("N", "N", &n, &ns, &n, &alpha, eig.s_loc.data(), &one, &one, d.desc, eig.z_loc.data(),
+            &one, &one, d.desc, &beta, eig.sz_loc.data(), &one, &one, d.desc);
+#endif
+}
+
 void eig_calc_local_proj_dist(const hamiltonian_type& ham, const eig_state_type& eig,
                               const farray<double, 1>& w, farray<double, 1>& out) {
     const char* proc = "eig_calc_local_proj_dist";
+    const blacs_distr_type& d = eig.d;
     const sparse_1d_matrix_desc_type& sd = ham.desc;
-    const pdist_type& pd = *sd.row_pdist;
-    // The projection on ion a is the trace over its orbitals of D S, D the weighted
-    // density matrix: the blocks of D against those of S (S vanishes outside them).
-    farray<double, 2> dm;
-    farray<double, 1> diag;
-    ca_real_2d(dm, 1, sd.u_n_dim, 1, std::max(1, pd.l_n), "dm", proc, mod);
-    ca_real_1d(diag, 1, eig.n_dim, "dm_diag", proc, mod);
-    setup_dh_dm_dist(ham, eig, w.data(), eig.n_states, dm, &diag);
+    const int n_ions = sd.row_pdist->n;
+    // Each process sums w(j) z(mu, j) (S z)(mu, j) over the elements it holds (S z is
+    // z itself in an orthogonal model), by the ion of the row; one global sum.
     const bool non_orth = ham.tb_model->non_orthogonal;
-    for (int il = 1; il <= pd.l_n; ++il) {
-        const int ig = pd.l2g(il);
-        double s = 0.0;
-        if (non_orth) {
-            for (int jb = 1; jb <= sd.n_blocks(ig); ++jb) {
-                const int l0 = sd.ublock_offset(jb, ig);
-                const int count = sd.row_block_dim(ig) * sd.pblock_dim(jb, ig);
-                for (int l = l0; l < l0 + count; ++l) s += dm(l, il) * ham.s_ab(l, il);
+    if (non_orth && !eig.sz_loc.allocated())
+        fatal_error("S z of the distributed states is not formed", -1, proc, mod);
+    const farray<double, 2>& y = non_orth ? eig.sz_loc : eig.z_loc;
+    farray<double, 1> part;
+    ca_real_1d(part, 1, n_ions, "part", proc, mod);
+    part.fill(0.0);
+    for (int ig = 1; ig <= n_ions; ++ig) {
+        const int r0 = sd.row_block_offset(ig);
+        for (int r = r0; r < r0 + sd.row_block_dim(ig); ++r) {
+            if (bc_owner(r, d.mb, d.nprow) != d.myrow) continue;
+            const int lr = bc_local(r, d.mb, d.nprow);
+            for (int lc = 1; lc <= d.l_n; ++lc) {
+                const int g = bc_global(lc, d.nb, d.npcol, d.mycol);
+                if (g <= eig.n_states) part(ig) += w(g) * eig.z_loc(lr, lc) * y(lr, lc);
             }
-        } else {
-            const int r0 = sd.row_block_offset(ig);
-            for (int a = 0; a < sd.row_block_dim(ig); ++a) s += diag(r0 + a);
         }
-        out(ig) += s;
     }
-    cd_real_2d(dm, "dm", proc, mod);
-    cd_real_1d(diag, "dm_diag", proc, mod);
+    gsum_real_vec(part);
+    for (int ig = 1; ig <= n_ions; ++ig) out(ig) += part(ig);
+    cd_real_1d(part, "part", proc, mod);
 }
 
 void eig_gather_column(const eig_state_type& eig, int j, double* col) {

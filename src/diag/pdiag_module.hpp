@@ -45,6 +45,10 @@ constexpr int pdiag_elpa = 0, pdiag_scalapack = 1;
 void setup_dh_dm_dist(const hamiltonian_type& ham, const eig_state_type& eig, const double* w,
                       int n_w, farray<double, 2>& dm, farray<double, 1>* dm_diag);
 
+// S z of the solved states into eig.sz_loc (non-orthogonal model), once per solve,
+// for the projections below.
+void pdiag_form_s_z(const hamiltonian_type& ham, eig_state_type& eig);
+
 // out(a) += sum_j w(j) sum over the orbitals mu of ion a of z(mu, j) (S z)(mu, j): the
 // Mulliken projection of the weighted states on each ion.
 void eig_calc_local_proj_dist(const hamiltonian_type& ham, const eig_state_type& eig,

@@ -156,6 +156,7 @@ void solve_secular_eqn(hamiltonian_type& ham, ions_type& ions, const box_type& b
                 check_finite(eig.h_loc, "the Hamiltonian");
                 if (non_orth) check_finite(eig.s_loc, "the overlap");
                 pdiag_solve(eig, non_orth, vectors, n_states);
+                if (non_orth && (scc_used || calc_elocal)) pdiag_form_s_z(ham, eig);
                 for (int i = 1; i <= n_states; ++i) eig.en_i(i, k) = eig.ework(i);
                 eig_set_psi(eig, k);
                 continue;

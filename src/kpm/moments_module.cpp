@@ -26,9 +26,10 @@ double dot(const double* x, const double* y, long n) {
 
 // Chunks of this process's ions (a contiguous range of ks.blk_pdist; the other
 // processes take the others): kpm_block_size at a time, then the rest one by one.
-// f gets the first ion of the chunk as numbered in h, which holds every ion.
+// f gets the first ion of the chunk as numbered in the Hamiltonian, which holds
+// every ion.
 template <class F>
-void for_chunks(const kpm_state_type& ks, const hamiltonian_type& /*h*/, F&& f) {
+void for_chunks(const kpm_state_type& ks, F&& f) {
     const pdist_type& pd = ks.blk_pdist;
     const int block = ks.block_size;
     const int n_full = pd.l_n / block;
@@ -110,7 +111,7 @@ void moments_fixed(const hamiltonian_type& h, kpm_state_type& ks, const char* na
     const double nnz = block_elements(h);
     double rec_seconds = 0.0, rec_flops = 0.0, rec_bytes = 0.0;
     int products = 0;
-    for_chunks(ks, h, [&](int il_first, int n_chunk) {
+    for_chunks(ks, [&](int il_first, int n_chunk) {
         double* c = cb.data();
         const int cols = n_chunk_columns(h, il_first, n_chunk);
         const long slab = n * cols; // slices of this chunk lie one after the other
@@ -177,7 +178,7 @@ void calc_mu(const hamiltonian_type& h, kpm_state_type& ks) {
     const double nnz = block_elements(h);
     double flops = 0.0;
     int products = 0;
-    for_chunks(ks, h, [&](int il_first, int n_chunk) {
+    for_chunks(ks, [&](int il_first, int n_chunk) {
         double *p0 = c0.data(), *p1 = c1.data(), *p2 = c2.data();
         setzero_r(p0, n * max_cols);
         setzero_r(p1, n * max_cols);
@@ -256,7 +257,7 @@ void calc_dmu(const hamiltonian_type& h, farray<double, 2>& forces, const kpm_st
     // The gradient of every moment is linear in U_{n-1}(H~): the columns of
     // W = sum_n n de_dmu(n) U_{n-1}(H~) carry the whole force of the chunk, and
     // one contraction with the gradient blocks per chunk follows.
-    for_chunks(ks, h, [&](int il_first, int n_chunk) {
+    for_chunks(ks, [&](int il_first, int n_chunk) {
         double *p0 = c0.data(), *p1 = c1.data(), *p2 = c2.data(), *pw = w.data();
         setzero_r(p0, n * max_cols);
         const int cols = unit_columns(h, il_first, n_chunk, p0, n);

@@ -9,7 +9,7 @@ namespace {
 
 #if defined(LYRT_MPI)
 MPI_Comm comm = MPI_COMM_NULL;
-int world_size = 1, world_rank = 0;
+int world_size = 1;
 bool started_here = false; // MPI_Init was called by init_mpi (and MPI_Finalize is ours)
 
 // Messages of at most this many elements at a time: MPI counts are int.
@@ -20,6 +20,10 @@ MPI_Datatype type_of();
 template <>
 MPI_Datatype type_of<int>() {
     return MPI_INT;
+}
+template <>
+MPI_Datatype type_of<long>() {
+    return MPI_LONG;
 }
 template <>
 MPI_Datatype type_of<double>() {
@@ -81,6 +85,21 @@ void bcast_array(farray<T, R>& x, int root) {
     bcast_n(x.data(), static_cast<long>(x.size()), root);
 }
 
+// A container whose length only the root knows: the length first, then the contents.
+template <class C>
+void bcast_sized(C& x, int root) {
+    if (n_proc < 2) return;
+    long n = static_cast<long>(x.size());
+    bcast_n(&n, 1, root);
+    x.resize(static_cast<std::size_t>(n));
+    bcast_n(x.data(), n, root);
+}
+
+template <class T, int R, class Op>
+void reduce_array(farray<T, R>& x, Op op) {
+    reduce_n(x.data(), static_cast<long>(x.size()), op);
+}
+
 } // namespace
 
 void init_mpi() {
@@ -95,7 +114,6 @@ void init_mpi() {
     }
     set_identity(MPI_COMM_WORLD);
     world_size = n_proc;
-    world_rank = my_proc;
 #else
     n_proc = 1;
     my_proc = 0;
@@ -153,20 +171,10 @@ void bcast_complex(std::complex<double>& x, int root) {
     bcast_n(&x, 1, root);
 }
 void bcast_string(std::string& x, int root) {
-    if (n_proc < 2) return;
-    int n = static_cast<int>(x.size());
-    bcast_n(&n, 1, root);
-    x.resize(static_cast<std::size_t>(n));
-    bcast_n(x.data(), n, root);
+    bcast_sized(x, root);
 }
 void bcast_bytes(std::vector<char>& x, int root) {
-    if (n_proc < 2) return;
-    long n = static_cast<long>(x.size());
-    double nd = static_cast<double>(n);
-    bcast_n(&nd, 1, root);
-    n = static_cast<long>(nd);
-    x.resize(static_cast<std::size_t>(n));
-    bcast_n(x.data(), n, root);
+    bcast_sized(x, root);
 }
 void bcast_int_vec(farray<int, 1>& x, int root) {
     bcast_array(x, root);
@@ -209,22 +217,22 @@ void gsum_complex(std::complex<double>& x) {
     reduce_n(&x, 1, MPI_SUM);
 }
 void gsum_int_vec(farray<int, 1>& x) {
-    reduce_n(x.data(), static_cast<long>(x.size()), MPI_SUM);
+    reduce_array(x, MPI_SUM);
 }
 void gsum_real_vec(farray<double, 1>& x) {
-    reduce_n(x.data(), static_cast<long>(x.size()), MPI_SUM);
+    reduce_array(x, MPI_SUM);
 }
 void gsum_complex_vec(farray<std::complex<double>, 1>& x) {
-    reduce_n(x.data(), static_cast<long>(x.size()), MPI_SUM);
+    reduce_array(x, MPI_SUM);
 }
 void gsum_int_mat(farray<int, 2>& x) {
-    reduce_n(x.data(), static_cast<long>(x.size()), MPI_SUM);
+    reduce_array(x, MPI_SUM);
 }
 void gsum_real_mat(farray<double, 2>& x) {
-    reduce_n(x.data(), static_cast<long>(x.size()), MPI_SUM);
+    reduce_array(x, MPI_SUM);
 }
 void gsum_complex_mat(farray<std::complex<double>, 2>& x) {
-    reduce_n(x.data(), static_cast<long>(x.size()), MPI_SUM);
+    reduce_array(x, MPI_SUM);
 }
 void gsum_real_ptr(double* x, long n) {
     reduce_n(x, n, MPI_SUM);
@@ -236,13 +244,13 @@ void gmax_real(double& x) {
     reduce_n(&x, 1, MPI_MAX);
 }
 void gmax_int_vec(farray<int, 1>& x) {
-    reduce_n(x.data(), static_cast<long>(x.size()), MPI_MAX);
+    reduce_array(x, MPI_MAX);
 }
 void gmax_real_vec(farray<double, 1>& x) {
-    reduce_n(x.data(), static_cast<long>(x.size()), MPI_MAX);
+    reduce_array(x, MPI_MAX);
 }
 void gmax_real_mat(farray<double, 2>& x) {
-    reduce_n(x.data(), static_cast<long>(x.size()), MPI_MAX);
+    reduce_array(x, MPI_MAX);
 }
 
 void send_real_vec([[maybe_unused]] const farray<double, 1>& x, [[maybe_unused]] int dest,
