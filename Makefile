@@ -7,7 +7,7 @@ MPI_PACKAGES := libopenmpi-dev openmpi-bin libscalapack-openmpi-dev libelpa-dev
 EXAMPLE ?= si8
 JOBS ?= 2
 
-.PHONY: run test bench bench-mpi fuzz deps deps-mpi build-release build-test build-mpi release-mpi format layers clean
+.PHONY: run test bench bench-mpi fuzz mutate deps deps-mpi build-release build-test build-mpi release-mpi format layers clean
 
 deps:
 	@missing=""; for p in $(PACKAGES); do \
@@ -44,22 +44,32 @@ format:
 layers:
 	tools/check_layers.sh
 
-# The optimised distributed build (MPI, ScaLAPACK, ELPA; one thread per process):
-# free of warnings (its inlining shows some the test build does not); the whole
-# suite passes in it on one process as in the threaded test build, and its own
-# suite runs under mpirun on 1, 2 and 3 processes.
+# The optimised distributed build (MPI, ScaLAPACK, ELPA; one thread per process),
+# free of warnings (its inlining shows some the test build does not): its own suite
+# under mpirun on 1, 2 and 3 processes, the whole runs on several processes, and a
+# smoke set of whole runs (the independent reference points) in its optimised code.
+SMOKE := ^(distributed\.|DistributedRuns|Independent/ReferencePoints)
 release-mpi: deps-mpi
 	cmake -S . -B build/release-check -DCMAKE_BUILD_TYPE=Release -DLYRT_WERROR=ON -DLYRT_OPENMP=OFF -DLYRT_MPI=ON -DLYRT_TESTS=ON >/dev/null
-	cmake --build build/release-check -j $(JOBS)
+	cmake --build build/release-check -j $(JOBS) --target lyrt test_distributed test_regression
 
 # The distributed program alone (build/mpi/lyrt), to run as mpirun -np N build/mpi/lyrt.
 build-mpi: deps-mpi
 	cmake -S . -B build/mpi -DCMAKE_BUILD_TYPE=Release -DLYRT_OPENMP=OFF -DLYRT_MPI=ON -DLYRT_TESTS=OFF >/dev/null
 	cmake --build build/mpi -j $(JOBS) --target lyrt
 
+# The whole suite once, in the bounds-checked build; then the distributed build's
+# own suite and the smoke set. ctest ends each part with its time per label.
 test: build-test format layers release-mpi
 	cd build/test && ctest --output-on-failure -j $(JOBS)
-	cd build/release-check && ctest --output-on-failure -j $(JOBS)
+	cd build/release-check && ctest --output-on-failure -j $(JOBS) -R '$(SMOKE)'
+
+# Mutation testing: a fixed list of planted faults (tools/mutations.txt), each built
+# and run against the suite in a copy of the tree (build/mutate); prints killed or
+# survived per fault and the score. Long (each survivor runs the whole suite); not
+# part of make test. MUTATIONS=3,7 runs some of them.
+mutate: deps
+	python3 tools/mutate.py $(if $(MUTATIONS),--only $(MUTATIONS))
 
 # Time of one static run of diamond Si cells of 64, 216 and 512 atoms, split by phase;
 # then one dynamics step of Si 512 against a bare dsygvd of the same order.

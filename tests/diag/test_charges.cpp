@@ -1,12 +1,12 @@
 // Charge self-consistency: the forces against central differences of the
 // self-consistent (free) energy, re-converged at each displaced geometry; the
 // multisecant mixer against linear mixing where that cycles.
-#include "../model/model_support.hpp"
 #include "base/io_module.hpp"
 #include "diag/eig_state_module.hpp"
 #include "diag/forces_module.hpp"
 #include "diag/gs_module.hpp"
 #include "diag/secular_module.hpp"
+#include "model_support.hpp"
 #include "test_support.hpp"
 
 #include <cmath>

@@ -1,12 +1,12 @@
 // Dense eigensolvers, occupations and the Fermi level, the eigenvector file, and
 // the pair-potential path with its forces.
-#include "../model/model_support.hpp"
 #include "base/error_module.hpp"
 #include "base/io_module.hpp"
 #include "diag/diag_module.hpp"
 #include "diag/eig_state_module.hpp"
 #include "diag/forces_module.hpp"
 #include "diag/gs_module.hpp"
+#include "model_support.hpp"
 #include "test_support.hpp"
 
 #include <cmath>

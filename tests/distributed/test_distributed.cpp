@@ -4,7 +4,6 @@
 // the same code on this process alone to 1e-10 relative. Run under mpirun with 1,
 // 2 and 3 processes; every process takes part in every test (the collectives are
 // met in the same order), and assertions come after the collectives.
-#include "../model/model_support.hpp"
 #include "base/io_module.hpp"
 #include "diag/eig_state_module.hpp"
 #include "diag/forces_module.hpp"
@@ -13,6 +12,7 @@
 #include "kpm/kpm_module.hpp"
 #include "kpm/moments_module.hpp"
 #include "model/tb_model_module.hpp"
+#include "model_support.hpp"
 #include "numerics/random_module.hpp"
 #include "parallel/mpi_module.hpp"
 #include "system/constants_module.hpp"

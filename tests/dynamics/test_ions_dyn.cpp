@@ -1,9 +1,9 @@
 // Boosted dynamics: the boost potential and its force factor against their
 // closed forms, and the factor acting on the band forces of boosted ions only.
-#include "../model/model_support.hpp"
 #include "diag/forces_module.hpp"
 #include "diag/gs_module.hpp"
 #include "dynamics/ions_dyn_module.hpp"
+#include "model_support.hpp"
 #include "system/constants_module.hpp"
 #include "test_support.hpp"
 

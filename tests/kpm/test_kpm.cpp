@@ -3,11 +3,11 @@
 // of H = 0, bounds against the dense spectrum, the Fermi search over the whole
 // band, the linear forms against the closed-form integrals and their slopes, and
 // band energies that converge to the sum of the occupied eigenvalues.
-#include "../model/model_support.hpp"
 #include "base/error_module.hpp"
 #include "kpm/kpm_module.hpp"
 #include "kpm/lanczos_module.hpp"
 #include "kpm/moments_module.hpp"
+#include "model_support.hpp"
 #include "numerics/random_module.hpp"
 #include "system/constants_module.hpp"
 #include "test_support.hpp"

@@ -2,11 +2,11 @@
 // twice the sum of the occupied levels and its orbitals span the occupied
 // subspace; the line polynomial, the gradient and the forces against the
 // functional itself (values along a line, finite differences).
-#include "../model/model_support.hpp"
 #include "base/error_module.hpp"
 #include "diag/eig_state_module.hpp"
 #include "diag/forces_module.hpp"
 #include "diag/gs_module.hpp"
+#include "model_support.hpp"
 #include "numerics/lapack_module.hpp"
 #include "numerics/random_module.hpp"
 #include "orbital/min_module.hpp"

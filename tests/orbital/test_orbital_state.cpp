@@ -1,8 +1,8 @@
 // The orbital state: its starts, its file, its steps; the line search's edge
 // cases; the change of basis of a non-orthogonal model.
-#include "../model/model_support.hpp"
 #include "base/error_module.hpp"
 #include "base/io_module.hpp"
+#include "model_support.hpp"
 #include "numerics/random_module.hpp"
 #include "orbital/hs_psi_module.hpp"
 #include "orbital/min_module.hpp"

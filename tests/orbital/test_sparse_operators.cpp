@@ -1,8 +1,8 @@
 // Sparse block products: each unrolled kernel against the general form and
 // against the dense matrix.
-#include "../model/model_support.hpp"
 #include "base/error_module.hpp"
 #include "base/io_module.hpp"
+#include "model_support.hpp"
 #include "numerics/random_module.hpp"
 #include "orbital/hs_psi_module.hpp"
 #include "test_support.hpp"

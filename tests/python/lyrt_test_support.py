@@ -2,6 +2,7 @@
 import os
 import shutil
 import subprocess
+import sys
 import tempfile
 import unittest
 
@@ -22,9 +23,16 @@ class FolderTest(unittest.TestCase):
     def path(self, *names):
         return os.path.join(self.dir, *names)
 
-    def run_lyrt(self, folder):
-        run = subprocess.run([LYRT], cwd=folder, capture_output=True, text=True,
-                             env=dict(os.environ, OMP_NUM_THREADS="1",
-                                      OPENBLAS_NUM_THREADS="1"))
+    def copy_example(self, name, files=("POSLYRT", "TBPARAM")):
+        for f in files:
+            shutil.copy(os.path.join(SOURCE, "examples", name, f), self.dir)
+
+    def run_lyrt(self):
+        run = subprocess.run([LYRT], cwd=self.dir, capture_output=True, text=True,
+                             env=dict(os.environ, OMP_NUM_THREADS="1", OPENBLAS_NUM_THREADS="1"))
         self.assertEqual(run.returncode, 0, run.stdout[-2000:])
-        return run
+
+    def module(self, *args):
+        run = subprocess.run([sys.executable, "-m"] + list(args), cwd=self.dir,
+                             capture_output=True, text=True, env=dict(os.environ, MPLBACKEND="Agg"))
+        self.assertEqual(run.returncode, 0, run.stderr)

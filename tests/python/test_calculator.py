@@ -1,12 +1,18 @@
-"""The ASE calculator against ASE's own finite differences of the same calculator:
-forces and stress of rattled Si 8 (non-orthogonal sp model with on-site terms) and
-strained Cu 4 with smearing (spd)."""
+"""The ASE calculator against ASE's finite differences of the same calculator (Si 8
+non-orthogonal sp with on-site terms; strained Cu 4 with smearing, spd); POSLYRT from
+ASE through the program and back (species, frozen coordinates, velocities); the
+results read from a report."""
 import os
+import shutil
 import unittest
 
 import numpy as np
+from ase import units
 from ase.build import bulk
+from ase.calculators.calculator import CalculationFailed
+from ase.constraints import FixAtoms, FixCartesian
 
+from lyrt import io
 from lyrt.calculator import Lyrt
 from lyrt_test_support import DATA, LYRT, FolderTest
 
@@ -15,38 +21,65 @@ class Calculator(FolderTest):
     def check(self, atoms, tbparam, **keywords):
         atoms.calc = Lyrt(os.path.join(DATA, tbparam), command=LYRT,
                           directory=self.path(tbparam), **keywords)
-        e = atoms.get_potential_energy()
+        e, f, s = atoms.get_potential_energy(), atoms.get_forces(), atoms.get_stress()
         self.assertEqual(atoms.get_potential_energy(force_consistent=True), e)
-        f = atoms.get_forces()
-        s = atoms.get_stress()
         fn = atoms.calc.calculate_numerical_forces(atoms, d=1e-3)
         sn = atoms.calc.calculate_numerical_stress(atoms, d=1e-5)
         self.assertLess(np.abs(fn - f).max(), 1e-4, (f, fn))
         self.assertLess(np.abs(sn - s).max(), 1e-4, (s, sn))
         self.assertGreater(np.abs(f).max(), 0.05)  # the checks are not about zeros
         self.assertGreater(np.abs(s[3:]).max(), 1e-3)
-        self.assertLess(np.abs(f.sum(axis=0)).max(), 1e-6)
 
-    def test_silicon(self):
-        atoms = bulk("Si", "diamond", a=5.40, cubic=True)
-        atoms.rattle(0.05, seed=1)
-        self.check(atoms, "Si.tbparam")
-
-    def test_copper_with_smearing(self):
-        atoms = bulk("Cu", "fcc", a=3.58, cubic=True)
-        atoms.set_cell(atoms.cell @ np.array([[1, 0.02, 0], [0, 1, 0.01], [0, 0, 0.99]]),
-                       scale_atoms=True)
-        atoms.rattle(0.04, seed=2)
-        self.check(atoms, "Cu.tbparam", sigma=0.1)
-
-    def test_a_failed_run_raises(self):
-        from ase.calculators.calculator import CalculationFailed
-        atoms = bulk("Si", "diamond", a=5.40, cubic=True)
-        atoms.positions[1] = atoms.positions[0]  # two ions on one spot: the program stops
-        atoms.calc = Lyrt(os.path.join(DATA, "Si.tbparam"), command=LYRT,
-                          directory=self.path("bad"))
+    def test_silicon_and_smeared_copper(self):
+        si = bulk("Si", "diamond", a=5.40, cubic=True)
+        si.rattle(0.05, seed=1)
+        self.check(si, "Si.tbparam")
+        cu = bulk("Cu", "fcc", a=3.58, cubic=True)
+        cu.set_cell(cu.cell @ np.array([[1, 0.02, 0], [0, 1, 0.01], [0, 0, 0.99]]),
+                    scale_atoms=True)
+        cu.rattle(0.04, seed=2)
+        self.check(cu, "Cu.tbparam", sigma=0.1)
+        si.positions[1] = si.positions[0]  # two ions on one spot: the program stops
+        si.calc = Lyrt(os.path.join(DATA, "Si.tbparam"), command=LYRT, directory=self.path("bad"))
         with self.assertRaises(CalculationFailed):
-            atoms.get_potential_energy()
+            si.get_potential_energy()
+
+    def test_positions_through_the_program_and_the_report(self):
+        atoms = bulk("Cu", "fcc", a=3.7, cubic=True) * (2, 1, 1)
+        symbols = atoms.get_chemical_symbols()
+        symbols[1] = symbols[6] = "Au"  # species interleaved in the file
+        atoms.set_chemical_symbols(symbols)
+        atoms.rattle(0.05, seed=3)
+        atoms.set_cell(atoms.cell + [[0, 0.1, 0], [0, 0, 0], [0.05, 0, 0]], scale_atoms=True)
+        atoms.set_velocities(np.random.default_rng(4).normal(0, 0.01, (8, 3)) * units.fs)
+        atoms.set_constraint([FixAtoms(indices=[0]), FixCartesian(3, mask=[False, True, True])])
+        species = io.tbparam_species(os.path.join(DATA, "CuAu.tbparam"))
+        self.assertEqual(species, ["Cu", "Au"])
+        io.write_poslyrt(self.path("POSLYRT"), atoms, species)
+        shutil.copy(os.path.join(DATA, "CuAu.tbparam"), self.path("TBPARAM"))
+        io.write_inlyrt(self.path("INLYRT"), sigma=0.1, calc_stress=True)
+        self.run_lyrt()
+        for name in ("POSLYRT", "POSCONT"):  # the program rewrites it in its own layout
+            back = io.read_poslyrt(self.path(name))
+            self.assertEqual(back.get_chemical_symbols(), atoms.get_chemical_symbols(), name)
+            np.testing.assert_allclose(back.cell, atoms.cell, atol=1e-12)
+            frac = np.linalg.solve(np.array(atoms.cell).T, (back.positions - atoms.positions).T)
+            np.testing.assert_allclose(frac - np.round(frac), 0.0, atol=1e-10)
+            np.testing.assert_allclose(back.get_velocities(), atoms.get_velocities(), atol=1e-12)
+            frozen = io._frozen_flags(back)
+            self.assertTrue(frozen[0].all() and frozen[3].tolist() == [False, True, True])
+            self.assertEqual(frozen.sum(), 5, name)
+        r = io.read_results(self.dir)
+        self.assertEqual(r["forces"].shape, (8, 3))
+        self.assertLess(np.abs(r["forces"].sum(axis=0)).max(), 1e-6)
+        self.assertAlmostEqual(r["energy"], r["tight_binding_energy"] + r["repulsive_energy"],
+                               places=8)
+        sig = r["stress_tensor"]  # ASE's sign is opposite to the report's
+        np.testing.assert_allclose(sig, sig.T, atol=1e-8)
+        self.assertAlmostEqual(r["stress"][0], -sig[0, 0])
+        self.assertAlmostEqual(r["stress"][3], -sig[1, 2])
+        e = r["eigenvalues"][0]
+        self.assertTrue(np.all(np.diff(e) >= 0) and e[0] < r["fermi_level"] < e[-1])
 
 
 if __name__ == "__main__":

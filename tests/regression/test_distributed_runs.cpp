@@ -22,17 +22,8 @@ class DistributedRuns : public ::testing::Test {
 #endif
         dir = fresh_dir(::testing::UnitTest::GetInstance()->current_test_info()->name());
     }
-    static int count(const std::string& text, const std::string& what) {
-        int n = 0;
-        for (auto at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) ++n;
-        return n;
-    }
     std::filesystem::path dir;
 };
-
-std::string example(const std::string& name, const std::string& file) {
-    return read_text(std::filesystem::path(LYRT_SOURCE_DIR) / "examples" / name / file);
-}
 
 TEST_F(DistributedRuns, StaticPointAndDynamicsAgreeOverProcessCounts) {
     // A static point of non-orthogonal Si 64 with forces and stress.
@@ -56,7 +47,7 @@ TEST_F(DistributedRuns, StaticPointAndDynamicsAgreeOverProcessCounts) {
         EXPECT_NE(r.report.find("THIS IS THE PARALLEL VERSION ON     " + std::to_string(np)),
                   std::string::npos);
         // Process 0 alone writes: one header, no unit files of the other processes.
-        EXPECT_EQ(count(r.report, "Program Executed on"), 1);
+        EXPECT_EQ(count_of(r.report, "Program Executed on"), 1);
         EXPECT_FALSE(std::filesystem::exists(dir / ("np" + std::to_string(np)) / "fort.12"));
     }
     // 20 steps of the dynamics example (velocities drawn on process 0, broadcast):
@@ -87,9 +78,9 @@ TEST_F(DistributedRuns, FatalErrorOnEveryProcessIsWrittenOnce) {
     const auto start = std::chrono::steady_clock::now();
     EXPECT_NE(run_lyrt_mpi_in(run, 3), 0);
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(60));
-    EXPECT_EQ(count(read_text(run / "ERRLYRT"), "FATAL ERROR"), 1);
-    EXPECT_EQ(count(read_text(run / "ERRLYRT"), "problems opening file TBPARAM"), 1);
-    EXPECT_EQ(count(read_text(run / "stdout.txt"), "FATAL ERROR"), 1);
+    EXPECT_EQ(count_of(read_text(run / "ERRLYRT"), "FATAL ERROR"), 1);
+    EXPECT_EQ(count_of(read_text(run / "ERRLYRT"), "problems opening file TBPARAM"), 1);
+    EXPECT_EQ(count_of(read_text(run / "stdout.txt"), "FATAL ERROR"), 1);
 }
 
 TEST_F(DistributedRuns, FatalErrorOfOneProcessEndsAll) {
@@ -109,9 +100,9 @@ TEST_F(DistributedRuns, FatalErrorOfOneProcessEndsAll) {
         EXPECT_NE(r.status, 0);
         EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(60));
         const std::string err = read_text(run / "ERRLYRT");
-        EXPECT_EQ(count(err, "not finite"), 1) << err;
-        EXPECT_EQ(count(err, "FATAL ERROR on process " + std::to_string(np - 1)), 1) << err;
-        EXPECT_EQ(count(read_text(run / "stderr.txt"), "not finite"), 1);
+        EXPECT_EQ(count_of(err, "not finite"), 1) << err;
+        EXPECT_EQ(count_of(err, "FATAL ERROR on process " + std::to_string(np - 1)), 1) << err;
+        EXPECT_EQ(count_of(read_text(run / "stderr.txt"), "not finite"), 1);
     }
     // On one process the same input stops with the same message.
     const run_result one = run_case(dir / "np1", pos, "n_steps = 0\n", param);

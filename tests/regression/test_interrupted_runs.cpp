@@ -60,11 +60,6 @@ bool wait_for_step(const std::filesystem::path& dir, int step) {
     return false;
 }
 
-double last_value(const std::string& text, const std::string& label) {
-    const auto p = text.rfind(label);
-    return p == std::string::npos ? std::nan("") : std::stod(text.substr(p + label.size()));
-}
-
 void write_inputs(const std::filesystem::path& dir, const std::string& pos,
                   const std::string& input) {
     std::filesystem::create_directories(dir);

@@ -128,19 +128,4 @@ TEST_F(Relaxation, FrozenCoordinatesStay) {
               std::string::npos);
 }
 
-// The shipped examples of relaxation and of the self-test run to their ends.
-TEST_F(Relaxation, ExamplesRun) {
-    for (const char* ex : {"si63_vacancy", "si8_selftest"}) {
-        const auto src = std::filesystem::path(LYRT_SOURCE_DIR) / "examples" / ex;
-        const run_result r = run_case(dir / ex, read_text(src / "POSLYRT"),
-                                      read_text(src / "INLYRT"), read_text(src / "TBPARAM"));
-        ASSERT_EQ(r.status, 0) << ex;
-    }
-    EXPECT_NE(read_text(dir / "si63_vacancy" / "stdout.txt").find("Force tolerance reached"),
-              std::string::npos);
-    const auto log = read_lines(dir / "si8_selftest" / "test_forces.log");
-    ASSERT_FALSE(log.empty());
-    EXPECT_EQ(log.back(), " Test PASSED ");
-}
-
 } // namespace

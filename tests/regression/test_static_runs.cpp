@@ -82,23 +82,10 @@ double parabola_minimum(const std::vector<double>& a, const std::vector<double>&
     return a[m] + 0.5 * h * (e[m - 1] - e[m + 1]) / (e[m - 1] - 2 * e[m] + e[m + 1]);
 }
 
-// Equations of state of large cells at the gamma point: the silicon set gives the
-// lattice constant 5.43 Angstrom of its fit, the copper set the 3.52 Angstrom of
-// the local-density functional it was fitted to.
+// The equation of state of Cu 108 at the gamma point: the copper set gives the
+// 3.52 Angstrom of the local-density functional it was fitted to.
 TEST_F(StaticRuns, EquationsOfState) {
     std::vector<double> as, es;
-    for (double a : {5.37, 5.40, 5.43, 5.46, 5.49}) {
-        const run_result r =
-            run_case(dir / ("si" + std::to_string(a)), poslyrt(cube(3 * a), diamond(a, 3), 1),
-                     "calc_forces = F\n", tbparam("Si"));
-        ASSERT_EQ(r.status, 0);
-        as.push_back(a);
-        es.push_back(r.e_pot / 216.0);
-    }
-    const double a_si = parabola_minimum(as, es);
-    EXPECT_NEAR(a_si, 5.43, 0.003 * 5.43);
-    as.clear();
-    es.clear();
     for (double a : {3.44, 3.48, 3.52, 3.56, 3.60}) {
         const run_result r =
             run_case(dir / ("cu" + std::to_string(a)), poslyrt(cube(3 * a), fcc(a, 3), 1),
@@ -109,9 +96,7 @@ TEST_F(StaticRuns, EquationsOfState) {
     }
     const double a_cu = parabola_minimum(as, es);
     EXPECT_NEAR(a_cu, 3.52, 0.01 * 3.52);
-    RecordProperty("a_si", std::to_string(a_si));
-    RecordProperty("a_cu", std::to_string(a_cu));
-    std::printf("lattice constants: Si %.4f, Cu %.4f Angstrom\n", a_si, a_cu);
+    std::printf("lattice constant: Cu %.4f Angstrom\n", a_cu);
 }
 
 // The pressure of the 216-atom silicon crystal: hydrostatic, zero at the minimum of
@@ -174,60 +159,10 @@ TEST_F(StaticRuns, PressureAndBulkModulusAgreeWithTheEnergy) {
     const double b_pressure = -v_min * dp_dv * 160.21766208;
     EXPECT_NEAR(b_pressure, b_curvature, 0.02 * b_curvature);
     EXPECT_NEAR(b_curvature, 109.0, 15.0);
+    // The silicon set's minimum is the lattice constant 5.43 Angstrom of its fit.
+    EXPECT_NEAR(std::cbrt(v_min) / 3.0, 5.43, 0.003 * 5.43);
     std::printf("Si 216: V_min %.2f A^3 (a = %.4f A), B = %.1f GPa (E(V)), %.1f GPa (-V dP/dV)\n",
                 v_min, std::cbrt(v_min) / 3.0, b_curvature, b_pressure);
-}
-
-} // namespace
-
-namespace {
-
-// Every shipped example runs to a full report and a continuation file.
-TEST(Examples, ZeroStepRunsWriteTheFullReport) {
-    for (const char* ex : {"si8", "si64", "cu4", "cu32"}) {
-        const auto src = std::filesystem::path(LYRT_SOURCE_DIR) / "examples" / ex;
-        const auto dir = lyrt_test::fresh_dir(std::string("example_") + ex);
-        const run_result r = run_case(dir, read_text(src / "POSLYRT"), read_text(src / "INLYRT"),
-                                      read_text(src / "TBPARAM"));
-        ASSERT_EQ(r.status, 0) << ex;
-        for (const char* piece :
-             {"Number of species =", "PARAMETERS OF THE CALCULATION", "Forces (eV/Ang)",
-              "  Tight-binding   Energy =", "fermi level :", "K-point #", "-- LYRT end --"})
-            EXPECT_NE(r.report.find(piece), std::string::npos) << ex << ": " << piece;
-        EXPECT_LT(r.e_pot, 0.0) << ex; // bound relative to the free atoms
-        // The forces of a perfect crystal vanish.
-        for (const auto& f : r.force)
-            for (double c : f) EXPECT_NEAR(c, 0.0, 1e-7) << ex;
-        // POSCONT read back as POSLYRT gives the same energy.
-        const run_result again = run_case(dir / "again", read_text(dir / "POSCONT"),
-                                          read_text(src / "INLYRT"), read_text(src / "TBPARAM"));
-        ASSERT_EQ(again.status, 0);
-        EXPECT_NEAR(again.e_pot, r.e_pot, 1e-9) << ex;
-    }
-}
-
-} // namespace
-
-namespace {
-
-// The annotated positions file of the README runs as it stands.
-TEST(Readme, AnnotatedPositionsFileRuns) {
-    const std::string readme =
-        lyrt_test::read_text(std::filesystem::path(LYRT_SOURCE_DIR) / "README.md");
-    const auto a = readme.find("    ! Two species, 3 + 1 ions");
-    ASSERT_NE(a, std::string::npos);
-    const auto b = readme.find("\n\n", a);
-    std::string pos;
-    std::istringstream in(readme.substr(a, b - a));
-    for (std::string line; std::getline(in, line);) pos += line.substr(4) + "\n";
-    const auto dir = lyrt_test::fresh_dir("readme_poslyrt");
-    const lyrt_test::run_result r =
-        lyrt_test::run_case(dir, pos, "sigma = 0.1\n", lyrt_test::tbparam("CuAu"));
-    ASSERT_EQ(r.status, 0);
-    ASSERT_EQ(r.force.size(), 32u);
-    // An ideal L1_2 crystal: every ion sits at a centre of symmetry, no force.
-    for (const auto& f : r.force)
-        for (double x : f) EXPECT_NEAR(x, 0.0, 1e-6);
 }
 
 } // namespace

@@ -1,16 +1,14 @@
-// Test driver shared by all suites: every test process works in a fresh
-// temporary folder, so that files written by the program (reports, fort.<n>
-// units, data files) never land outside it; the folder is removed at exit.
+// Helpers shared by the test suites: folders, files, the program-test fixture.
 #include "test_support.hpp"
 
 #include "base/error_module.hpp"
 #include "base/io_module.hpp"
 #include "model/tb_model_module.hpp"
-#include "parallel/mpi_module.hpp"
 
 #include <cstdlib>
 #include <filesystem>
 #include <gtest/gtest.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 namespace {
@@ -31,6 +29,15 @@ void remove_work_dir() {
 } // namespace
 
 namespace lyrt_test {
+
+bool make_work_dir() {
+    char tmpl[] = "/tmp/lyrt_test_XXXXXX";
+    if (mkdtemp(tmpl) == nullptr) return false;
+    work_dir = tmpl;
+    std::filesystem::current_path(work_dir);
+    std::atexit(remove_work_dir);
+    return true;
+}
 
 std::filesystem::path fresh_dir(const std::string& name) {
     std::filesystem::path dir = work_dir / name;
@@ -96,22 +103,3 @@ int run_lyrt_in(const std::filesystem::path& dir, int threads) {
 }
 
 } // namespace lyrt_test
-
-int main(int argc, char** argv) {
-    ::testing::InitGoogleTest(&argc, argv);
-#if defined(LYRT_TEST_MPI)
-    // The suite of the distributed build runs on every process of mpirun.
-    lyrt::init_mpi();
-#endif
-    char tmpl[] = "/tmp/lyrt_test_XXXXXX";
-    if (mkdtemp(tmpl) == nullptr) return 2;
-    work_dir = tmpl;
-    std::filesystem::current_path(work_dir);
-    std::atexit(remove_work_dir);
-    int status = RUN_ALL_TESTS();
-#if defined(LYRT_TEST_MPI)
-    lyrt::gmax_int(status); // a failure on any process fails the run on all
-    lyrt::close_mpi();
-#endif
-    return status;
-}

@@ -49,5 +49,26 @@ void check_forces(const std::filesystem::path& dir, const std::string& name, con
 run_result run_case(const std::filesystem::path& dir, const std::string& poslyrt,
                     const std::string& inlyrt, const std::string& tbparam, int n_processes = 0);
 int run_lyrt_mpi_in(const std::filesystem::path& dir, int n_processes);
+// A file of a shipped example (examples/<name>/<file>).
+std::string example(const std::string& name, const std::string& file);
+// The parameter set `name` of tests/data with a Hubbard U (eV) on its electron line.
+std::string with_hubbard(const std::string& name, double u);
+
+// One line of the energies file ENE of a dynamics run (a field of stars reads as NaN).
+struct ene_row {
+    int step = 0;
+    double time = 0, temperature = 0, e_kin = 0, e_pot = 0, e_tot = 0;
+};
+std::vector<ene_row> read_ene(const std::filesystem::path& dir);
+// Least-squares line through the total energies of rows [from, end): its slope
+// (eV/fs) and the root mean square of the residuals (eV).
+struct line_fit {
+    double slope = 0, rms = 0;
+};
+line_fit fit_total_energy(const std::vector<ene_row>& rows, std::size_t from);
+double mean_temperature(const std::vector<ene_row>& rows, double from_time);
+// The number after a label of a report: the last line that holds it (NaN if none).
+double last_value(const std::string& text, const std::string& label);
+int count_of(const std::string& text, const std::string& what);
 
 } // namespace lyrt_test

@@ -8,6 +8,10 @@
 
 namespace lyrt_test {
 
+// Creates the test process's temporary folder, makes it the working folder and
+// removes it at exit (LYRT_KEEP_TEST_DIR=1 keeps it); false when it can't.
+bool make_work_dir();
+
 // A new empty folder below the test process's own temporary folder.
 std::filesystem::path fresh_dir(const std::string& name);
 std::string read_text(const std::filesystem::path& file);

@@ -197,4 +197,74 @@ void check_forces(const std::filesystem::path& dir, const std::string& name, con
     }
 }
 
+std::string example(const std::string& name, const std::string& file) {
+    return read_text(std::filesystem::path(LYRT_SOURCE_DIR) / "examples" / name / file);
+}
+
+std::string with_hubbard(const std::string& name, double u) {
+    std::istringstream in(tbparam(name));
+    std::ostringstream out;
+    int line = 0;
+    for (std::string l; std::getline(in, l); ++line)
+        out << l << (line == 6 ? " " + std::to_string(u) : "") << "\n";
+    return out.str();
+}
+
+std::vector<ene_row> read_ene(const std::filesystem::path& dir) {
+    std::vector<ene_row> rows;
+    for (const auto& line : read_lines(dir / "ENE")) {
+        if (line.empty() || line[0] == '#') continue;
+        // Fixed columns (I9,E13.6,F10.2,3E20.12).
+        auto field = [&](std::size_t at, std::size_t width) {
+            const std::string f = line.substr(at, width);
+            return f.find('*') != std::string::npos ? std::nan("") : std::stod(f);
+        };
+        rows.push_back({static_cast<int>(field(0, 9)), field(9, 13), field(22, 10), field(32, 20),
+                        field(52, 20), field(72, 20)});
+    }
+    return rows;
+}
+
+line_fit fit_total_energy(const std::vector<ene_row>& rows, std::size_t from) {
+    double n = 0, sx = 0, sy = 0, sxx = 0, sxy = 0;
+    for (std::size_t i = from; i < rows.size(); ++i) {
+        n += 1;
+        sx += rows[i].time;
+        sy += rows[i].e_tot;
+        sxx += rows[i].time * rows[i].time;
+        sxy += rows[i].time * rows[i].e_tot;
+    }
+    line_fit f;
+    f.slope = (n * sxy - sx * sy) / (n * sxx - sx * sx);
+    const double a = (sy - f.slope * sx) / n;
+    double ss = 0;
+    for (std::size_t i = from; i < rows.size(); ++i) {
+        const double r = rows[i].e_tot - a - f.slope * rows[i].time;
+        ss += r * r;
+    }
+    f.rms = std::sqrt(ss / n);
+    return f;
+}
+
+double mean_temperature(const std::vector<ene_row>& rows, double from_time) {
+    double s = 0, n = 0;
+    for (const auto& r : rows)
+        if (r.time >= from_time) {
+            s += r.temperature;
+            n += 1;
+        }
+    return n > 0 ? s / n : 0.0;
+}
+
+double last_value(const std::string& text, const std::string& label) {
+    const auto p = text.rfind(label);
+    return p == std::string::npos ? std::nan("") : std::stod(text.substr(p + label.size()));
+}
+
+int count_of(const std::string& text, const std::string& what) {
+    int n = 0;
+    for (auto p = text.find(what); p != std::string::npos; p = text.find(what, p + 1)) ++n;
+    return n;
+}
+
 } // namespace lyrt_test
