@@ -5,6 +5,7 @@
 #include "run_support.hpp"
 #include "test_support.hpp"
 
+#include <algorithm>
 #include <cmath>
 #include <gtest/gtest.h>
 #include <sstream>
@@ -65,8 +66,17 @@ TEST_P(Conservation, TotalEnergyIsConservedToSecondOrder) {
         EXPECT_NEAR(rows.back().time, 100.0, 1e-9);
         const line_fit f = fit_total_energy(rows, pv ? 2 * (h + 1) : 0);
         rms[h] = f.rms;
-        // The run is no still life: the crystal moves.
+        // The run is no still life: the crystal moves (and with charges they follow
+        // the lattice, self-consistent at every step).
         EXPECT_GT(mean_temperature(rows, 20.0), 100.0) << c.name;
+        EXPECT_EQ(read_text(dir / name / "ERRLYRT").find("not self-consistent"), std::string::npos);
+        if (std::string(c.name) == "charges") {
+            const auto pc = read_lines(dir / name / "POSCONT");
+            const auto q =
+                static_cast<std::size_t>(std::find(pc.begin(), pc.end(), "qion") - pc.begin());
+            ASSERT_LT(q + 2, pc.size());
+            EXPECT_GT(std::fabs(std::stod(pc[q + 1])) + std::fabs(std::stod(pc[q + 2])), 1e-4);
+        }
         if (h == 0) {
             EXPECT_LT(std::fabs(f.slope) * 100.0 / atoms.size(), 2e-4) << c.name << ": eV/atom";
             EXPECT_LT(f.rms / atoms.size(), 2e-4) << c.name << ": eV/atom";
