@@ -70,13 +70,7 @@ inline void set_up_system() {
     open_units();
     sys.box = box_type{};
     sys.tb_model = tb_model_type{};
-    ions_read_in(sys.box, sys.box.ions, "POSLYRT");
-    tb_model_read_param(sys.box.ions.species, sys.tb_model, "TBPARAM", sys.box.ions.n_species);
-    read_input("INLYRT", sys.elec_algo, sys.i_algo, sys.tb_model, sys.kpt, sys.system_name,
-               sys.n_electrons, sys.n_states, sys.n_h_dup);
-    init_system_ions();
-    kpt_read_and_allocate(sys.kpt, sys.box.cell.b, "KPTS", kpt_unit);
-    init_system_elec();
+    init_system();
 }
 
 } // namespace lyrt_bench

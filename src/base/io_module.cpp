@@ -171,6 +171,16 @@ int unit_open(int unit, const std::string& file, std::string_view status, std::s
     return 0;
 }
 
+void append_records(const std::string& file, std::initializer_list<std::string_view> records) {
+    std::FILE* fp = std::fopen(file.c_str(), "a");
+    if (fp == nullptr) return;
+    for (std::string_view r : records) {
+        std::fwrite(r.data(), 1, r.size(), fp);
+        std::fputc('\n', fp);
+    }
+    std::fclose(fp);
+}
+
 void unit_close(int unit) {
     if (is_standard(unit)) {
         std::fflush(standard_stream(unit));

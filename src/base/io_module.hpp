@@ -63,6 +63,9 @@ int unit_open(int unit, const std::string& file, std::string_view status = "unkn
               std::string_view position = "asis", std::string_view access = "sequential",
               int recl = 0);
 void unit_close(int unit);
+// Appends records to a file from whichever process calls it, past the unit table
+// (whose files only process 0 writes): the last words of a process that stops alone.
+void append_records(const std::string& file, std::initializer_list<std::string_view> records);
 bool unit_is_open(int unit);
 std::string unit_file_name(int unit); // "" when not connected
 std::string unit_access(int unit);    // "SEQUENTIAL" or "DIRECT"

@@ -1,17 +1,17 @@
 #include "diag/eig_state_module.hpp"
 
-#include "diag/acum_delem_module_1.hpp"
 #include "diag/diag_module.hpp"
 #include "diag/pdiag_module.hpp"
 #include "numerics/lapack_module.hpp"
+#include "operators/acum_delem_module_1.hpp"
 
 #include "base/allocate_module.hpp"
 #include "base/error_module.hpp"
 #include "base/io_module.hpp"
 #include "base/timing_module.hpp"
 #include "model/tb_hs_module.hpp"
-#include "orbital/acum_delem_module_2.hpp"
-#include "orbital/hs_psi_module.hpp"
+#include "operators/acum_delem_module_2.hpp"
+#include "operators/hs_psi_module.hpp"
 #include "parallel/mpi_module.hpp"
 #include "system/constants_module.hpp"
 

@@ -133,7 +133,7 @@ bool elpa_ready(const blacs_distr_type& d, int n, int nev) {
     set("local_nrows", d.l_m);
     set("local_ncols", d.l_n);
     set("nblk", d.mb);
-    set("mpi_comm_parent", static_cast<int>(MPI_Comm_c2f(mpi_comm())));
+    set("mpi_comm_parent", mpi_comm_f());
     set("process_row", d.myrow);
     set("process_col", d.mycol);
     set("blacs_context", d.ctxt);

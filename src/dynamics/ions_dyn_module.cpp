@@ -4,13 +4,13 @@
 #include "base/io_module.hpp"
 #include "base/stop_module.hpp"
 #include "base/timing_module.hpp"
-#include "diag/fast_module.hpp"
 #include "diag/forces_module.hpp"
 #include "diag/gs_module.hpp"
 #include "neighbours/pbc_module.hpp"
+#include "numerics/fast_module.hpp"
 #include "numerics/fitpoly.hpp"
+#include "numerics/line_min_module.hpp"
 #include "numerics/random_module.hpp"
-#include "orbital/line_min_module.hpp"
 #include "parallel/mpi_module.hpp"
 #include "run/output_module.hpp"
 #include "system/constants_module.hpp"
@@ -22,6 +22,17 @@ namespace lyrt {
 namespace {
 
 constexpr const char* mod = "ions_dyn_module";
+
+// The records a loop works on, as the loops receive them: what every step reads
+// and changes.
+struct ions_run_type {
+    box_type& box;
+    ions_state_type& ions_state;
+    i_algo_type& i_algo;
+    elec_state_type* elec; // none for a classical model
+    elec_algo_type& elec_algo;
+    hamiltonian_type& ham;
+};
 
 // A classical model has no electronic state: an empty one stands in.
 elec_state_type& electrons_or_none(elec_state_type* elec) {
@@ -37,8 +48,8 @@ void refresh_lists(box_type& box) {
 }
 
 // The ground state, the boost of hyper dynamics, and the forces of the present positions.
-void energy_and_forces(box_type& box, ions_state_type& ions_state, i_algo_type& i_algo,
-                       elec_state_type* elec, elec_algo_type& elec_algo, hamiltonian_type& ham) {
+void energy_and_forces(ions_run_type& run) {
+    auto& [box, ions_state, i_algo, elec, elec_algo, ham] = run;
     elec_state_type& e = electrons_or_none(elec);
     gs_calc(box, ions_state, e, elec_algo, ham, i_algo.calc_elocal);
     ions_state.fboost = 1.0;
@@ -53,9 +64,8 @@ void energy_and_forces(box_type& box, ions_state_type& ions_state, i_algo_type& 
 }
 
 // The step's report; the report routine reads the step's seconds for its progress line.
-void report_step(box_type& box, ions_state_type& ions_state, i_algo_type& i_algo,
-                 elec_state_type* elec, elec_algo_type& elec_algo, hamiltonian_type& ham,
-                 double step_start) {
+void report_step(ions_run_type& run, double step_start) {
+    auto& [box, ions_state, i_algo, elec, elec_algo, ham] = run;
     ions_calc_energies(ions_state, i_algo);
     ions_state.step_seconds = timeofday() - step_start;
     print_system_status(box, ions_state, i_algo, elec, elec_algo, *ham.tb_model, report_unit);
@@ -116,9 +126,8 @@ constexpr int move_fixed_velocities = 3;
 // The step skeleton that every moving loop shares: fold the ions and rebuild the
 // lists, the ground state and forces (by the gs code first, the md code after),
 // the report, then the move and the clock, from first_step to n_steps steps on.
-void run_steps(box_type& box, ions_state_type& ions_state, i_algo_type& i_algo,
-               elec_state_type* elec, elec_algo_type& elec_algo, hamiltonian_type& ham,
-               const char* proc, int mover, md_work_type* work) {
+void run_steps(ions_run_type run, const char* proc, int mover, md_work_type* work) {
+    auto& [box, ions_state, i_algo, elec, elec_algo, ham] = run;
     const double loop_start = timeofday();
     ions_type& ions = box.ions;
     ions_state.first_step = ions_state.step;
@@ -127,11 +136,11 @@ void run_steps(box_type& box, ions_state_type& ions_state, i_algo_type& i_algo,
     for (;;) {
         const double step_start = timeofday();
         refresh_lists(box);
-        energy_and_forces(box, ions_state, i_algo, elec, elec_algo, ham);
+        energy_and_forces(run);
         const bool first = ions_state.step == ions_state.first_step;
         if (first) elec_algo.algo = elec_algo.md;
         if (mover == move_velocity_verlet && !first) calc_velocities_vv(ions, i_algo);
-        report_step(box, ions_state, i_algo, elec, elec_algo, ham, step_start);
+        report_step(run, step_start);
         if (ions_state.step >= last_step) break;
         if (end_early(ions_state, i_algo, loop_start, ions_state.step - ions_state.first_step + 1))
             break;
@@ -207,7 +216,7 @@ void ions_md_loop_vverlet(box_type& box, ions_state_type& ions_state, i_algo_typ
     if (box.ions.n_t != 2) ions_change_nt(box.ions, 2);
     if (i_algo.thermostat == thermostat_nose)
         fatal_error("No Nose with velocity verlet !", -1, "move_eom_vv", mod);
-    run_steps(box, ions_state, i_algo, elec, elec_algo, ham, proc, move_velocity_verlet, nullptr);
+    run_steps({box, ions_state, i_algo, elec, elec_algo, ham}, proc, move_velocity_verlet, nullptr);
 }
 
 void move_eom_vv(ions_type& ions, box_type& box, i_algo_type& i_algo) {
@@ -285,7 +294,7 @@ void ions_md_loop_sverlet(box_type& box, ions_state_type& ions_state, i_algo_typ
     if (box.ions.n_t != 3) ions_change_nt(box.ions, 3);
     md_work_type work;
     md_work_allocate(work, box.ions.total_n_ions);
-    run_steps(box, ions_state, i_algo, elec, elec_algo, ham, proc, move_position_verlet, &work);
+    run_steps({box, ions_state, i_algo, elec, elec_algo, ham}, proc, move_position_verlet, &work);
     md_work_free(work);
 }
 
@@ -365,7 +374,8 @@ void ions_fixvel(box_type& box, ions_state_type& ions_state, i_algo_type& i_algo
     const trace_guard trace(proc, mod);
     // Steps first_step .. first_step + n_steps: n_steps moves and n_steps + 1 states,
     // the last of which POSCONT holds.
-    run_steps(box, ions_state, i_algo, elec, elec_algo, ham, proc, move_fixed_velocities, nullptr);
+    run_steps({box, ions_state, i_algo, elec, elec_algo, ham}, proc, move_fixed_velocities,
+              nullptr);
 }
 
 // ---- hyper dynamics ----------------------------------------------------------------------
@@ -399,14 +409,13 @@ constexpr double fit_limit = 9.999999974752427e-07; // largest chi-square of a u
 
 // One evaluation of a self-test: lists, ground state, forces, energies and the
 // status report of the step.
-void test_evaluation(box_type& box, ions_state_type& ions_state, i_algo_type& i_algo,
-                     elec_state_type* elec, elec_algo_type& elec_algo, hamiltonian_type& ham) {
+void test_evaluation(ions_run_type run) {
     const double start = timeofday();
-    refresh_lists(box);
-    energy_and_forces(box, ions_state, i_algo, elec, elec_algo, ham);
-    elec_algo.algo = elec_algo.md;
-    report_step(box, ions_state, i_algo, elec, elec_algo, ham, start);
-    ions_state.step += 1;
+    refresh_lists(run.box);
+    energy_and_forces(run);
+    run.elec_algo.algo = run.elec_algo.md;
+    report_step(run, start);
+    run.ions_state.step += 1;
 }
 
 // The log of a self-test: its title between rules of sixty equals signs.
@@ -480,7 +489,7 @@ void ions_test_forces(box_type& box, ions_state_type& ions_state, i_algo_type& i
             if (i_am_master)
                 write_fmt(unit, "(A,I1,A,I4,A)", {"--- Testing dE/dR_", d, " for atom ", i, "---"});
             for (int s = 0; s < n_points; ++s) {
-                test_evaluation(box, ions_state, i_algo, elec, elec_algo, ham);
+                test_evaluation({box, ions_state, i_algo, elec, elec_algo, ham});
                 // Signed distance from the start along d, through the minimum image.
                 double v[3];
                 pbc_min_vec(v, box, start, &ions.r(1, i));
@@ -547,7 +556,7 @@ void ions_test_stress(box_type& box, ions_state_type& ions_state, i_algo_type& i
                 eps[ci - 1][cj - 1] = eps[cj - 1][ci - 1] = xs;
             }
             apply_strain(box, a0, r0, eps);
-            test_evaluation(box, ions_state, i_algo, elec, elec_algo, ham);
+            test_evaluation({box, ions_state, i_algo, elec, elec_algo, ham});
             const farray<double, 2>& sig = box.cell.sig;
             const double vol = cell_vol(box.cell);
             x[us] = xs;
@@ -603,12 +612,7 @@ constexpr int max_trials = 5;
 
 // The state of a relaxation that its steps and line searches share.
 struct cg_type {
-    box_type* box;
-    ions_state_type* ions_state;
-    i_algo_type* i_algo;
-    elec_state_type* elec;
-    elec_algo_type* elec_algo;
-    hamiltonian_type* ham;
+    ions_run_type run;
     farray<double, 2> h, frz, g, g_old, r0;
 };
 
@@ -621,21 +625,20 @@ double largest_abs(const farray<double, 2>& a) {
 // The energy at the present positions; with forces in view (mode F) the
 // eigenvectors are computed too.
 double calc_ene(cg_type& cg, char mode) {
-    box_type& box = *cg.box;
+    auto& [box, ions_state, i_algo, elec, elec_algo, ham] = cg.run;
     if (debug > 1) {
         int i, j;
         double d;
         pbc_min_dist_pair(box, i, j, d);
         write_free(stdout_unit, {"MIN DIST=", d});
     }
-    const bool saved = cg.elec_algo->eigen_vect;
-    cg.elec_algo->eigen_vect = cg.ham->tb_model->classical || mode == 'f' || mode == 'F';
+    const bool saved = elec_algo.eigen_vect;
+    elec_algo.eigen_vect = ham.tb_model->classical || mode == 'f' || mode == 'F';
     refresh_lists(box);
-    gs_calc(box, *cg.ions_state, electrons_or_none(cg.elec), *cg.elec_algo, *cg.ham,
-            cg.i_algo->calc_elocal);
-    cg.elec_algo->eigen_vect = saved;
-    ions_calc_energies(*cg.ions_state, *cg.i_algo);
-    return cg.ions_state->e_pot;
+    gs_calc(box, ions_state, electrons_or_none(elec), elec_algo, ham, i_algo.calc_elocal);
+    elec_algo.eigen_vect = saved;
+    ions_calc_energies(ions_state, i_algo);
+    return ions_state.e_pot;
 }
 
 // Caps a step so that no coordinate moves by more than 0.2 Angstrom.
@@ -650,15 +653,9 @@ void check_lambda(double& lambda, double h_max) {
 
 // Positions r0 + lambda h.
 void move_along(cg_type& cg, double lambda) {
-    farray<double, 2>& r = cg.box->ions.r;
-    for (int i = 1; i <= cg.box->ions.total_n_ions; ++i)
+    farray<double, 2>& r = cg.run.box.ions.r;
+    for (int i = 1; i <= cg.run.box.ions.total_n_ions; ++i)
         for (int k = 1; k <= 3; ++k) r(k, i) = cg.r0(k, i) + lambda * cg.h(k, i);
-}
-
-void masked_forces(cg_type& cg) {
-    const ions_type& ions = cg.box->ions;
-    for (int i = 1; i <= ions.total_n_ions; ++i)
-        for (int k = 1; k <= 3; ++k) cg.g(k, i) = ions.f(k, i) * cg.frz(k, i);
 }
 
 void say(const fitem_list& items) {
@@ -686,6 +683,148 @@ double cg_golden(cg_type& cg, double ax, double bx, double cx, double tol, doubl
 
 } // namespace
 
+namespace {
+
+// The search direction of a step: conjugate to the last (Polak-Ribiere) unless a
+// restart or a poor line search asks for steepest descent, and downhill always.
+// Returns the slope of the energy along it; g2 is |g|^2 of the present forces.
+// The conjugation factor is 1 - <g|g_old> / |g|^2: the present norm in the
+// denominator, where the textbook Polak-Ribiere form has the last one.
+double cg_direction(cg_type& cg, double g2, bool steepest) {
+    const int n = cg.run.box.ions.total_n_ions;
+    double gamma = 0.0;
+    if (!steepest) gamma = (g2 - trace_ab_mat(cg.g, cg.g_old)) / g2;
+    for (int i = 1; i <= n; ++i)
+        for (int k = 1; k <= 3; ++k) cg.h(k, i) = cg.g(k, i) + gamma * cg.h(k, i);
+    double de_dl = -trace_ab_mat(cg.g, cg.h);
+    if (de_dl > 0.0) {
+        for (int i = 1; i <= n; ++i)
+            for (int k = 1; k <= 3; ++k) cg.h(k, i) = cg.g(k, i);
+        de_dl = -g2;
+    }
+    if (debug > 0) say({"gamma=", gamma, "delta_e_pot =", std::pow(largest_abs(cg.g), 2)});
+    return de_dl;
+}
+
+// The line search along h from r0 (energy e_pot_0, slope de_dl): the minimum of
+// the parabola through the start and a trial point, the trial moved out or in
+// until the energy falls, at most max_trials trials. Leaves the ions at the
+// point taken, with its ground state and eigenvectors, and returns its energy.
+double cg_line_search(cg_type& cg, double e_pot_0, double de_dl) {
+    const char* proc = "ions_cg_loop";
+    const double h_max = largest_abs(cg.h);
+    double lambda_trial = -2.0 * h_max * h_max / de_dl;
+    std::vector<double> e_hist{e_pot_0}, lambda_hist{0.0};
+    double e_pot = e_pot_0;
+    // The lowest trial point, after max_trials trials that did not settle the line.
+    auto take_lowest = [&](bool check, const char* wording) {
+        std::size_t best = 1;
+        for (std::size_t k = 2; k < e_hist.size(); ++k)
+            if (e_hist[k] < e_hist[best]) best = k;
+        const double e_min_estim = e_hist[best];
+        if (e_hist[0] < e_min_estim) fatal_error("CG min for ions failed", -1, proc, mod);
+        lambda_trial = lambda_hist[best];
+        move_along(cg, lambda_trial);
+        e_pot = calc_ene(cg, 'F');
+        say({wording, lambda_trial, ")=", e_pot});
+        // Energies with and without eigenvectors differ by rounding alone.
+        if (check && std::fabs(e_min_estim - e_pot) > lambda_tol * std::max(1.0, std::fabs(e_pot)))
+            fatal_error("Lambda", -1, proc, mod);
+        return e_pot;
+    };
+    for (int n_trial = 1;; ++n_trial) {
+        check_lambda(lambda_trial, h_max);
+        say({"de_dl       =", de_dl, "lambda_trial =", lambda_trial});
+        move_along(cg, lambda_trial);
+        const double e_pot_1 = calc_ene(cg, 'E');
+        lambda_hist.push_back(lambda_trial);
+        e_hist.push_back(e_pot_1);
+        double lambda_min = 0.0, e_min_estim = 0.0;
+        std::array<double, 3> c{};
+        min_quadratic_two_pts(0.0, lambda_trial, e_pot_0, e_pot_1, de_dl, lambda_min, e_min_estim,
+                              c);
+        say({"lambda_min  =", lambda_min});
+        say({"e(0)        =", e_pot_0});
+        say({"e(trial)    =", e_pot_1});
+        say({"e(min_estim)=", e_min_estim});
+        if (lambda_min <= 0.0) {
+            if (n_trial >= max_trials) return take_lowest(false, "taknig the lowest energy e(l=");
+            lambda_trial *= 2.0;
+            say({"increasing lambda, new trial"});
+            continue;
+        }
+        check_lambda(lambda_min, h_max);
+        move_along(cg, lambda_min);
+        e_pot = calc_ene(cg, 'F');
+        say({"e(min_real) =", e_pot});
+        if (e_pot_1 < e_pot_0) {
+            say({"e_pot_0=", e_pot_0, " > e_pot_1=", e_pot_1});
+            say({lambda_trial >= lambda_min ? " interpolation" : " extrapolation"});
+            if (e_pot < e_pot_1) {
+                say({"e_pot_1 > e_pot=", e_pot});
+            } else {
+                move_along(cg, lambda_trial);
+                e_pot = calc_ene(cg, 'F');
+                say({"accept the trial step, e_pot=", e_pot});
+            }
+            return e_pot;
+        }
+        say({"e_pot_0 < e_pot_1", e_pot_0, e_pot_1});
+        if (lambda_trial >= lambda_min) {
+            say({" interpolation"});
+            if (e_pot < e_pot_0) {
+                say({"e_pot_0 > e_pot=", e_pot});
+                return e_pot;
+            }
+            lambda_trial = 0.5 * lambda_min;
+            if (n_trial >= max_trials) return take_lowest(true, "taking the lowest energy e(l=");
+        } else {
+            say({" extrapolation (shouldn't occur)"});
+            warning_error("Extrapolation with E(0) < E(trial lambda) !", proc, mod);
+            if (e_pot < e_pot_1) {
+                say({"e_pot_1 > e_pot=", e_pot, "(that's all we ask)."});
+                return e_pot;
+            }
+            lambda_trial *= 0.5;
+            if (n_trial >= max_trials) return take_lowest(false, "taking the lowest energy e(l=");
+        }
+        say({"decreasing lambda, new trial"});
+    }
+}
+
+// The forces at the point taken, masked by the frozen coordinates; returns |g|^2.
+double cg_forces(cg_type& cg) {
+    ions_run_type& run = cg.run;
+    forces_calc(run.ham, run.box.ions, run.box, run.i_algo, electrons_or_none(run.elec),
+                run.elec_algo);
+    const ions_type& ions = run.box.ions;
+    for (int i = 1; i <= ions.total_n_ions; ++i)
+        for (int k = 1; k <= 3; ++k) cg.g(k, i) = ions.f(k, i) * cg.frz(k, i);
+    return trace_ab_mat(cg.g, cg.g);
+}
+
+// Whether the relaxation ends after this step: the step count, the energy change
+// or the largest free force below its tolerance.
+bool cg_done(const cg_type& cg, double delta_e_pot, int last_step) {
+    const i_algo_type& i_algo = cg.run.i_algo;
+    bool done = false;
+    if (cg.run.ions_state.step + 1 >= last_step) {
+        say({"Maximum # of steps reached"});
+        done = true;
+    }
+    if (i_algo.delta_e > std::fabs(delta_e_pot)) {
+        say({"Energy tolerance reached"});
+        done = true;
+    }
+    if (i_algo.max_force > largest_abs(cg.g)) {
+        say({"Force tolerance reached"});
+        done = true;
+    }
+    return done;
+}
+
+} // namespace
+
 void ions_cg_loop(box_type& box, ions_state_type& ions_state, i_algo_type& i_algo,
                   elec_state_type* elec, elec_algo_type& elec_algo, hamiltonian_type& ham) {
     const char* proc = "ions_cg_loop";
@@ -695,7 +834,7 @@ void ions_cg_loop(box_type& box, ions_state_type& ions_state, i_algo_type& i_alg
     // A relaxation with nothing free has no direction to go (and would divide by 0).
     if (ions.dof == 0)
         fatal_error("every coordinate is frozen: there is nothing to relax", 0, proc, mod);
-    cg_type cg{&box, &ions_state, &i_algo, elec, &elec_algo, &ham, {}, {}, {}, {}, {}};
+    cg_type cg{{box, ions_state, i_algo, elec, elec_algo, ham}, {}, {}, {}, {}, {}};
     ca_real_2d(cg.h, 1, 3, 1, n, "h", proc, mod);
     ca_real_2d(cg.frz, 1, 3, 1, n, "frz", proc, mod);
     ca_real_2d(cg.g, 1, 3, 1, n, "g", proc, mod);
@@ -708,161 +847,33 @@ void ions_cg_loop(box_type& box, ions_state_type& ions_state, i_algo_type& i_alg
     const double loop_start = timeofday();
     elec_algo.algo = elec_algo.gs;
     double e_pot = calc_ene(cg, 'F');
-    elec_state_type& e = electrons_or_none(elec);
-    forces_calc(ham, ions, box, i_algo, e, elec_algo);
-    masked_forces(cg);
-    double g2 = trace_ab_mat(cg.g, cg.g);
+    double g2 = cg_forces(cg);
     ions_state.step_seconds = 0.0;
     print_system_status(box, ions_state, i_algo, elec, elec_algo, *ham.tb_model, report_unit);
     elec_algo.algo = elec_algo.md;
     bool force_sd = false;
-    std::vector<double> e_hist, lambda_hist;
     for (;;) {
         const double step_start = timeofday();
-        double delta_e_pot = std::pow(largest_abs(cg.g), 2);
         const bool restart =
-            i_algo.cg_restart_freq <= 0 ? false : ions_state.step % i_algo.cg_restart_freq == 0;
-        double gamma = 0.0;
-        if (ions_state.step > ions_state.first_step + 1 && !restart && !force_sd) {
-            const double g2_old = g2;
-            const double t = trace_ab_mat(cg.g, cg.g_old);
-            gamma = (g2 - t) / g2_old;
-            for (int i = 1; i <= n; ++i)
-                for (int k = 1; k <= 3; ++k) cg.h(k, i) = cg.g(k, i) + gamma * cg.h(k, i);
-        } else {
-            for (int i = 1; i <= n; ++i)
-                for (int k = 1; k <= 3; ++k) cg.h(k, i) = cg.g(k, i);
-        }
-        force_sd = false;
-        double de_dl = -trace_ab_mat(cg.g, cg.h);
-        if (de_dl > 0.0) {
-            for (int i = 1; i <= n; ++i)
-                for (int k = 1; k <= 3; ++k) cg.h(k, i) = cg.g(k, i);
-            de_dl = -g2;
-        }
-        if (debug > 0) say({"gamma=", gamma, "delta_e_pot =", delta_e_pot});
-        const double h_max = largest_abs(cg.h);
-        double lambda_trial = -2.0 * h_max * h_max / de_dl;
+            i_algo.cg_restart_freq > 0 && ions_state.step % i_algo.cg_restart_freq == 0;
+        const bool steepest = ions_state.step <= ions_state.first_step + 1 || restart || force_sd;
+        const double de_dl = cg_direction(cg, g2, steepest);
         const double e_pot_0 = e_pot;
         for (int i = 1; i <= n; ++i)
             for (int k = 1; k <= 3; ++k) {
                 cg.r0(k, i) = ions.r(k, i);
                 cg.g_old(k, i) = cg.g(k, i);
             }
-        e_hist.assign(1, e_pot_0);
-        lambda_hist.assign(1, 0.0);
-        int n_trial = 0;
-        double lambda_min = 0.0, e_min_estim = 0.0;
-        // The lowest trial point, after max_trials trials that did not settle the line.
-        auto take_lowest = [&](bool check, const char* wording) {
-            std::size_t best = 1;
-            for (std::size_t k = 2; k < e_hist.size(); ++k)
-                if (e_hist[k] < e_hist[best]) best = k;
-            e_min_estim = e_hist[best];
-            lambda_min = lambda_hist[best];
-            if (e_hist[0] < e_min_estim) fatal_error("CG min for ions failed", -1, proc, mod);
-            lambda_trial = lambda_min;
-            move_along(cg, lambda_trial);
-            e_pot = calc_ene(cg, 'F');
-            say({wording, lambda_trial, ")=", e_pot});
-            // Energies with and without eigenvectors differ by rounding alone.
-            if (check &&
-                std::fabs(e_min_estim - e_pot) > lambda_tol * std::max(1.0, std::fabs(e_pot)))
-                fatal_error("Lambda", -1, proc, mod);
-        };
-        for (;;) {
-            ++n_trial;
-            check_lambda(lambda_trial, h_max);
-            say({"de_dl       =", de_dl, "lambda_trial =", lambda_trial});
-            move_along(cg, lambda_trial);
-            const double e_pot_1 = calc_ene(cg, 'E');
-            lambda_hist.push_back(lambda_trial);
-            e_hist.push_back(e_pot_1);
-            std::array<double, 3> c{};
-            min_quadratic_two_pts(0.0, lambda_trial, e_pot_0, e_pot_1, de_dl, lambda_min,
-                                  e_min_estim, c);
-            say({"lambda_min  =", lambda_min});
-            say({"e(0)        =", e_pot_0});
-            say({"e(trial)    =", e_pot_1});
-            say({"e(min_estim)=", e_min_estim});
-            if (lambda_min <= 0.0) {
-                if (n_trial >= max_trials) {
-                    take_lowest(false, "taknig the lowest energy e(l=");
-                    break;
-                }
-                lambda_trial *= 2.0;
-                say({"increasing lambda, new trial"});
-                continue;
-            }
-            check_lambda(lambda_min, h_max);
-            move_along(cg, lambda_min);
-            e_pot = calc_ene(cg, 'F');
-            say({"e(min_real) =", e_pot});
-            if (e_pot_1 < e_pot_0) {
-                say({"e_pot_0=", e_pot_0, " > e_pot_1=", e_pot_1});
-                say({lambda_trial >= lambda_min ? " interpolation" : " extrapolation"});
-                if (e_pot < e_pot_1) {
-                    say({"e_pot_1 > e_pot=", e_pot});
-                } else {
-                    move_along(cg, lambda_trial);
-                    e_pot = calc_ene(cg, 'F');
-                    say({"accept the trial step, e_pot=", e_pot});
-                }
-                break;
-            }
-            say({"e_pot_0 < e_pot_1", e_pot_0, e_pot_1});
-            if (lambda_trial >= lambda_min) {
-                say({" interpolation"});
-                if (e_pot < e_pot_0) {
-                    say({"e_pot_0 > e_pot=", e_pot});
-                    break;
-                }
-                lambda_trial = 0.5 * lambda_min;
-                if (n_trial >= max_trials) {
-                    take_lowest(true, "taking the lowest energy e(l=");
-                    break;
-                }
-            } else {
-                say({" extrapolation (shouldn't occur)"});
-                warning_error("Extrapolation with E(0) < E(trial lambda) !", proc, mod);
-                if (e_pot < e_pot_1) {
-                    say({"e_pot_1 > e_pot=", e_pot, "(that's all we ask)."});
-                    break;
-                }
-                lambda_trial *= 0.5;
-                if (n_trial >= max_trials) {
-                    take_lowest(false, "taking the lowest energy e(l=");
-                    break;
-                }
-            }
-            say({"decreasing lambda, new trial"});
-        }
-        forces_calc(ham, ions, box, i_algo, e, elec_algo);
-        masked_forces(cg);
-        g2 = trace_ab_mat(cg.g, cg.g);
+        e_pot = cg_line_search(cg, e_pot_0, de_dl);
+        g2 = cg_forces(cg);
         const double overlap = g2 > 0.0 ? trace_ab_mat(cg.g, cg.h) / std::sqrt(g2) : 0.0;
         say({"<h_old|g_new> = ", overlap, "(should very small)"});
-        if (std::fabs(overlap) > 0.1) {
-            say({"Line min too poor, doing SD next step."});
-            force_sd = true;
-        }
-        delta_e_pot = e_pot_0 - e_pot;
+        force_sd = std::fabs(overlap) > 0.1;
+        if (force_sd) say({"Line min too poor, doing SD next step."});
+        const double delta_e_pot = e_pot_0 - e_pot;
         if (delta_e_pot < 0.0 && std::fabs(delta_e_pot) > 1e-10)
             fatal_error("dE < 0.0 ! CG min for ions failed", -1, proc, mod);
-        const double max_force_now = largest_abs(cg.g);
-        bool done = false;
-        if (ions_state.step + 1 >= last_step) {
-            say({"Maximum # of steps reached"});
-            done = true;
-        }
-        if (i_algo.delta_e > std::fabs(delta_e_pot)) {
-            say({"Energy tolerance reached"});
-            done = true;
-        }
-        if (i_algo.max_force > max_force_now) {
-            say({"Force tolerance reached"});
-            done = true;
-        }
+        const bool done = cg_done(cg, delta_e_pot, last_step);
         ions_state.step += 1;
         ions_state.step_seconds = timeofday() - step_start;
         if (done) break;
@@ -881,7 +892,7 @@ double line_min(box_type& box, ions_state_type& ions_state, i_algo_type& i_algo,
                 elec_state_type* elec, elec_algo_type& elec_algo, hamiltonian_type& ham,
                 const farray<double, 2>& r0, const farray<double, 2>& h, double lambda_trial,
                 double tol) {
-    cg_type cg{&box, &ions_state, &i_algo, elec, &elec_algo, &ham, h.copy(), {}, {}, {}, r0.copy()};
+    cg_type cg{{box, ions_state, i_algo, elec, elec_algo, ham}, h.copy(), {}, {}, {}, r0.copy()};
     double ax = 0.0, bx = lambda_trial, cx = 0.0, fa = 0.0, fb = 0.0, fc = 0.0;
     cg_mnbrak(cg, ax, bx, cx, fa, fb, fc);
     double x_min = bx;

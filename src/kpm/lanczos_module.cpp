@@ -6,7 +6,7 @@
 #include "numerics/lapack_module.hpp"
 #include "numerics/random_module.hpp"
 #include "numerics/utility_module.hpp"
-#include "orbital/hs_psi_module.hpp"
+#include "operators/hs_psi_module.hpp"
 
 #include <algorithm>
 #include <cmath>

@@ -5,8 +5,8 @@
 #include "base/io_module.hpp"
 #include "base/timing_module.hpp"
 #include "numerics/lapack_module.hpp"
-#include "orbital/acum_delem_module_2.hpp"
-#include "orbital/hs_psi_module.hpp"
+#include "operators/acum_delem_module_2.hpp"
+#include "operators/hs_psi_module.hpp"
 #include "parallel/mpi_module.hpp"
 
 #include <cmath>

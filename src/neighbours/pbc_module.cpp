@@ -187,6 +187,15 @@ void pbc_check_min_dist(const box_type& box) {
                     static_cast<long long>(i) * 10000 + j, "pbc_check_min_dist", mod);
 }
 
+void pbc_build_nn_lists(box_type& box, double r_cut, std::optional<double> lo_rad) {
+    box_init(box, r_cut, lo_rad);
+    box_calc_ic_list(box);
+    box_init_sb_list(box);
+    box_ions_fill_sb(box);
+    pbc_calc_max_nn(box);
+    pbc_calc_nn_lists(box, std::min(2 * box.ions.max_n_nn, box.ions.total_n_ions));
+}
+
 void pbc_calc_nn_lists(box_type& box, std::optional<int> n_alloc, bool check) {
     const char* proc = "pbc_init_nn_lists";
     const trace_guard trace(proc, mod);

@@ -24,6 +24,9 @@ void pbc_count_ion_nn(const box_type& box, int i, int& n);
 void pbc_calc_max_nn(box_type& box);
 void pbc_calc_ion_nn(box_type& box, int i, nn_list_type& nn_list, nn_list_type& nn_hi_list);
 void pbc_calc_nn_lists(box_type& box, std::optional<int> n_alloc = std::nullopt, bool check = true);
+// The box of a new cell or cut-off, its image cells and sub-boxes with the ions in
+// them, then the lists, each allocated for twice the largest count (at most every ion).
+void pbc_build_nn_lists(box_type& box, double r_cut, std::optional<double> lo_rad = std::nullopt);
 // The sub-box search: the same pairs from the ions of the neighbouring sub-boxes.
 void pbc_calc_sb_ion_nn(box_type& box, int i, nn_list_type& nn_list, nn_list_type& nn_hi_list,
                         const sub_box_type& sb);

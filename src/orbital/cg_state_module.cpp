@@ -5,7 +5,7 @@
 #include "base/io_module.hpp"
 #include "numerics/lapack_module.hpp"
 #include "numerics/random_module.hpp"
-#include "orbital/hs_psi_module.hpp"
+#include "operators/hs_psi_module.hpp"
 
 #include <cmath>
 #include <cstdint>

@@ -7,7 +7,7 @@
 #include "model/tb_hs_module.hpp"
 #include "numerics/lapack_module.hpp"
 #include "numerics/random_module.hpp"
-#include "orbital/hs_psi_module.hpp"
+#include "operators/hs_psi_module.hpp"
 
 #include <cmath>
 

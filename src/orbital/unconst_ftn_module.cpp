@@ -4,7 +4,7 @@
 #include "base/error_module.hpp"
 #include "base/io_module.hpp"
 #include "numerics/pzeros.hpp"
-#include "orbital/acum_delem_module_2.hpp"
+#include "operators/acum_delem_module_2.hpp"
 
 #include <algorithm>
 #include <cmath>

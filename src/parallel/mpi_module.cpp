@@ -156,6 +156,14 @@ void mpi_use_self([[maybe_unused]] bool self) {
 MPI_Comm mpi_comm() {
     return comm == MPI_COMM_NULL ? MPI_COMM_SELF : comm;
 }
+
+int mpi_comm_f() {
+    return static_cast<int>(MPI_Comm_c2f(mpi_comm()));
+}
+#else
+int mpi_comm_f() {
+    return 0;
+}
 #endif
 
 void bcast_int(int& x, int root) {

@@ -32,6 +32,9 @@ void mpi_use_self(bool self);
 #if defined(LYRT_MPI)
 MPI_Comm mpi_comm(); // the communicator the layer works on
 #endif
+// The same communicator as a Fortran handle, the form the distributed eigensolver
+// takes (0 without MPI).
+int mpi_comm_f();
 
 // Broadcasts from a root process: scalars, vectors, matrices, rank-3 arrays, strings.
 // The receivers of an array hold it with the sender's shape already.

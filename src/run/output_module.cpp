@@ -94,6 +94,25 @@ void save_step_to_files(box_type& box, ions_state_type& st, const i_algo_type& i
     }
 }
 
+// The configuration and its energies, as the report prints them at a step or at the end.
+void print_configuration(box_type& box, const ions_state_type& st, const i_algo_type& i_algo,
+                         const elec_state_type* elec, const elec_algo_type& elec_algo,
+                         const tb_model_type& tb_model, int unit) {
+    ions_print(box, st, report_flags(i_algo, i_algo.calc_forces), unit);
+    print_ene(st, i_algo, elec, elec_algo, tb_model, unit);
+}
+
+// The restart file, and the wave functions when the input asks for them.
+void save_restart(const ions_state_type& st, const i_algo_type& i_algo, elec_state_type* elec,
+                  const elec_algo_type& elec_algo, bool diag, int unit) {
+    ions_save_state(st, i_algo, cont_unit, "POSCONT");
+    if (elec_algo.save_wfs > 0 && diag) {
+        unit_write(unit, "saving wave-functions to WFS...");
+        elec_save_state(*elec, elec_algo, wfs_unit, "WFS");
+        unit_write(unit, "done!");
+    }
+}
+
 // Starts a data file anew with its head line.
 void start_file(int unit, const std::string& name, const char* head) {
     unit_open(unit, name, "replace", "append");
@@ -284,15 +303,9 @@ void print_system_status(box_type& box, ions_state_type& st, const i_algo_type& 
         !tb_model.classical && elec != nullptr && elec->eig != nullptr && uses_diag(elec_algo);
     if (i_algo.n_steps <= 0) {
         if (!i_am_master) return;
-        ions_print(box, st, report_flags(i_algo, i_algo.calc_forces), unit);
-        print_ene(st, i_algo, elec, elec_algo, tb_model, unit);
+        print_configuration(box, st, i_algo, elec, elec_algo, tb_model, unit);
         if (diag) eig_print_eigen_energies(*elec->eig, unit);
-        ions_save_state(st, i_algo, cont_unit, "POSCONT");
-        if (elec_algo.save_wfs > 0 && diag) {
-            unit_write(unit, "saving wave-functions to WFS...");
-            elec_save_state(*elec, elec_algo, wfs_unit, "WFS");
-            unit_write(unit, "done!");
-        }
+        save_restart(st, i_algo, elec, elec_algo, diag, unit);
         return;
     }
     if (st.step == 0 && i_am_master) {
@@ -326,8 +339,7 @@ void print_system_status(box_type& box, ions_state_type& st, const i_algo_type& 
                 reopen_units();
                 write_free(unit, {"------------------------------|", st.step,
                                   "|------------------------------"});
-                ions_print(box, st, report_flags(i_algo, i_algo.calc_forces), unit);
-                print_ene(st, i_algo, elec, elec_algo, tb_model, unit);
+                print_configuration(box, st, i_algo, elec, elec_algo, tb_model, unit);
             }
         }
         st.skip_save = 0;
@@ -336,18 +348,12 @@ void print_system_status(box_type& box, ions_state_type& st, const i_algo_type& 
         unit_write(unit, rule60);
         unit_write(unit, "FINAL CONFIGURATION");
         unit_write(unit, rule60);
-        ions_print(box, st, report_flags(i_algo, i_algo.calc_forces), unit);
-        print_ene(st, i_algo, elec, elec_algo, tb_model, unit);
+        print_configuration(box, st, i_algo, elec, elec_algo, tb_model, unit);
         unit_write(unit, rule60);
         if (diag && elec_algo.output_level < 4 && elec_algo.output_level > 1)
             eig_print_eigen_energies(*elec->eig, unit);
         unit_write(unit, rule60);
-        ions_save_state(st, i_algo, cont_unit, "POSCONT");
-        if (elec_algo.save_wfs > 0 && diag) {
-            unit_write(unit, "saving wave-functions to WFS...");
-            elec_save_state(*elec, elec_algo, wfs_unit, "WFS");
-            unit_write(unit, "done!");
-        }
+        save_restart(st, i_algo, elec, elec_algo, diag, unit);
     }
 }
 

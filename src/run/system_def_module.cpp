@@ -17,6 +17,18 @@ namespace {
 constexpr const char* mod = "system_def_module";
 } // namespace
 
+void init_system() {
+    const trace_guard trace("init_system", mod);
+    ions_read_in(sys.box, sys.box.ions, "POSLYRT");
+    tb_model_read_param(sys.box.ions.species, sys.tb_model, "TBPARAM", sys.box.ions.n_species);
+    read_input("INLYRT", sys.elec_algo, sys.i_algo, sys.tb_model, sys.kpt, sys.system_name,
+               sys.n_electrons, sys.n_states, sys.n_h_dup);
+    init_system_ions();
+    kpt_read_and_allocate(sys.kpt, sys.box.cell.b, "KPTS", kpt_unit);
+    barrier();
+    init_system_elec();
+}
+
 void init_system_ions() {
     const char* proc = "init_system_ions";
     const trace_guard trace(proc, mod);
@@ -26,15 +38,10 @@ void init_system_ions() {
     // The run's stream starts from its two seeds, so that a run can be repeated.
     init_random(sys.i_algo.temp_seed[0], sys.i_algo.temp_seed[1]);
     constants_init();
-    box_init(sys.box, sys.tb_model.r_cut, sys.elec_algo.lo_rad);
-    box_calc_ic_list(sys.box);
-    box_init_sb_list(sys.box);
-    box_ions_fill_sb(sys.box);
     pdist_init(sys.ions_pdist, sys.ions->total_n_ions, 1, 1, 0, "bl");
     ions_init(sys.ions_state, sys.i_algo);
-    pbc_calc_max_nn(sys.box);
+    pbc_build_nn_lists(sys.box, sys.tb_model.r_cut, sys.elec_algo.lo_rad);
     write_free(stdout_unit, {"After pbc_calc_max_nn, max_n_nn=", sys.ions->max_n_nn});
-    pbc_calc_nn_lists(sys.box, std::min(2 * sys.ions->max_n_nn, sys.ions->total_n_ions));
 }
 
 void init_elec_dim(const ions_type& ions, const kpt_type& kpt, const tb_model_type& tb_model,

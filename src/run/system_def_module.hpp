@@ -43,6 +43,10 @@ struct system_def_type {
 };
 extern system_def_type sys;
 
+// The whole set-up of a run from the files of the working folder: positions
+// (POSLYRT) and the model (TBPARAM) before the keywords (INLYRT), whose defaults
+// come from the model; then the ions, the k-points (KPTS) and the electrons.
+void init_system();
 // The ionic side of a ready system: pointers, random numbers, box, ion
 // distribution, starting state of the ions and neighbour lists.
 void init_system_ions();

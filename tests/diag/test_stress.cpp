@@ -1,11 +1,11 @@
 // The stress against finite differences of the energy under strain, and the
 // unrolled contraction kernels against their general loop.
 #include "base/allocate_module.hpp"
-#include "diag/acum_delem_module_1.hpp"
 #include "diag/eig_state_module.hpp"
 #include "diag/forces_module.hpp"
 #include "diag/gs_module.hpp"
 #include "model_support.hpp"
+#include "operators/acum_delem_module_1.hpp"
 #include "parallel/threads_module.hpp"
 #include "test_support.hpp"
 

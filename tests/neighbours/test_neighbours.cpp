@@ -29,14 +29,6 @@ class Neighbours : public lyrt_test::program_test {
         lyrt_test::write_text(dir / "POSLYRT", text);
         ions_read_in(box, box.ions, "POSLYRT");
     }
-    void build_lists(box_type& box, double r_cut) {
-        box_init(box, r_cut);
-        box_calc_ic_list(box);
-        box_init_sb_list(box);
-        box_ions_fill_sb(box);
-        pbc_calc_max_nn(box);
-        pbc_calc_nn_lists(box, std::min(2 * box.ions.max_n_nn, box.ions.total_n_ions));
-    }
     // Every ion has the same number of neighbours; returns it.
     int uniform_count(const box_type& box) {
         const int n0 = box.ions.nn_list[0].n_nn;
@@ -91,7 +83,7 @@ TEST_F(Neighbours, CrystalShellCounts) {
         box_type box;
         crystal(box, diamond, 5.431, 3);
         ASSERT_EQ(box.ions.total_n_ions, 216);
-        build_lists(box, r_cut);
+        pbc_build_nn_lists(box, r_cut);
         EXPECT_EQ(uniform_count(box), expected) << "Si r_cut " << r_cut;
         EXPECT_EQ(box.ions.max_n_nn, expected);
         if (r_cut == 6.6) check_invariants(box);
@@ -100,7 +92,7 @@ TEST_F(Neighbours, CrystalShellCounts) {
     for (const auto& [r_cut, expected] : cu) {
         box_type box;
         crystal(box, fcc, 3.61, 3);
-        build_lists(box, r_cut);
+        pbc_build_nn_lists(box, r_cut);
         EXPECT_EQ(uniform_count(box), expected) << "Cu r_cut " << r_cut;
     }
 }
@@ -119,7 +111,7 @@ TEST_F(Neighbours, RandomSkewedCellsAgreeWithBruteForce) {
         lyrt_test::write_text(dir / "POSLYRT", text);
         ions_read_in(box, box.ions, "POSLYRT");
         const double r_cut = 3.0 + trial;
-        build_lists(box, r_cut);
+        pbc_build_nn_lists(box, r_cut);
         check_invariants(box);
         // Brute force: the shortest image of each pair, if inside the cut-off.
         const ions_type& ions = box.ions;
@@ -163,7 +155,7 @@ TEST_F(Neighbours, RandomSkewedCellsAgreeWithBruteForce) {
 TEST_F(Neighbours, SubBoxSearchFindsTheSamePairs) {
     box_type box;
     crystal(box, diamond, 5.431, 3);
-    build_lists(box, 4.0); // cell 16.3 wide: 3 sub-boxes per axis
+    pbc_build_nn_lists(box, 4.0); // cell 16.3 wide: 3 sub-boxes per axis
     ASSERT_EQ(box.n_sb, 27);
     std::vector<nn_list_type> full(216), hi(216);
     box.ions.nn_list.swap(full);
@@ -228,7 +220,7 @@ TEST_F(Neighbours, BoxSizingRules) {
 TEST_F(Neighbours, SingleSubBoxAndFolding) {
     box_type box;
     crystal(box, {{0, 0, 0}}, 3.0, 1);
-    build_lists(box, 2.0);
+    pbc_build_nn_lists(box, 2.0);
     EXPECT_EQ(box.ions.max_n_nn, 0);
     EXPECT_EQ(box.ions.ub_n_nn, 0);
     EXPECT_EQ(box.nn_sb_grid.n[0] * box.nn_sb_grid.n[1] * box.nn_sb_grid.n[2], 1);
@@ -260,7 +252,7 @@ TEST_F(Neighbours, PairAtExactlyTheCutOffIsNoNeighbour) {
     lyrt_test::write_text(dir / "POSLYRT", "number_of_ions = 2\na_1 = 10 0 0\na_2 = 0 10 0\n"
                                            "a_3 = 0 0 10\npositions = cartesian\n1 1 1\n3 1 1\n");
     ions_read_in(box, box.ions, "POSLYRT");
-    build_lists(box, 2.5);
+    pbc_build_nn_lists(box, 2.5);
     EXPECT_EQ(box.ions.ub_n_nn, 1);
     EXPECT_EQ(nn_length(box.ions.nn_list[0]), 2);
     EXPECT_EQ(box.ions.nn_list[0].n_nn, 1);
@@ -313,12 +305,12 @@ TEST_F(Neighbours, ExactCutOffInBinaryArithmetic) {
 TEST_F(Neighbours, NeighbourCountBound) {
     box_type big;
     crystal(big, diamond, 5.431, 3);
-    build_lists(big, 2.5);
+    pbc_build_nn_lists(big, 2.5);
     EXPECT_EQ(big.ions.max_n_nn, 4);
     EXPECT_EQ(big.ions.ub_n_nn, 8); // twice the count
     box_type small;
     crystal(small, diamond, 5.431, 1);
-    build_lists(small, 4.0);
+    pbc_build_nn_lists(small, 4.0);
     EXPECT_EQ(small.ions.max_n_nn, 7);
     EXPECT_EQ(small.ions.ub_n_nn, 7); // every other ion
     // Sixteen neighbours within 4 A exceed the bound of 8 set at 2.5 A.

@@ -97,12 +97,7 @@ void build_system(model_system& s, const std::filesystem::path& dir, const std::
     ions_read_in(s.box, s.box.ions, (dir / "POSLYRT").string());
     tb_model_read_param(s.box.ions.species, s.model, (dir / "TBPARAM").string(),
                         s.box.ions.n_species);
-    box_init(s.box, r_cut > 0 ? r_cut : s.model.r_cut);
-    box_calc_ic_list(s.box);
-    box_init_sb_list(s.box);
-    box_ions_fill_sb(s.box);
-    pbc_calc_max_nn(s.box);
-    pbc_calc_nn_lists(s.box, std::min(2 * s.box.ions.max_n_nn, s.box.ions.total_n_ions));
+    pbc_build_nn_lists(s.box, r_cut > 0 ? r_cut : s.model.r_cut);
     pdist_init(s.pd, s.box.ions.total_n_ions, 1, 1, 0, "bl");
     hamiltonian_init(s.ham, s.box.ions, s.model, s.pd, s.pd);
     calc_hs_real(s.ham, s.box.ions, s.box);

@@ -4,7 +4,7 @@
 #include "base/io_module.hpp"
 #include "model_support.hpp"
 #include "numerics/random_module.hpp"
-#include "orbital/hs_psi_module.hpp"
+#include "operators/hs_psi_module.hpp"
 #include "test_support.hpp"
 
 #include <cmath>

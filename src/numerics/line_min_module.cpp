@@ -1,4 +1,4 @@
-#include "orbital/line_min_module.hpp"
+#include "numerics/line_min_module.hpp"
 
 #include "base/io_module.hpp"
 #include "numerics/fitpoly.hpp"

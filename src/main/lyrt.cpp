@@ -12,13 +12,13 @@
 #include "base/stop_module.hpp"
 #include "base/timing_module.hpp"
 #include "dynamics/ions_dyn_module.hpp"
-#include "model/tb_model_module.hpp"
 #include "parallel/mpi_module.hpp"
-#include "run/input_module.hpp"
 #include "run/output_module.hpp"
 #include "run/system_def_module.hpp"
 
 #include <cstdio>
+#include <exception>
+#include <new>
 #include <string>
 #include <unistd.h>
 
@@ -35,16 +35,7 @@ int main_lyrt() {
     barrier();
     trace_in("main_lyrt", "main_lyrt");
 
-    // Positions and the model are read before the keywords, whose defaults
-    // (cut-off, pair potential) come from the model.
-    ions_read_in(sys.box, sys.box.ions, "POSLYRT");
-    tb_model_read_param(sys.box.ions.species, sys.tb_model, "TBPARAM", sys.box.ions.n_species);
-    read_input("INLYRT", sys.elec_algo, sys.i_algo, sys.tb_model, sys.kpt, sys.system_name,
-               sys.n_electrons, sys.n_states, sys.n_h_dup);
-    init_system_ions();
-    kpt_read_and_allocate(sys.kpt, sys.box.cell.b, "KPTS", kpt_unit);
-    barrier();
-    init_system_elec();
+    init_system();
     if (i_am_master) print_system_def(report_unit);
     barrier();
     if (n_proc >= 2 && debug >= 3) {
@@ -76,22 +67,35 @@ void end_distributed_run(const lyrt::fatal_stop& stop) {
         const std::string text = " FATAL ERROR on process " + std::to_string(my_proc) + ": " +
                                  stop.message + " (in procedure " + stop.procedure + " of module " +
                                  stop.module + ")";
-        std::fprintf(stderr, "%s\n", text.c_str());
-        if (std::FILE* f = std::fopen("ERRLYRT", "a")) {
-            std::fprintf(f, "%s\nABORTING LYRT !\n", text.c_str());
-            std::fclose(f);
-        }
+        unit_write(0, text);
+        append_records("ERRLYRT", {text, "ABORTING LYRT !"});
     }
     std::fflush(stdout);
     std::fflush(stderr);
     abort_mpi(1);
 }
 
+// The run, with an error of the language's own (an allocation that fails, a bad
+// conversion) ending through the fatal path as every other error does: its
+// message in ERRLYRT and on standard error, the reports closed, status 1.
+int guarded_run() {
+    try {
+        return main_lyrt();
+    } catch (const lyrt::fatal_stop&) {
+        throw;
+    } catch (const std::bad_alloc&) {
+        lyrt::fatal_error("out of memory: an allocation failed", -1, "main_lyrt", "main_lyrt");
+    } catch (const std::exception& e) {
+        lyrt::fatal_error(std::string("unexpected error: ") + e.what(), -1, "main_lyrt",
+                          "main_lyrt");
+    }
+}
+
 } // namespace
 
 int main() {
     try {
-        return main_lyrt();
+        return guarded_run();
     } catch (const lyrt::fatal_stop& stop) {
         std::fflush(stdout);
         if (lyrt::n_proc >= 2) end_distributed_run(stop);

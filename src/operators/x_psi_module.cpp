@@ -1,4 +1,4 @@
-#include "orbital/x_psi_module.hpp"
+#include "operators/x_psi_module.hpp"
 
 namespace lyrt {
 

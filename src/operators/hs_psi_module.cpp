@@ -1,4 +1,4 @@
-#include "orbital/hs_psi_module.hpp"
+#include "operators/hs_psi_module.hpp"
 
 #include "base/timing_module.hpp"
 

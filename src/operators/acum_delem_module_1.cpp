@@ -1,4 +1,4 @@
-#include "diag/acum_delem_module_1.hpp"
+#include "operators/acum_delem_module_1.hpp"
 
 #include "base/allocate_module.hpp"
 #include "base/timing_module.hpp"

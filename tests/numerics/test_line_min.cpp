@@ -1,6 +1,6 @@
 // Minima of polynomials through points of polynomials whose minima are known.
 #include "base/io_module.hpp"
-#include "orbital/line_min_module.hpp"
+#include "numerics/line_min_module.hpp"
 #include "test_support.hpp"
 
 #include <algorithm>

@@ -2,7 +2,7 @@
 #pragma once
 
 #include "model/hamiltonian_module.hpp"
-#include "orbital/x_psi_module.hpp"
+#include "operators/x_psi_module.hpp"
 
 namespace lyrt {
 

@@ -1,4 +1,4 @@
-#include "diag/fast_module.hpp"
+#include "numerics/fast_module.hpp"
 
 #include "numerics/lapack_module.hpp"
 

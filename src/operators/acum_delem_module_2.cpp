@@ -1,4 +1,4 @@
-#include "orbital/acum_delem_module_2.hpp"
+#include "operators/acum_delem_module_2.hpp"
 
 #include "base/timing_module.hpp"
 
