@@ -157,44 +157,6 @@ TEST_F(ErrorModule, TraceGuardBalancesEveryExitAndKeepsTheStopLevel) {
     debug = saved;
 }
 
-TEST_F(ErrorModule, TraceStackOverflowsAtOneHundred) {
-    for (int k = 1; k <= 99; ++k) trace_in("level_routine", "level_module");
-    EXPECT_EQ(trace_depth(), 99);
-    trace_in("routine_100", "module_100");
-    EXPECT_EQ(trace_depth(), 100);
-    EXPECT_EQ(trace_procedure(100), "Maxiumm depth of error stack rea");
-    EXPECT_EQ(trace_module(100), std::string("Error could be deeper ...") + std::string(7, ' '));
-    trace_in("routine_101", "module_101");
-    EXPECT_EQ(trace_depth(), 100);
-    // The level holding the overflow text matches no routine.
-    EXPECT_THROW(trace_out("routine_101", "module_101"), fatal_stop);
-}
-
-TEST_F(ErrorModule, TraceOutOnEmptyStackWarns) {
-    testing::internal::CaptureStdout();
-    trace_out("ions_init", "ions_module");
-    const std::string out = testing::internal::GetCapturedStdout();
-    EXPECT_EQ(trace_depth(), 0);
-    EXPECT_EQ(out, " Leaving ions_module:ions_init on PE= 0\n");
-    flush(error_unit);
-    auto err = read_lines(dir / "ERRLYRT");
-    ASSERT_GE(err.size(), 3u);
-    EXPECT_EQ(err[err.size() - 1], "        trace_out called with empty stack");
-}
-
-TEST_F(ErrorModule, TraceLinesShareTheirIndentation) {
-    testing::internal::CaptureStdout();
-    trace_in("outer", "mod_a");
-    trace_in("inner", "mod_b");
-    trace_out("inner", "mod_b");
-    trace_out("outer", "mod_a");
-    const std::string out = testing::internal::GetCapturedStdout();
-    EXPECT_EQ(out, " Entering mod_a:outer on PE= 0\n"
-                   " .Entering mod_b:inner on PE= 0\n"
-                   " .Leaving mod_b:inner on PE= 0\n"
-                   " Leaving mod_a:outer on PE= 0\n");
-}
-
 TEST_F(ErrorModule, PlainStopCarriesItsText) {
     testing::internal::CaptureStdout();
     try {

@@ -58,31 +58,7 @@ TEST(FarrayDeathTest, OutOfBoundsIndexStops) {
 
 } // namespace
 
-namespace {
-
-// What can only be read through an array stays read-only through its views.
-TEST(Farray, ViewsOfConstArraysAreReadOnly) {
-    using const_view = decltype(std::declval<const farray<double, 3>&>().slice_last(1));
-    using mutable_view = decltype(std::declval<farray<double, 3>&>().slice_last(1));
-    static_assert(std::is_same_v<const_view, farray<const double, 2>>);
-    static_assert(std::is_same_v<mutable_view, farray<double, 2>>);
-    static_assert(std::is_same_v<decltype(std::declval<const farray<int, 1>&>().view()),
-                                 farray<const int, 1>>);
-
-    farray<double, 3> hist;
-    hist.allocate({1, 1, 1}, {3, 2, 3});
-    hist(2, 2, 3) = 5.0;
-    const farray<double, 3>& ro = hist;
-    const farray<const double, 2> slot3 = ro.slice_last(3);
-    EXPECT_FALSE(slot3.owner());
-    EXPECT_EQ(slot3(2, 2), 5.0);
-    farray<double, 2> rw = hist.slice_last(3);
-    rw(1, 1) = 7.0;
-    EXPECT_EQ(hist(1, 1, 3), 7.0);
-    EXPECT_EQ(slot3(1, 1), 7.0); // both views see the same storage
-}
-
-} // namespace
+namespace {} // namespace
 
 // Arrays of several megabytes take aligned storage of their own: zero-filled like
 // small ones, aligned to 2 MiB, carried by a move, and freed by either path when

@@ -23,39 +23,6 @@ class IoModule : public ::testing::Test {
     std::filesystem::path dir;
 };
 
-TEST_F(IoModule, HeaderLayout) {
-    open_units();
-    close_units();
-    for (const char* name : {"OUTLYRT", "ERRLYRT"}) {
-        auto lines = read_lines(dir / name);
-        ASSERT_GE(lines.size(), 20u) << name;
-        EXPECT_EQ(lines[0].size(), 67u);
-        EXPECT_EQ(lines[0].substr(0, 23),
-                  "File Name: = " + std::string(name) + std::string(10 - std::strlen(name), ' '));
-        EXPECT_EQ(lines[0].substr(23, 24), "   Program Executed on: ");
-        EXPECT_EQ(lines[0][49], '/');
-        EXPECT_EQ(lines[0][52], '/');
-        EXPECT_EQ(lines[0].substr(55, 7), ",  at: ");
-        EXPECT_EQ(lines[0][64], ':');
-        const std::string rule(80, '=');
-        EXPECT_EQ(lines[1], rule);
-        for (int k = 2; k < 16; ++k) {
-            EXPECT_NE(lines[static_cast<std::size_t>(k)].find('#'), std::string::npos);
-            EXPECT_EQ(lines[static_cast<std::size_t>(k)][0], ' '); // indented
-        }
-        EXPECT_EQ(lines[16], rule);
-        EXPECT_EQ(lines[17], "   THIS IS THE SERIAL VERSION");
-        EXPECT_EQ(lines[18], "   COMPILED TO USE THE GAMMA POINT ONLY");
-        EXPECT_EQ(lines[19], rule);
-    }
-    auto out = read_lines(dir / "OUTLYRT");
-    ASSERT_EQ(out.size(), 23u);
-    EXPECT_EQ(out[20].rfind("    Program Terminated on: ", 0), 0u);
-    EXPECT_EQ(out[21], "");
-    EXPECT_EQ(out[22], " -- LYRT end --");
-    EXPECT_EQ(read_text(dir / "timings"), ""); // no header
-}
-
 TEST_F(IoModule, SequentialRecordsRewindBackspaceAndTruncation) {
     ASSERT_EQ(unit_open(30, "seq.txt", "replace"), 0);
     for (const char* r : {"one", "two", "three"}) unit_write(30, r);
@@ -132,26 +99,6 @@ TEST_F(IoModule, DirectAccessRecords) {
     EXPECT_NE(unit_read_direct(34, 7, r, sizeof r), 0);
     unit_close(34);
     EXPECT_EQ(std::filesystem::file_size(dir / "WFS"), 48u);
-}
-
-TEST_F(IoModule, UnitTableQueries) {
-    EXPECT_EQ(next_free_unit(), 1); // 0 is standard error
-    ASSERT_EQ(unit_open(1, "u1.txt", "replace"), 0);
-    EXPECT_EQ(next_free_unit(), 2);
-    EXPECT_EQ(unit_file_name(1), "u1.txt");
-    EXPECT_EQ(unit_form(1), "FORMATTED");
-    flush(45); // not open: nothing happens
-    EXPECT_FALSE(unit_is_open(45));
-    unit_write(1, "kept");
-    flush(1);
-    EXPECT_EQ(read_text(dir / "u1.txt"), "kept\n");
-    unit_write(1, "after flush");
-    unit_close(1);
-    EXPECT_EQ(read_text(dir / "u1.txt"), "kept\nafter flush\n");
-    // Writing to a unit nobody opened goes to fort.<n>.
-    unit_write(44, "stray");
-    unit_close(44);
-    EXPECT_EQ(read_text(dir / "fort.44"), "stray\n");
 }
 
 TEST_F(IoModule, ReopenAppendsToReports) {

@@ -190,34 +190,6 @@ TEST(Dlexlib, StripModesAndWords) {
     EXPECT_NE(warning.find("Continuing execution ..."), std::string::npos);
 }
 
-TEST(Dlexlib, SearchAndReplace) {
-    EXPECT_EQ(noccur("aa", "a", -1), 1); // the last occurrence filling the rest isn't counted
-    EXPECT_EQ(noccur("abcabcx", "abc", -1), 2);
-    EXPECT_EQ(indexn("x=1;y=2;z=3", ";", 2), 8);
-    EXPECT_EQ(indexn("x=1;y=2", ";", 3), 0);
-    std::string left, right;
-    parse("key = value", left, right, "=", -1);
-    EXPECT_EQ(left, "key ");
-    EXPECT_EQ(right, " value");
-    std::string s = "a-b-c-d       ";
-    int n = -1;
-    replac(s, "-", "+", n, 0);
-    EXPECT_EQ(s, "a+b+c+d       ");
-    EXPECT_EQ(n, 7);
-    n = -1;
-    replac(s, "+", "::", n, 2);
-    EXPECT_EQ(s.substr(0, static_cast<std::size_t>(n)), "a+b::c+d");
-    n = -1;
-    replac(s, "+", "", n, -1);
-    EXPECT_EQ(s.substr(0, static_cast<std::size_t>(n)), "ab::c+d");
-    std::string tight = "xx";
-    n = -1;
-    testing::internal::CaptureStdout();
-    replac(tight, "x", "yyy", n, 0);
-    EXPECT_NE(testing::internal::GetCapturedStdout().find("'REPLAC'"), std::string::npos);
-    EXPECT_EQ(tight, "yy");
-}
-
 TEST(Dlexlib, TypeChecksAndItemCounts) {
     std::string work, format;
     char ok;

@@ -7,6 +7,7 @@
 #include "diag/gs_module.hpp"
 #include "diag/secular_module.hpp"
 #include "model_support.hpp"
+#include "run_support.hpp"
 #include "test_support.hpp"
 
 #include <cmath>
@@ -17,28 +18,6 @@ namespace {
 
 using namespace lyrt;
 using namespace lyrt_test;
-
-// A parameter file of tests/data with U (eV) appended to the electron line of
-// each species, in the order of the species.
-std::string with_hubbard(const std::string& name, const std::vector<std::string>& u) {
-    std::istringstream in(
-        read_text(std::filesystem::path(LYRT_SOURCE_DIR) / "tests/data" / (name + ".tbparam")));
-    std::ostringstream out;
-    std::size_t k = 0;
-    int line = 0, species_line = 0;
-    const bool two = name == "CuAu";
-    // The electron line is the third of each species block, which starts after the
-    // cut-off lines (one per pair).
-    const int first = two ? 6 : 4;
-    for (std::string l; std::getline(in, l); ++line) {
-        if (k < u.size() && line == first + 2 + species_line) {
-            l += " " + u[k++];
-            species_line += 3;
-        }
-        out << l << "\n";
-    }
-    return out.str();
-}
 
 const char* si8_distorted =
     "number_of_ions = 8\na_1 = 5.30 0 0\na_2 = 0.1 5.35 0\na_3 = 0.05 -0.1 5.42\n"
@@ -149,12 +128,12 @@ TEST_F(Charges, ForcesAreTheGradientOfTheSelfConsistentEnergy) {
     const std::string cu3au = read_text(std::filesystem::path(LYRT_SOURCE_DIR) /
                                         "tests/data/reference/cu3au_rattled" / "POSLYRT");
     const sample cases[] = {
-        {"Si 8, U 6, no smearing", si8_distorted, with_hubbard("Si", {"6.0"}), 0.0, {1, 6}},
-        {"Si 8, U 6, sigma 0.1", si8_distorted, with_hubbard("Si", {"6.0"}), 0.1, {2}},
-        {"Si_orth 8, U 5, sigma 0.3", si8_distorted, with_hubbard("Si_orth", {"5.0"}), 0.3, {1, 4}},
-        {"Si_orth 8, U 5, no smearing", si8_distorted, with_hubbard("Si_orth", {"5.0"}), 0.0, {3}},
-        {"Cu3Au, U 4/3, sigma 0.1", cu3au, with_hubbard("CuAu", {"4.0", "3.0"}), 0.1, {1, 2}},
-        {"CuAu 16, U 4/3, sigma 0.1", cuau16(), with_hubbard("CuAu", {"4.0", "3.0"}), 0.1, {5}},
+        {"Si 8, U 6, no smearing", si8_distorted, with_hubbard("Si", {6.0}), 0.0, {1, 6}},
+        {"Si 8, U 6, sigma 0.1", si8_distorted, with_hubbard("Si", {6.0}), 0.1, {2}},
+        {"Si_orth 8, U 5, sigma 0.3", si8_distorted, with_hubbard("Si_orth", {5.0}), 0.3, {1, 4}},
+        {"Si_orth 8, U 5, no smearing", si8_distorted, with_hubbard("Si_orth", {5.0}), 0.0, {3}},
+        {"Cu3Au, U 4/3, sigma 0.1", cu3au, with_hubbard("CuAu", {4.0, 3.0}), 0.1, {1, 2}},
+        {"CuAu 16, U 4/3, sigma 0.1", cuau16(), with_hubbard("CuAu", {4.0, 3.0}), 0.1, {5}},
     };
     for (const sample& c : cases) {
         SCOPED_TRACE(c.what);
@@ -180,12 +159,10 @@ TEST_F(Charges, MultisecantMixerConvergesWhereLinearMixingCycles) {
     const std::string cu3au = read_text(std::filesystem::path(LYRT_SOURCE_DIR) /
                                         "tests/data/reference/cu3au_rattled" / "POSLYRT");
     const sample cases[] = {
-        {"Si 8, U 6, mixing 0.5", si8_distorted, with_hubbard("Si", {"6.0"}), 0.0, 0.5, false},
-        {"Si 8, U 6, mixing 0.1", si8_distorted, with_hubbard("Si", {"6.0"}), 0.0, 0.1, true},
-        {"Cu3Au, U 12/10, mixing 0.1", cu3au, with_hubbard("CuAu", {"12.0", "10.0"}), 0.1, 0.1,
-         true},
-        {"Cu3Au, U 12/10, mixing 0.5", cu3au, with_hubbard("CuAu", {"12.0", "10.0"}), 0.1, 0.5,
-         false},
+        {"Si 8, U 6, mixing 0.5", si8_distorted, with_hubbard("Si", {6.0}), 0.0, 0.5, false},
+        {"Si 8, U 6, mixing 0.1", si8_distorted, with_hubbard("Si", {6.0}), 0.0, 0.1, true},
+        {"Cu3Au, U 12/10, mixing 0.1", cu3au, with_hubbard("CuAu", {12.0, 10.0}), 0.1, 0.1, true},
+        {"Cu3Au, U 12/10, mixing 0.5", cu3au, with_hubbard("CuAu", {12.0, 10.0}), 0.1, 0.5, false},
     };
     for (const sample& c : cases) {
         SCOPED_TRACE(c.what);

@@ -134,21 +134,6 @@ TEST_F(Kpm, FiveAndSixOrbitalRoutesAgreeWithTheGeneralOne) {
     }
 }
 
-// H' = 0: T_2k(0) = (-1)^k, odd polynomials vanish.
-TEST_F(Kpm, MomentsOfAZeroHamiltonian) {
-    model_system s;
-    build_si64(s);
-    s.ham.h_ab.fill(0.0);
-    const double n = s.ham.desc.n_row;
-    kpm_state_type ks;
-    start(ks, s, 13, 0.0, -1.0, 1.0);
-    for (int route = 0; route < 2; ++route) {
-        route == 0 ? calc_mu(s.ham, ks) : calc_mu_new_four(s.ham, ks);
-        for (int k = 0; k <= 13; ++k)
-            EXPECT_EQ(ks.mu(k), k % 2 == 1 ? 0.0 : ((k / 2) % 2 == 0 ? n : -n)) << route << k;
-    }
-}
-
 // The bounds bracket the dense spectrum closely enough that the ten per cent
 // margin holds it inside [-1, 1], and the search gives H back bit for bit.
 TEST_F(Kpm, BoundsBracketTheSpectrumAndLeaveHUnchanged) {

@@ -219,24 +219,6 @@ TEST(ModelFunctions, CutOffAndIntegrals) {
     EXPECT_LT(pair_pot(p, 0.9), 1e-3);
 }
 
-TEST(SlaterKoster, OrbitalSetsAndMaps) {
-    ao_type sd;
-    ao_init(sd, ao_no_to_ao(6));
-    EXPECT_EQ(sd.mask, 497);
-    EXPECT_EQ(sd.pos[orb_s], 1);
-    EXPECT_EQ(sd.pos[orb_px], 0);
-    EXPECT_EQ(sd.pos[orb_dxy], 2);
-    EXPECT_EQ(sd.pos[orb_d3z2r2], 6);
-    EXPECT_EQ(ao_get_no_type(sd), 6);
-    double p[14], a[14], back[14];
-    for (int k = 0; k < 14; ++k) p[k] = k + 1.0;
-    sk_param_map_p2a(p, a);
-    EXPECT_EQ(a[2], p[sk_sds]);
-    EXPECT_EQ(a[3], p[sk_pss]);
-    sk_param_map_a2p(a, back);
-    for (int k = 0; k < 14; ++k) EXPECT_EQ(back[k], p[k]);
-}
-
 // Blocks along the axes have the analytic two-centre values.
 TEST(SlaterKoster, AxialBlocks) {
     ao_type spd, s_only;

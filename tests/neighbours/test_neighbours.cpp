@@ -247,20 +247,6 @@ TEST_F(Neighbours, SingleSubBoxAndFolding) {
     EXPECT_EQ(grid_test_module(error_unit), 0);
 }
 
-TEST_F(Neighbours, PairAtExactlyTheCutOffIsNoNeighbour) {
-    box_type box;
-    lyrt_test::write_text(dir / "POSLYRT", "number_of_ions = 2\na_1 = 10 0 0\na_2 = 0 10 0\n"
-                                           "a_3 = 0 0 10\npositions = cartesian\n1 1 1\n3 1 1\n");
-    ions_read_in(box, box.ions, "POSLYRT");
-    pbc_build_nn_lists(box, 2.5);
-    EXPECT_EQ(box.ions.ub_n_nn, 1);
-    EXPECT_EQ(nn_length(box.ions.nn_list[0]), 2);
-    EXPECT_EQ(box.ions.nn_list[0].n_nn, 1);
-    box_init(box, 2.0);
-    pbc_calc_nn_lists(box);
-    EXPECT_EQ(box.ions.nn_list[0].n_nn, 0);
-}
-
 // A cell whose edges and distances are exact in binary: a pair at exactly the
 // cut-off is no neighbour in the count, in the all-pairs lists and in the sub-box
 // search, also when the pair meets through a periodic image; a cut-off one unit in
@@ -322,26 +308,6 @@ TEST_F(Neighbours, NeighbourCountBound) {
     } catch (const fatal_stop& stop) {
         EXPECT_EQ(stop.message, "The maximum # of NN is larger than the maximum allowed!");
     }
-}
-
-TEST_F(Neighbours, GrowableList) {
-    nn_list_type l;
-    const double r[3] = {1, 2, 3};
-    const int t[3] = {0, 0, 1};
-    for (int k = 1; k <= 12; ++k) nn_add_is(l, k, 1.0 * k, r, t);
-    EXPECT_EQ(l.n_nn, 12);
-    EXPECT_EQ(nn_length(l), 17); // 5, then 6 + 5, then 12 + 5
-    EXPECT_EQ(l.index(12), 12);
-    EXPECT_EQ(l.dist(7), 7.0);
-    nn_add_os(l, 99);
-    nn_list_type c;
-    nn_list_copy(c, l);
-    EXPECT_EQ(c.n_nn, 12);
-    EXPECT_EQ(nn_length(c), 12);
-    EXPECT_EQ(c.index_os(1), 99);
-    nn_reset(l);
-    EXPECT_EQ(l.n_nn, 0);
-    EXPECT_EQ(nn_length(l), 17);
 }
 
 } // namespace

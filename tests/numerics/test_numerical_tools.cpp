@@ -23,23 +23,6 @@ TEST(RandomModule, RanmarPublishedValidation) {
     for (double e : expected) EXPECT_EQ(lyrt::random() * 4096.0 * 4096.0, e);
 }
 
-TEST(RandomModule, SeedsAndDefaultStart) {
-    random_reset();
-    const double first = lyrt::random(); // no init_random: seeds 1802 and 9373
-    init_random(1802, 9373);
-    EXPECT_EQ(lyrt::random(), first);
-    init_random(31328, 30081); // the largest legal seeds
-    testing::internal::CaptureStdout();
-    EXPECT_THROW(init_random(31329, 0), fatal_stop);
-    const std::string out = testing::internal::GetCapturedStdout();
-    EXPECT_NE(out.find("The first random number seed must have a value between 0 and 31328"),
-              std::string::npos);
-    EXPECT_NE(out.find("The second seed must have a value between 0 and 30081"), std::string::npos);
-    testing::internal::CaptureStdout();
-    EXPECT_THROW(init_random(0, 30082), fatal_stop);
-    testing::internal::GetCapturedStdout();
-}
-
 TEST(RandomModule, GaussianDeviates) {
     // random_norm draws uniforms only on every second call: replay the polar
     // method on the same uniform stream.
@@ -103,30 +86,6 @@ TEST(UtilityModule, HeapSorts) {
     std::vector<int> one = {7};
     isort(one); // a single element is left alone
     EXPECT_EQ(one[0], 7);
-}
-
-TEST(UtilityModule, SmallMatrixAlgebra) {
-    const double a[3] = {1, 2, 3}, b[3] = {-2, 0.5, 4};
-    double c[3];
-    cross_product(c, a, b);
-    EXPECT_DOUBLE_EQ(c[0] * a[0] + c[1] * a[1] + c[2] * a[2], 0.0);
-    EXPECT_DOUBLE_EQ(c[0] * b[0] + c[1] * b[1] + c[2] * b[2], 0.0);
-    EXPECT_DOUBLE_EQ(abs_vector(a), std::sqrt(14.0));
-    const double m2[4] = {1, 2, 3, 4}; // columns (1,2), (3,4)
-    EXPECT_DOUBLE_EQ(det_2by2(m2), -2.0);
-    const double m[9] = {2, 1, 0, -1, 3, 1, 0.5, 0, 4}; // column-major
-    // Triple product of the columns equals the determinant.
-    double cr[3];
-    cross_product(cr, m + 3, m + 6);
-    EXPECT_DOUBLE_EQ(det_3by3(m), m[0] * cr[0] + m[1] * cr[1] + m[2] * cr[2]);
-    double inv[9];
-    inverse_matrix_3by3(inv, m);
-    for (int i = 0; i < 3; ++i)
-        for (int j = 0; j < 3; ++j) {
-            double s = 0;
-            for (int k = 0; k < 3; ++k) s += m[i + 3 * k] * inv[k + 3 * j];
-            EXPECT_NEAR(s, i == j ? 1.0 : 0.0, 1e-14);
-        }
 }
 
 TEST(UtilityModule, SplineReproducesCubicAndClampedEnds) {

@@ -100,23 +100,6 @@ TEST(Polynomials, ZerosOfKnownFactors) {
     }
 }
 
-// The stationary points of E = l^4 - 6.5 l^2 + 6 l + 0.3, whose derivative is
-// 4 (l - 0.5)(l - 1.5)(l + 2); and of a quartic with one real stationary point.
-TEST(Polynomials, StationaryPointsOfAQuartic) {
-    std::vector<double> x;
-    int n = 0;
-    find_poly_extremas_iter(std::vector<double>{0.3, 6.0, -6.5, 0.0, 1.0}, x, n);
-    ASSERT_EQ(n, 3);
-    std::sort(x.begin(), x.end());
-    EXPECT_NEAR(x[0], -2.0, 1e-12);
-    EXPECT_NEAR(x[1], 0.5, 1e-12);
-    EXPECT_NEAR(x[2], 1.5, 1e-12);
-    // E' = 4 (l - 1)(l^2 + 1): one real point, the complex pair dropped.
-    find_poly_extremas_iter(std::vector<double>{0.0, -4.0, 2.0, -4.0 / 3.0, 1.0}, x, n);
-    ASSERT_EQ(n, 1);
-    EXPECT_NEAR(x[0], 1.0, 1e-12);
-}
-
 class PolynomialStops : public lyrt_test::program_test {};
 
 TEST_F(PolynomialStops, ZeroConstantTermStopsTheRun) {

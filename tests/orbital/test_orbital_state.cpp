@@ -72,50 +72,6 @@ TEST_F(OrbitalState, StartsAndTheirShapes) {
     for (const double v : cg.psi) EXPECT_EQ(v, 0.0);
 }
 
-// The file holds psi_old (both passes write records 1..n_occ); a read fills psi
-// and psi_old with it. Another row count is refused before anything is read.
-TEST_F(OrbitalState, FileRoundTripKeepsTheOldOrbitals) {
-    build("Si");
-    init_random(1, 2);
-    cg_state_allocate(cg, s.ham, 16, 0.0, -1, 0);
-    random_mat(cg.psi_old);
-    const farray<double, 2> old = cg.psi_old.copy();
-    cg_state_write(cg, 21, (dir / "WFS").string());
-    EXPECT_EQ(std::filesystem::file_size(dir / "WFS"), 16u * 32u * 8u);
-    cg_state_type back;
-    cg_state_allocate(back, s.ham, 16, 0.0, -1, 1);
-    cg_state_read(back, 21, (dir / "WFS").string());
-    for (int j = 1; j <= 16; ++j)
-        for (int r = 1; r <= 32; ++r) {
-            EXPECT_EQ(back.psi(r, j), old(r, j));
-            EXPECT_EQ(back.psi_old(r, j), old(r, j));
-        }
-    cg_state_deallocate(back);
-    // The same file for a model of 9 orbitals per ion (72 rows).
-    model_system cu;
-    species_set set = read_species_set("Cu");
-    set.electrons = "2 2 0";
-    on_site_reset();
-    std::filesystem::create_directories(dir / "cu");
-    build_system(cu, dir / "cu", si8, one_species_file(set));
-    cg_state_type other;
-    cg_state_allocate(other, cu.ham, 16, 0.0, -1, 1);
-    try {
-        cg_state_read(other, 21, (dir / "WFS").string());
-        ADD_FAILURE() << "a file of another row count was read";
-    } catch (const fatal_stop& e) {
-        EXPECT_NE(std::string(e.what()).find("not equal to # of dim"), std::string::npos);
-    }
-    for (const double v : other.psi) EXPECT_EQ(v, 0.0);
-    try {
-        cg_state_read(other, 21, (dir / "missing").string());
-        ADD_FAILURE() << "a missing file was read";
-    } catch (const fatal_stop& e) {
-        EXPECT_NE(std::string(e.what()).find("problem opening"), std::string::npos);
-    }
-    cg_state_deallocate(other);
-}
-
 TEST_F(OrbitalState, StepsOfTheState) {
     build("Si_orth");
     init_random(5, 6);

@@ -44,20 +44,6 @@ TEST(PdistModule, WorkedExamplesOnTwoProcessors) {
     }
 }
 
-TEST(PdistModule, OneProcessorGivesIdentities) {
-    for (const char* method : {"bc", "bl"}) {
-        pdist_type pd;
-        pdist_init(pd, 7, 3, 1, 0, method);
-        EXPECT_EQ(pd.l_n, 7);
-        for (int i = 1; i <= 7; ++i) {
-            EXPECT_EQ(pd.l2g(i), i);
-            EXPECT_EQ(pd.g2l(i), i);
-            EXPECT_EQ(pd.map(i), i);
-            EXPECT_EQ(pd.pe_map(i), 0);
-        }
-    }
-}
-
 // For every size, block size and processor count, the columns of l2g_on_pe
 // partition 1..n and each processor's own maps agree with them.
 TEST(PdistModule, InvariantsHoldForManyShapes) {
@@ -129,18 +115,6 @@ TEST(PdistModule, GenerateKeepsBlocksWhole) {
     pdist_dist_index(pd2, index, l_index, &index_map);
     EXPECT_EQ(l_index(1), 50);
     EXPECT_EQ(index_map(5), 60); // position 5 of map is global 6
-}
-
-TEST(PdistModule, PrintShowsEveryMember) {
-    pdist_type pd;
-    pdist_init(pd, 3, 1, 1, 0, "bc");
-    testing::internal::CaptureStdout();
-    pdist_print(pd, stdout_unit);
-    const std::string out = testing::internal::GetCapturedStdout();
-    EXPECT_EQ(out.rfind(std::string(40, '-') + "\n", 0), 0u);
-    for (const char* label : {"pdist%n_proc  = ", "pdist%method  =  BC", "pdist%l2g =  1 2 3",
-                              "pdist%g2l = 1 2 3", "pdist%l2g_on_pe( 0 ) =  1 2 3"})
-        EXPECT_NE(out.find(label), std::string::npos) << label;
 }
 
 TEST(MessageLayer, OneProcessLeavesDataAsTheyAre) {

@@ -46,7 +46,7 @@ class Conservation : public Dynamics, public ::testing::WithParamInterface<conse
 TEST_P(Conservation, TotalEnergyIsConservedToSecondOrder) {
     const conservation_case c = GetParam();
     const std::string model =
-        std::string(c.model) == "Si+U" ? with_hubbard("Si", 4.0) : tbparam(c.model);
+        std::string(c.model) == "Si+U" ? with_hubbard("Si", {4.0}) : tbparam(c.model);
     const auto atoms = c.copper ? shaken(fcc(3.61, 1), 0.05) : shaken(diamond(5.431, 1), 0.05);
     const std::string pos = poslyrt(cube(c.copper ? 3.61 : 5.431), atoms, 1);
     const bool pv = std::string(c.input).find("ions_eom_algo = 1") != std::string::npos;

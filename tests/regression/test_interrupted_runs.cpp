@@ -105,19 +105,6 @@ TEST_F(InterruptedRuns, SignalEndsTheRunAtAStepAndPoscontContinuesIt) {
         EXPECT_NEAR(last_value(rest.report, label), last_value(whole.report, label), 1e-8) << label;
 }
 
-// SIGINT ends a relaxation between two line searches in the same way.
-TEST_F(InterruptedRuns, SignalEndsARelaxationBetweenLineSearches) {
-    write_inputs(dir / "cg", poslyrt(cube(2 * 5.431), shaken(diamond(5.431, 2), 0.1), 1),
-                 "ions_algo = 1\nn_steps = 100000\nions_max_force = 1e-12\nions_delta_e = 0\n");
-    const pid_t pid = start_lyrt(dir / "cg");
-    ASSERT_TRUE(wait_for_step(dir / "cg", 1));
-    kill(pid, SIGINT);
-    ASSERT_EQ(finish(pid), 2);
-    const std::string report = read_text(dir / "cg" / "OUTLYRT");
-    EXPECT_NE(report.find("the run was interrupted by SIGINT"), std::string::npos);
-    EXPECT_NE(report.find("FINAL CONFIGURATION"), std::string::npos);
-}
-
 // max_wall_time ends a run before the next step would pass it, judged from the
 // mean step so far; the run's own wall clock stays below the limit.
 TEST_F(InterruptedRuns, WallTimeEndsTheRunBeforeTheLimit) {

@@ -70,27 +70,6 @@ TEST_F(KpmRuns, ForcesApproachTheDenseForces) {
     EXPECT_LT(last, 2e-3);
 }
 
-TEST_F(KpmRuns, ConvergenceTableOnRequest) {
-    const std::string pos = poslyrt(cube(5.43), diamond(5.43, 1), 1);
-    const run_result table = run_case(dir / "table", pos, kpm(-30), tbparam("Si_orth"));
-    ASSERT_EQ(table.status, 0);
-    const run_result plain = run_case(dir / "plain", pos, kpm(30), tbparam("Si_orth"));
-    // The step's energy is that of all the moments.
-    EXPECT_NEAR(table.e_pot, plain.e_pot, 1e-9);
-    // One line per count 5, 10, ..., 30; the last is the run's own energy.
-    std::vector<std::string> rows;
-    for (const auto& l : read_lines(dir / "table" / "fort.80"))
-        if (!l.empty()) rows.push_back(l);
-    ASSERT_EQ(rows.size(), 6u);
-    std::istringstream last(rows.back());
-    int m = 0;
-    double e_sd, e_sf, err_sd, err_sf;
-    last >> m >> e_sd >> e_sf >> err_sd >> err_sf;
-    EXPECT_EQ(m, 30);
-    EXPECT_LT(err_sf, 1e-7);
-    EXPECT_GT(err_sd, 0.0); // the other damping differs at a finite count
-}
-
 // Bounds too narrow for the spectrum are searched again, with a warning, and the
 // run goes on to the energy it gets with searched bounds.
 TEST_F(KpmRuns, BoundsThatNoLongerHoldAreSearchedAgain) {
@@ -105,21 +84,6 @@ TEST_F(KpmRuns, BoundsThatNoLongerHoldAreSearchedAgain) {
     ASSERT_EQ(searched.status, 0);
     EXPECT_NEAR(narrow.e_pot, searched.e_pot, 1e-3);
     EXPECT_NE(narrow.report.find(" Fermi         Energy = "), std::string::npos);
-}
-
-// Conjugate gradients on the expansion relax a rattled crystal to the tolerance.
-TEST_F(KpmRuns, RelaxationReachesTheForceTolerance) {
-    const std::string pos = poslyrt(cube(5.43), shaken(diamond(5.43, 1), 0.08), 1);
-    const run_result start = run_case(dir / "start", pos, kpm(60), tbparam("Si_orth"));
-    const run_result r = run_case(dir / "relax", pos,
-                                  kpm(60, "ions_algo = 1\nn_steps = 100\nions_max_force = 1e-3\n"),
-                                  tbparam("Si_orth"));
-    ASSERT_EQ(r.status, 0);
-    double largest = 0.0;
-    for (const auto& f : r.force)
-        for (double c : f) largest = std::max(largest, std::fabs(c));
-    EXPECT_LT(largest, 1e-3);
-    EXPECT_LT(r.e_pot, start.e_pot - 0.01);
 }
 
 // No eigenvectors and no electronic stress: forces run all the same, a stress

@@ -69,18 +69,6 @@ TEST_F(Relaxation, SiliconVacancy) {
     EXPECT_LT(gain, 0.9);
 }
 
-// The symmetric vacancy of copper sits on a saddle of the relaxation: a small
-// rattle lets it find its minimum.
-TEST_F(Relaxation, CopperVacancy) {
-    const auto perfect = poslyrt(cube(2 * 3.61), without_first(fcc(3.61, 2)), 1);
-    const run_result start = run_case(dir / "start", perfect, "sigma = 0.1\n", tbparam("Cu"));
-    ASSERT_EQ(start.status, 0);
-    const auto rattled = poslyrt(cube(2 * 3.61), shaken(without_first(fcc(3.61, 2)), 0.03), 1);
-    const double gain = relax("cu31", rattled, "sigma = 0.1\n", tbparam("Cu"), start.e_pot);
-    EXPECT_GT(gain, 0.2);
-    EXPECT_LT(gain, 0.5);
-}
-
 // A rattled crystal relaxes back to the crystal.
 TEST_F(Relaxation, RattledSiliconReturnsToTheCrystal) {
     const run_result crystal = run_case(

@@ -63,17 +63,6 @@ TEST_F(UnusualInputs, IonsOnTopOfEachOtherStop) {
               std::string::npos);
 }
 
-// Close, but not coincident: the overlap stops being positive definite, and the
-// solver's message names the closest pair.
-TEST_F(UnusualInputs, SingularOverlapNamesTheClosestPair) {
-    const std::string pos = poslyrt(cube(5.431), {{1, 1, 1, 1}, {1, 3, 3, 3}, {1, 1.2, 1, 1}}, 1);
-    const run_result r = run_case(dir / "close", pos, "n_steps = 0\n", tbparam("Si"));
-    if (r.status == 0) GTEST_SKIP() << "the overlap of this pair is still positive definite";
-    const std::string m = fatal_message(dir / "close");
-    EXPECT_EQ(m.rfind("error occured in Xsygv: the overlap is not positive definite", 0), 0u) << m;
-    EXPECT_NE(m.find("ions 1 and 3, is   0.2000 Angstrom apart"), std::string::npos) << m;
-}
-
 TEST_F(UnusualInputs, NumbersThatAreNoNumbersStop) {
     const std::string si = tbparam("Si");
     const std::string pos = poslyrt(cube(5.431), diamond(5.431, 1), 1);
@@ -126,35 +115,6 @@ TEST_F(UnusualInputs, InputThatIsADirectoryStops) {
     write_text(dir / "run" / "TBPARAM", tbparam("Si"));
     EXPECT_EQ(run_lyrt_in(dir / "run"), 1);
     EXPECT_EQ(fatal_message(dir / "run"), "problems opening file INLYRTiostat=");
-}
-
-// The restart levels of POSCONT after a static run hold the initial cell and
-// positions, not zeros.
-TEST_F(UnusualInputs, ContinuationFileOfAStaticRunHasValidLevels) {
-    const run_result r = run_case(dir / "static", poslyrt(cube(5.431), diamond(5.431, 1), 1),
-                                  "n_steps = 0\n", tbparam("Si"));
-    ASSERT_EQ(r.status, 0);
-    const auto lines = read_lines(dir / "static" / "POSCONT");
-    auto block = [&](const std::string& key, int n) {
-        std::vector<std::string> out;
-        for (std::size_t k = 0; k < lines.size(); ++k)
-            if (lines[k] == key)
-                for (int m = 1; m <= n && k + m < lines.size(); ++m) out.push_back(lines[k + m]);
-        return out;
-    };
-    auto value = [&](const std::string& key) {
-        for (const auto& l : lines)
-            if (l.rfind(key + " =", 0) == 0) return l.substr(key.size() + 2);
-        return std::string();
-    };
-    const auto positions = block("positions = unit", 8);
-    ASSERT_EQ(positions.size(), 8u);
-    for (const char* level : {"_0", "_1", "_2"}) {
-        EXPECT_EQ(block("positions" + std::string(level) + " = unit", 8), positions) << level;
-        for (const char* a : {"a_1", "a_2", "a_3"})
-            EXPECT_EQ(value(a + std::string(level)), value(a)) << a << level;
-    }
-    EXPECT_NE(value("a_1"), "");
 }
 
 } // namespace

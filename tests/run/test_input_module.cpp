@@ -166,16 +166,6 @@ TEST_F(ReadInput, BadValueAndMissingFileStop) {
     }
 }
 
-TEST_F(ReadInput, DebugLevelIsReadAndTracingStaysBalanced) {
-    testing::internal::CaptureStdout();
-    read("debug = 1\n");
-    EXPECT_EQ(debug, 1);
-    read("debug = 0\n"); // traced on entry, not on exit: the stack must still balance
-    testing::internal::GetCapturedStdout();
-    EXPECT_EQ(debug, 0);
-    EXPECT_EQ(trace_depth(), 0);
-}
-
 } // namespace
 
 namespace {

@@ -201,12 +201,19 @@ std::string example(const std::string& name, const std::string& file) {
     return read_text(std::filesystem::path(LYRT_SOURCE_DIR) / "examples" / name / file);
 }
 
-std::string with_hubbard(const std::string& name, double u) {
+std::string with_hubbard(const std::string& name, const std::vector<double>& u) {
     std::istringstream in(tbparam(name));
     std::ostringstream out;
+    // The electron line is the third of each species block (three lines a species),
+    // which starts after the cut-off lines (one per pair: 1 or 3).
+    const int first = u.size() == 1 ? 6 : 8;
+    std::size_t k = 0;
     int line = 0;
-    for (std::string l; std::getline(in, l); ++line)
-        out << l << (line == 6 ? " " + std::to_string(u) : "") << "\n";
+    for (std::string l; std::getline(in, l); ++line) {
+        if (k < u.size() && line == first + 3 * static_cast<int>(k))
+            l += " " + std::to_string(u[k++]);
+        out << l << "\n";
+    }
     return out.str();
 }
 

@@ -51,8 +51,9 @@ run_result run_case(const std::filesystem::path& dir, const std::string& poslyrt
 int run_lyrt_mpi_in(const std::filesystem::path& dir, int n_processes);
 // A file of a shipped example (examples/<name>/<file>).
 std::string example(const std::string& name, const std::string& file);
-// The parameter set `name` of tests/data with a Hubbard U (eV) on its electron line.
-std::string with_hubbard(const std::string& name, double u);
+// The parameter set `name` of tests/data with a Hubbard U (eV) on the electron
+// line of each species, in their order.
+std::string with_hubbard(const std::string& name, const std::vector<double>& u);
 
 // One line of the energies file ENE of a dynamics run (a field of stars reads as NaN).
 struct ene_row {
