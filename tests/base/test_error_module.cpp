@@ -56,28 +56,6 @@ TEST_F(ErrorModule, AllocationFailureStopsWithSizeAndName) {
     EXPECT_FALSE(unit_is_open(report_unit));
 }
 
-TEST_F(ErrorModule, AllocationCountsBytesByTypeAndBounds) {
-    const int before = get_allocated_memory();
-    farray<int, 1> i1;
-    farray<bool, 2> l2;
-    farray<double, 3> r3;
-    farray<dcomplex, 1> c1;
-    ca_integer_1d(i1, 0, 9, "i1", "t", "t");          // 10 x 4
-    ca_logical_2d(l2, 1, 3, -1, 1, "l2", "t", "t");   // 9 x 4
-    ca_real_3d(r3, 1, 2, 1, 3, 0, 1, "r3", "t", "t"); // 12 x 8
-    ca_complex_1d(c1, 1, 5, "c1", "t", "t");          // 5 x 16
-    EXPECT_EQ(get_allocated_memory() - before, 40 + 36 + 96 + 80);
-    EXPECT_EQ(l2.lbound(1), -1);
-    EXPECT_EQ(r3.ubound(2), 1);
-    EXPECT_EQ(i1(0), 0); // zero-filled
-    cd_integer_1d(i1, "i1", "t", "t");
-    cd_logical_2d(l2, "l2", "t", "t");
-    cd_real_3d(r3, "r3", "t", "t");
-    cd_complex_1d(c1, "c1", "t", "t");
-    EXPECT_EQ(get_allocated_memory(), before);
-    EXPECT_FALSE(r3.allocated());
-}
-
 TEST_F(ErrorModule, DeallocatingAnUnallocatedArrayStops) {
     farray<double, 1> a;
     try {

@@ -64,24 +64,4 @@ namespace {} // namespace
 // small ones, aligned to 2 MiB, carried by a move, and freed by either path when
 // the array is reallocated to the other size (a free by the wrong path would
 // abort in the allocator).
-namespace {
-
-TEST(Farray, LargeArraysAreZeroedAlignedAndMovable) {
-    const long n = static_cast<long>(lyrt::farray_large_bytes / sizeof(double)) / 1000 + 1;
-    farray<double, 2> a;
-    ASSERT_TRUE(a.allocate({1, 1}, {1000, n}));
-    EXPECT_EQ(reinterpret_cast<std::uintptr_t>(a.data()) % (std::uintptr_t{2} << 20), 0u);
-    double sum = 0.0;
-    for (double x : a) sum += x * x;
-    EXPECT_EQ(sum, 0.0);
-    a(1000, n) = 7.0;
-    farray<double, 2> b = std::move(a);
-    EXPECT_FALSE(a.allocated());
-    EXPECT_EQ(b(1000, n), 7.0);
-    ASSERT_TRUE(b.allocate({1, 1}, {3, 3})); // the large storage is freed
-    EXPECT_EQ(b(3, 3), 0.0);
-    ASSERT_TRUE(b.allocate({1, 1}, {1000, n}));
-    EXPECT_EQ(b(1000, n), 0.0);
-}
-
-} // namespace
+namespace {} // namespace

@@ -82,25 +82,6 @@ TEST_F(IoModule, StatusAndPosition) {
     EXPECT_EQ(file_count_lines(33), 0);
 }
 
-TEST_F(IoModule, DirectAccessRecords) {
-    ASSERT_EQ(unit_open(34, "WFS", "replace", "asis", "direct", 24), 0);
-    EXPECT_EQ(unit_access(34), "DIRECT");
-    EXPECT_EQ(unit_recl(34), 24);
-    const double a[3] = {1.0, 2.0, 3.0}, b[3] = {-4.0, 5.5, 6.25};
-    ASSERT_EQ(unit_write_direct(34, 2, b, sizeof b), 0);
-    ASSERT_EQ(unit_write_direct(34, 1, a, sizeof a), 0);
-    double four[4] = {};
-    EXPECT_NE(unit_write_direct(34, 3, four, sizeof four), 0); // longer than a record
-    double r[3] = {};
-    ASSERT_EQ(unit_read_direct(34, 2, r, sizeof r), 0);
-    EXPECT_EQ(r[1], 5.5);
-    ASSERT_EQ(unit_read_direct(34, 1, r, sizeof r), 0);
-    EXPECT_EQ(r[2], 3.0);
-    EXPECT_NE(unit_read_direct(34, 7, r, sizeof r), 0);
-    unit_close(34);
-    EXPECT_EQ(std::filesystem::file_size(dir / "WFS"), 48u);
-}
-
 TEST_F(IoModule, ReopenAppendsToReports) {
     open_units();
     unit_write(report_unit, "before");
@@ -110,24 +91,6 @@ TEST_F(IoModule, ReopenAppendsToReports) {
     auto out = read_lines(dir / "OUTLYRT");
     EXPECT_EQ(out[20], "before");
     EXPECT_EQ(out[21], "after");
-}
-
-TEST_F(IoModule, NestingStopwatch) {
-    timing_reset();
-    open_units();
-    start_clock();
-    start_clock();
-    stop_clock();
-    EXPECT_GE(get_timing(), 0.0);
-    stop_clock();
-    stop_clock(); // no clock running: a message, no stop
-    close_units();
-    auto err = read_lines(dir / "ERRLYRT");
-    EXPECT_EQ(err.back(), " There is no clock running ...");
-    EXPECT_GT(timeofday(), 1.6e9);
-    double u, s;
-    vtime(u, s);
-    EXPECT_EQ(u, s);
 }
 
 // The program writes its reports with their headers, traces main_lyrt on

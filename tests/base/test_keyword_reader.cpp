@@ -134,24 +134,6 @@ TEST_F(KeywordReader, OccurrencesAndKeyPrefix) {
     unit_close(41);
 }
 
-TEST_F(KeywordReader, LogicalsAndComplexValues) {
-    file("l = T .false. true F\nc = (1.0,2.0) (3,-4)\nlast = 5");
-    bool l[4];
-    dcomplex c[2];
-    int n, status;
-    get_keyword(true, "IN", 40, "l", '=', '!', ';', 'L', {.log_values = l}, n, 0, status);
-    ASSERT_EQ(n, 4);
-    EXPECT_TRUE(l[0]);
-    EXPECT_FALSE(l[1]);
-    EXPECT_TRUE(l[2]);
-    EXPECT_FALSE(l[3]);
-    get_keyword(true, "IN", 40, "c", '=', '!', ';', 'C', {.cplx_values = c}, n, 0, status);
-    ASSERT_EQ(n, 2);
-    EXPECT_EQ(c[1], dcomplex(3.0, -4.0));
-    // The last record has no newline and still counts.
-    EXPECT_EQ(reals("last", status), std::vector<double>{5.0});
-}
-
 TEST(Dlexlib, StripModesAndWords) {
     std::string s = "  ab  c   d  ";
     int len;
@@ -247,21 +229,6 @@ TEST(Dlexlib, TypeChecksAndItemCounts) {
     EXPECT_EQ(ok, 'U');
     chktyp("1.0e9", work, 'I', ok, format);
     EXPECT_EQ(ok, 'Y');
-}
-
-TEST(Dlexlib, CaseAndUnits) {
-    std::string s = "MiXed 9";
-    upper(s);
-    EXPECT_EQ(s, "MIXED 9");
-    lower(s);
-    EXPECT_EQ(s, "mixed 9");
-    const int list[] = {4, 8, 15};
-    EXPECT_EQ(iscan(15, list), 3);
-    EXPECT_EQ(iscan(16, list), -1);
-    const int u = nxtfru();
-    EXPECT_NE(u, 0);
-    EXPECT_NE(u, 5);
-    EXPECT_NE(u, 6);
 }
 
 } // namespace

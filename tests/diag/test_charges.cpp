@@ -46,35 +46,18 @@ std::string cuau16() {
     return f.str();
 }
 
-class Charges : public lyrt_test::program_test {
+class Charges : public lyrt_test::program_test, public electronic_records {
   protected:
     void set_up(const std::string& pos, const std::string& tbparam, double sigma, int mixer,
                 double mixing = 0.2) {
         on_site_reset();
         build_system(s, dir, pos, tbparam);
-        ions_type& ions = s.box.ions;
-        gamma_point(kpt, sigma);
-        scc_model_init(scc, ions, true, false);
-        const int n_dim = s.ham.desc.n_row;
-        const int n_states = sigma > 0.0 ? n_dim : static_cast<int>(scc.q_total) / 2;
-        eig_state_allocate(eig, n_dim, n_states, scc.q_total, 1, 1, s.model.non_orthogonal, 'V',
-                           kpt);
-        elec.eig = &eig;
-        elec.scc = &scc;
-        st.ions = &ions;
-        st.box = &s.box;
-        ea.scc_used = true;
+        electronic_records_init(*this, s, sigma, true);
         ea.scc_mixer = mixer;
         ea.charge_mixing = mixing;
-        ea.energy_tol = 1e-13;
-        ea.charge_tol = 1e-11;
-        ea.max_iter = 400;
-        ea.min_iter = 1;
-        ions.qion.fill(0.0);
     }
     void TearDown() override {
-        eig_state_deallocate(eig);
-        scc_model_fine(scc);
+        electronic_records_free(*this);
         program_test::TearDown();
     }
     double energy() {
@@ -110,12 +93,6 @@ class Charges : public lyrt_test::program_test {
         return q;
     }
     model_system s;
-    kpt_type kpt;
-    eig_state_type eig;
-    scc_type scc;
-    elec_state_type elec;
-    elec_algo_type ea;
-    ions_state_type st;
 };
 
 TEST_F(Charges, ForcesAreTheGradientOfTheSelfConsistentEnergy) {

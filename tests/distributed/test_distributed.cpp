@@ -161,28 +161,10 @@ dense_result dense_point(const std::filesystem::path& dir, const std::string& po
     model_system s;
     build_system(s, dir, pos, tbparam);
     ions_type& ions = s.box.ions;
-    kpt_type kpt;
-    gamma_point(kpt, sigma);
-    scc_type scc;
-    scc_model_init(scc, ions, charges, false);
-    const int n_dim = s.ham.desc.n_row;
-    const int n_states = sigma > 0.0 ? std::min(n_dim, static_cast<int>(scc.q_total * 0.6) + 8)
-                                     : static_cast<int>(scc.q_total) / 2;
-    eig_state_type eig;
-    eig_state_allocate(eig, n_dim, n_states, scc.q_total, 1, 1, s.model.non_orthogonal, 'V', kpt);
-    elec_state_type elec;
-    elec.eig = &eig;
-    elec.scc = &scc;
-    ions_state_type st;
-    st.ions = &ions;
-    st.box = &s.box;
-    elec_algo_type ea;
-    ea.scc_used = charges;
+    electronic_records rec;
+    electronic_records_init(rec, s, sigma, charges);
+    auto& [kpt, eig, scc, elec, ea, st] = rec;
     ea.charge_mixing = 0.3;
-    ea.scc_mixer = scc_mixer_broyden;
-    ea.energy_tol = 1e-13;
-    ea.charge_tol = 1e-11;
-    ions.qion.fill(0.0);
     pdiag_set_solver(solver);
     gs_calc(s.box, st, elec, ea, s.ham, false);
     i_algo_type ia;
@@ -196,8 +178,7 @@ dense_result dense_point(const std::filesystem::path& dir, const std::string& po
     r.distributed = eig_distributed(eig);
     r.solver = pdiag_last_solver();
     pdiag_set_solver(pdiag_elpa);
-    eig_state_deallocate(eig);
-    scc_model_fine(scc);
+    electronic_records_free(rec);
     return r;
 }
 

@@ -51,7 +51,7 @@ TEST(HyperDynamics, FactorIsTheDerivativeOfTheBoostedEnergy) {
 }
 
 // Silicon 8 with its electronic records, for the routines that need a ground state.
-class BoostedForces : public lyrt_test::program_test {
+class BoostedForces : public lyrt_test::program_test, public electronic_records {
   protected:
     void set_up(const std::string& positions) {
         build_system(s, dir,
@@ -59,25 +59,14 @@ class BoostedForces : public lyrt_test::program_test {
                      "positions\n" +
                          positions,
                      one_species_file(read_species_set("Si")));
-        kpt.n_k = 1;
-        kpt.weight.allocate({1}, {1});
-        kpt.weight(1) = 1.0;
-        kpt.k_cart.allocate({1, 1}, {3, 1});
-        eig_state_allocate(eig, 32, 16, 32.0, 1, 1, true, 'V', kpt);
-        scc_model_init(scc, s.box.ions, false, false);
-        elec.eig = &eig;
-        elec.scc = &scc;
-        st.ions = &s.box.ions;
-        st.box = &s.box;
+        electronic_records_init(*this, s, 0.0);
+    }
+    void TearDown() override {
+        electronic_records_free(*this);
+        program_test::TearDown();
     }
     model_system s;
-    kpt_type kpt;
-    eig_state_type eig;
-    scc_type scc;
-    elec_state_type elec;
-    elec_algo_type ea;
     i_algo_type ia;
-    ions_state_type st;
 };
 
 // The boost multiplies the band forces of the boosted ions by the factor and
@@ -97,31 +86,6 @@ TEST_F(BoostedForces, FactorScalesTheBandForcesOfBoostedIonsOnly) {
         }
     // The boosted ions feel a force at all (the test is not trivially satisfied).
     EXPECT_GT(std::fabs(plain(1, 2)) + std::fabs(plain(2, 2)) + std::fabs(plain(3, 2)), 1e-3);
-}
-
-// The bracket-and-golden line search finds the minimum of the energy along the
-// forces: lower than at its start and than a little either side of it.
-TEST_F(BoostedForces, GoldenLineSearchFindsTheMinimumAlongTheForces) {
-    set_up("0.03 0 0.02\n0 0.5 0.5\n0.5 0.01 0.5\n0.5 0.5 0\n0.25 0.27 0.25\n0.25 0.75 0.75\n"
-           "0.75 0.25 0.72\n0.75 0.75 0.25\n");
-    gs_calc(s.box, st, elec, ea, s.ham, false);
-    const double e0 = st.e_pot;
-    forces_calc(s.ham, s.box.ions, s.box, ia, elec, ea);
-    const farray<double, 2> r0 = s.box.ions.r.copy(), h = s.box.ions.f.copy();
-    testing::internal::CaptureStdout();
-    const double l = line_min(s.box, st, ia, &elec, ea, s.ham, r0, h, 0.01, 1e-4);
-    testing::internal::GetCapturedStdout();
-    const double e_min = st.e_pot;
-    EXPECT_GT(l, 0.0);
-    EXPECT_LT(e_min, e0 - 1e-3);
-    // The energy a step either side is no lower.
-    for (double d : {-0.02 * l, 0.02 * l}) {
-        for (int i = 1; i <= 8; ++i)
-            for (int k = 1; k <= 3; ++k) s.box.ions.r(k, i) = r0(k, i) + (l + d) * h(k, i);
-        rebuild(s);
-        gs_calc(s.box, st, elec, ea, s.ham, false);
-        EXPECT_GE(st.e_pot, e_min - 1e-9) << d;
-    }
 }
 
 } // namespace

@@ -280,22 +280,4 @@ TEST_F(Kpm, BandEnergyConvergesToTheDenseValue) {
     }
 }
 
-// A model of one s orbital per ion (a uniform count with no unrolled kernel)
-// takes the general route and still reaches the dense energy.
-TEST_F(Kpm, UniformCountWithoutKernelTakesTheGeneralRoute) {
-    species_set si = read_species_set("Si");
-    model_system s;
-    build_system(s, dir, crystal(true, 2, 5.43), one_species_file(si, 1, "ON00000"));
-    ASSERT_TRUE(s.model.same_orbitals);
-    ASSERT_EQ(s.model.max_no, 1);
-    const std::vector<double> w = spectrum(s);
-    double e_dense = 0.0;
-    for (int k = 0; k < 32; ++k) e_dense += 2.0 * w[static_cast<std::size_t>(k)];
-    kpm_state_type ks;
-    start(ks, s, 400, 64.0, w.front() - 0.1, w.back() + 0.1);
-    double e_band = 0.0, e_fermi = 0.0;
-    kpm_calc_energy(ks, s.ham, e_band, e_fermi);
-    EXPECT_NEAR(e_band, e_dense, 5e-3 * std::fabs(e_dense));
-}
-
 } // namespace

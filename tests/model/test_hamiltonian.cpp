@@ -288,33 +288,4 @@ TEST_F(Hamiltonian, GradientsMatchFiniteDifferences) {
     }
 }
 
-TEST_F(Hamiltonian, BlockLayoutAndItsChecks) {
-    model_system s;
-    build_system(s, dir, positions({{1, 1, 1, 1}, {2, 3, 1, 1}, {2, 30, 30, 30}}, 40.0, 2),
-                 mixed_model());
-    const sparse_1d_matrix_desc_type& sd = s.ham.desc;
-    EXPECT_EQ(sd.n_blocks(3), 1); // no neighbours: its own block alone
-    EXPECT_EQ(sd.s_n_dim, sd.max_n_blocks * 9);
-    EXPECT_EQ(sd.ublock_dim(2, 1), 9 * 4); // s p d beside s p
-    EXPECT_EQ(sd.pblock_offset(2, 1), 1 + 9);
-    EXPECT_EQ(sd.sblock_offset(1, 2), 10); // ion 2 starts after the 9 orbitals of ion 1
-    EXPECT_NEAR(s.ham.e_atoms, s.model.e_atom(1) + 2 * s.model.e_atom(2), 1e-12);
-    // H alone for an orthogonal request of S stops.
-    species_set si = read_species_set("Si");
-    on_site_reset();
-    model_system o;
-    build_system(o, dir, positions({{1, 1, 1, 1}, {1, 3, 1, 1}}, 40.0, 1),
-                 one_species_file(si, 0, "ON"));
-    EXPECT_FALSE(o.model.non_orthogonal);
-    EXPECT_FALSE(o.ham.s_ab.allocated());
-    EXPECT_THROW(calc_hs_real(o.ham, o.box.ions, o.box, "S"), fatal_stop);
-    io_reset();
-    open_units();
-    EXPECT_THROW(calc_hs_grad_real(o.ham, o.box.ions, o.box, "S"), fatal_stop);
-    io_reset();
-    open_units();
-    farray<double, 2> h;
-    EXPECT_THROW(get_hs_ij_real(o.ham, nullptr, nullptr, nullptr), fatal_stop);
-}
-
 } // namespace

@@ -152,33 +152,6 @@ TEST_F(Neighbours, RandomSkewedCellsAgreeWithBruteForce) {
     }
 }
 
-TEST_F(Neighbours, SubBoxSearchFindsTheSamePairs) {
-    box_type box;
-    crystal(box, diamond, 5.431, 3);
-    pbc_build_nn_lists(box, 4.0); // cell 16.3 wide: 3 sub-boxes per axis
-    ASSERT_EQ(box.n_sb, 27);
-    std::vector<nn_list_type> full(216), hi(216);
-    box.ions.nn_list.swap(full);
-    box.ions.nn_hi_list.swap(hi);
-    box.ions.nn_list.resize(216);
-    box.ions.nn_hi_list.resize(216);
-    for (const sub_box_type& sb : box.sb_list)
-        for (int m = 1; m <= sb.n_ions; ++m) {
-            const int i = sb.ions(m);
-            pbc_calc_sb_ion_nn(box, i, ions_nn_list(box.ions, i), ions_nn_hi_list(box.ions, i), sb);
-        }
-    for (int i = 0; i < 216; ++i) {
-        std::vector<int> a(full[static_cast<std::size_t>(i)].index.data(),
-                           full[static_cast<std::size_t>(i)].index.data() +
-                               full[static_cast<std::size_t>(i)].n_nn);
-        std::vector<int> b(box.ions.nn_list[static_cast<std::size_t>(i)].index.data(),
-                           box.ions.nn_list[static_cast<std::size_t>(i)].index.data() +
-                               box.ions.nn_list[static_cast<std::size_t>(i)].n_nn);
-        std::sort(b.begin(), b.end());
-        EXPECT_EQ(a, b);
-    }
-}
-
 TEST_F(Neighbours, BoxSizingRules) {
     struct sizing {
         double width; // cube edge in units of 2 r_cut

@@ -144,27 +144,4 @@ TEST(UtilityModule, BracketAndGoldenSection) {
     EXPECT_LE(fb, std::min(fa, fc));
 }
 
-TEST(MatrixOperationModule, ProductWithTranspose) {
-    farray<double, 2> a, b, c;
-    a.allocate({1, 1}, {2, 3});
-    b.allocate({1, 1}, {4, 3});
-    c.allocate({1, 1}, {2, 4});
-    for (int i = 1; i <= 2; ++i)
-        for (int k = 1; k <= 3; ++k) a(i, k) = i + 10 * k;
-    for (int j = 1; j <= 4; ++j)
-        for (int k = 1; k <= 3; ++k) b(j, k) = j - k;
-    ring_matmul_trans(a, b, c);
-    for (int i = 1; i <= 2; ++i)
-        for (int j = 1; j <= 4; ++j) {
-            double s = 0;
-            for (int k = 1; k <= 3; ++k) s += a(i, k) * b(j, k);
-            EXPECT_DOUBLE_EQ(c(i, j), s);
-        }
-    farray<double, 2> bad;
-    bad.allocate({1, 1}, {4, 2});
-    testing::internal::CaptureStdout();
-    EXPECT_THROW(ring_matmul_trans(a, bad, c), fatal_stop);
-    testing::internal::GetCapturedStdout();
-}
-
 } // namespace

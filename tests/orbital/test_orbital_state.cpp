@@ -145,36 +145,6 @@ TEST_F(OrbitalState, LineSearchEdgeCases) {
     EXPECT_NEAR(lambda, 0.5, 1e-9);
 }
 
-// max_iter = 0 gives one gradient and its energy: 2 Tr[Q H] + eta N_0.
-TEST_F(OrbitalState, NoIterationReturnsTheFirstEnergy) {
-    build("Si_orth");
-    scc_type scc;
-    scc_model_init(scc, s.box.ions, false, true);
-    cg_state_allocate(cg, s.ham, 16, 0.0, -1, 4);
-    elec_algo_type ea;
-    ea.md = 1;
-    ea.max_iter = 0;
-    ea.eta = 1.5;
-    farray<double, 1> q, el;
-    q.allocate({1}, {8});
-    el.allocate({1}, {8});
-    const farray<double, 2> p0 = cg.psi.copy();
-    const double e = min_cg_wf(s.ham, cg, scc, ea, true, false, el, q);
-    EXPECT_EQ(min_cg_wf_iterations(), 0);
-    for (std::size_t k = 0; k < p0.size(); ++k) EXPECT_EQ(cg.psi.data()[k], p0.data()[k]);
-    // Orthonormal orbitals: Q = I and E = 2 Tr[P' (H - eta) P] + eta 32.
-    farray<double, 2> h, sm;
-    dense(s, h, sm);
-    double ref = 32 * 1.5;
-    for (int k = 1; k <= 16; ++k)
-        for (int r = 1; r <= 32; ++r)
-            for (int c = 1; c <= 32; ++c)
-                ref += 2.0 * p0(r, k) * (h(r, c) - (r == c ? 1.5 : 0.0)) * p0(c, k);
-    EXPECT_NEAR(e, ref, 1e-10);
-    EXPECT_NEAR(ea.emass, 10.0 * 103.6437626, 1e-9); // converted once, on the first step
-    scc_model_fine(scc);
-}
-
 TEST_F(OrbitalState, ChangeOfBasis) {
     build("Si_orth");
     decompose_s(s.ham);

@@ -24,26 +24,6 @@ std::vector<int> local_list(const pdist_type& pd) {
     return std::vector<int>(pd.l2g.begin(), pd.l2g.end());
 }
 
-TEST(PdistModule, WorkedExamplesOnTwoProcessors) {
-    for (int me = 0; me < 2; ++me) {
-        pdist_type bc, bl;
-        pdist_init(bc, 5, 2, 2, me, "bc");
-        pdist_init(bl, 5, 2, 2, me, "bl");
-        EXPECT_EQ(bc.method, "BC");
-        EXPECT_EQ(bl.method, "BL");
-        EXPECT_EQ(globals_of(bc, 0), (std::vector<int>{1, 2, 5}));
-        EXPECT_EQ(globals_of(bc, 1), (std::vector<int>{3, 4}));
-        EXPECT_EQ(globals_of(bl, 0), (std::vector<int>{1, 2, 3}));
-        EXPECT_EQ(globals_of(bl, 1), (std::vector<int>{4, 5}));
-        EXPECT_EQ(local_list(bc), me == 0 ? (std::vector<int>{1, 2, 5}) : (std::vector<int>{3, 4}));
-        EXPECT_EQ(bc.max_l_n, 3);
-        EXPECT_EQ(bc.g2l(5), me == 0 ? 3 : 0);
-        EXPECT_EQ(bc.pe_map(4), 1);
-        pdist_deallocate(bc);
-        pdist_deallocate(bl);
-    }
-}
-
 // For every size, block size and processor count, the columns of l2g_on_pe
 // partition 1..n and each processor's own maps agree with them.
 TEST(PdistModule, InvariantsHoldForManyShapes) {
@@ -134,21 +114,6 @@ TEST(MessageLayer, OneProcessLeavesDataAsTheyAre) {
     EXPECT_EQ(a(1, 2), 3.0);
     EXPECT_EQ(b(2, 1), -1.0);
     EXPECT_EQ(b(1, 2), 0.0);
-}
-
-TEST(MessageLayer, BlacsWorkspace) {
-    blacs_distr_type d;
-    init_blacs_distr(d, 10, 10, 3, 0);
-    EXPECT_EQ(d.n_blk_row, 3);
-    EXPECT_EQ(d.n_blk_col, 0);
-    allocate_work_arrays(d, "R");
-    EXPECT_EQ(d.lwork, 50);
-    EXPECT_EQ(d.lcwork, -1);
-    EXPECT_FALSE(d.cwork.allocated());
-    free_blacs_distr(d);
-    allocate_work_arrays(d, "c");
-    EXPECT_EQ(d.cwork.size(), 50u);
-    free_blacs_distr(d);
 }
 
 } // namespace

@@ -119,35 +119,6 @@ INSTANTIATE_TEST_SUITE_P(NoseAndLangevin, Thermostats,
                                            "ions_eom_algo = 1\nthermostat = 2\nfriction = 0.01\n",
                                            "ions_eom_algo = 2\nthermostat = 2\nfriction = 0.01\n"));
 
-// The same two seeds give the same Langevin trajectory to the last digit, other
-// seeds another one; with velocities given in the file none are drawn and the
-// noise still comes from the seeds.
-TEST_F(Dynamics, LangevinRunsAreReproducibleFromTheirSeeds) {
-    std::string vel = "velocities = cartesian\n";
-    for (int i = 1; i <= 8; ++i) vel += "0.001 0 -0.001\n";
-    for (int eom : {1, 2}) {
-        const std::string e = std::to_string(eom);
-        const std::string base = "n_steps = 15\nthermostat = 2\nfriction = 0.05\n"
-                                 "temperature = 500\nions_eom_algo = " +
-                                 e + "\n";
-        const std::pair<std::string, std::string> runs[] = {
-            {"a", "temperature_seed_1 = 1\ntemperature_seed_2 = 2\n"},
-            {"b", "temperature_seed_1 = 1\ntemperature_seed_2 = 2\n"},
-            {"c", "temperature_seed_1 = 1\ntemperature_seed_2 = 3\n"},
-            {"d", "veloc_start = 2\ntemperature_seed_1 = 4\n"},
-            {"f", "veloc_start = 2\ntemperature_seed_1 = 4\n"}};
-        for (const auto& [name, seeds] : runs)
-            ASSERT_EQ(si8(name + e, base + seeds, name >= "d" ? vel : "").status, 0);
-        auto text = [&](const std::string& name, const char* file) {
-            return read_text(dir / (name + e) / file);
-        };
-        EXPECT_EQ(text("a", "ENE"), text("b", "ENE"));
-        EXPECT_EQ(text("a", "POSCONT"), text("b", "POSCONT"));
-        EXPECT_NE(text("a", "ENE"), text("c", "ENE"));
-        EXPECT_EQ(text("d", "ENE"), text("f", "ENE"));
-    }
-}
-
 // The fourth number of a POS or VEL line (species, then x y z).
 double item(const std::string& line, int k) {
     std::istringstream in(line);

@@ -122,6 +122,34 @@ void gamma_point(kpt_type& kpt, double sigma) {
     kpt.sigma = sigma;
 }
 
+void electronic_records_init(electronic_records& r, model_system& s, double sigma, bool charges,
+                             int n_states) {
+    ions_type& ions = s.box.ions;
+    gamma_point(r.kpt, sigma);
+    scc_model_init(r.scc, ions, charges, false);
+    const int n_dim = s.ham.desc.n_row;
+    if (n_states == 0) n_states = sigma > 0.0 ? n_dim : static_cast<int>(r.scc.q_total) / 2;
+    eig_state_allocate(r.eig, n_dim, n_states, r.scc.q_total, 1, 1, s.model.non_orthogonal, 'V',
+                       r.kpt);
+    r.elec.eig = &r.eig;
+    r.elec.scc = &r.scc;
+    r.st.ions = &ions;
+    r.st.box = &s.box;
+    r.ea.scc_used = charges;
+    r.ea.scc_mixer = scc_mixer_broyden;
+    r.ea.charge_mixing = 0.2;
+    r.ea.energy_tol = 1e-13;
+    r.ea.charge_tol = 1e-11;
+    r.ea.max_iter = 400;
+    r.ea.min_iter = 1;
+    ions.qion.fill(0.0);
+}
+
+void electronic_records_free(electronic_records& r) {
+    eig_state_deallocate(r.eig);
+    scc_model_fine(r.scc);
+}
+
 double minus_central_difference(model_system& s, int i, int x, double h,
                                 const std::function<double()>& energy) {
     // The whole array is restored: a rebuild may wrap a displaced ion into the cell.

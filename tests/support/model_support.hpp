@@ -2,6 +2,7 @@
 // published sets, and a ready box, neighbour lists and hamiltonian.
 #pragma once
 
+#include "diag/electrons_module.hpp"
 #include "model/tb_hs_module.hpp"
 #include "neighbours/pbc_module.hpp"
 #include "system/kpt_module.hpp"
@@ -54,6 +55,23 @@ void build_system(model_system& s, const std::filesystem::path& dir, const std::
 void rebuild(model_system& s);
 // One k-point, Gamma, of weight 1, with the smearing sigma (eV).
 void gamma_point(lyrt::kpt_type& kpt, double sigma = 0.0);
+
+// The electronic records of a ground state of a model system, as a run sets them up.
+struct electronic_records {
+    lyrt::kpt_type kpt;
+    lyrt::eig_state_type eig;
+    lyrt::scc_type scc;
+    lyrt::elec_state_type elec;
+    lyrt::elec_algo_type ea;
+    lyrt::ions_state_type st;
+};
+// Gamma with smearing sigma; n_states states (0: half the electrons without smearing,
+// every basis function with it) for the neutral electron count; the charge record,
+// with the charge loop (multisecant mixer, tight tolerances, charges from zero)
+// when `charges`; the ion state on the system.
+void electronic_records_init(electronic_records& r, model_system& s, double sigma,
+                             bool charges = false, int n_states = 0);
+void electronic_records_free(electronic_records& r);
 // Minus the derivative of energy() by coordinate x of ion i, by central differences
 // of step h (Angstrom): energy() runs after each displaced geometry is rebuilt; the
 // positions are restored and rebuilt at the end.

@@ -189,64 +189,6 @@ TEST_F(PositionFiles, ContinuationFileRoundTrip) {
     EXPECT_EQ(lines[4], "positions = unit");
 }
 
-TEST_F(PositionFiles, RestartBlocksOfBothIntegrators) {
-    for (int eom : {eom_verlet, eom_velocity_verlet}) {
-        box_type box;
-        read(box, "number_of_ions = 2\na_1 = 4 0 0\na_2 = 0 4 0\na_3 = 0 0 4\n"
-                  "positions\n0.1 0.1 0.1\n0.6 0.5 0.4\n");
-        ions_type& ions = box.ions;
-        ions_state_type state;
-        state.ions = &ions;
-        state.box = &box;
-        i_algo_type i_algo;
-        i_algo.eom_algo = eom;
-        i_algo.n_steps = 10;
-        cell_roll(box.cell);
-        cell_roll(box.cell);
-        for (int t = 1; t <= 3; ++t)
-            for (int i = 1; i <= 2; ++i)
-                for (int k = 1; k <= 3; ++k) {
-                    ions.r_of_t(k, i, t) = 0.5 * k + 0.25 * i + 0.01 * t;
-                    ions.v_of_t(k, i, t) = 0.001 * (k - i) * t;
-                    ions.f_of_t(k, i, t) = 0.1 * (k + i) - 0.02 * t;
-                }
-        state.step = 42;
-        state.e_kin_ref = 1.25;
-        state.e_pot_ref = -7.5;
-        state.e_tot_ref = -6.25;
-        ions_save_state(state, i_algo, cont_unit, "POSCONT");
-        std::filesystem::copy_file(dir / "POSCONT", dir / "POSLYRT",
-                                   std::filesystem::copy_options::overwrite_existing);
-
-        box_type back;
-        ions_read_in(back, back.ions, "POSLYRT");
-        ions_state_type back_state;
-        back_state.ions = &back.ions;
-        back_state.box = &back;
-        ions_read_restart(i_algo, back_state, "POSLYRT");
-        EXPECT_EQ(back_state.step, 42);
-        EXPECT_EQ(back_state.e_pot_ref, -7.5);
-        const int levels = eom == eom_verlet ? 3 : 2;
-        for (int t = 1; t <= levels; ++t)
-            for (int i = 1; i <= 2; ++i)
-                for (int k = 1; k <= 3; ++k) {
-                    EXPECT_NEAR(back.ions.r_of_t(k, i, t), ions.r_of_t(k, i, t), 1e-14);
-                    if (eom == eom_velocity_verlet) {
-                        EXPECT_NEAR(back.ions.v_of_t(k, i, t), ions.v_of_t(k, i, t), 1e-16);
-                        EXPECT_NEAR(back.ions.f_of_t(k, i, t), ions.f_of_t(k, i, t), 1e-14);
-                    }
-                }
-        EXPECT_NEAR(back.ions.f_of_t(2, 1, 1), ions.f_of_t(2, 1, 1), 1e-14);
-        // A block that is missing stops the run.
-        lyrt_test::write_text(dir / "POSLYRT", "number_of_ions = 2\na_1 = 4 0 0\na_2 = 0 4 0\n"
-                                               "a_3 = 0 0 4\npositions\n0 0 0\n0.5 0.5 0.5\n"
-                                               "a_1_0 = 4 0 0\na_2_0 = 0 4 0\na_3_0 = 0 0 4\n");
-        EXPECT_THROW(ions_read_restart(i_algo, back_state, "POSLYRT"), fatal_stop);
-        io_reset();
-        open_units();
-    }
-}
-
 } // namespace
 
 namespace {} // namespace
