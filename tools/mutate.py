@@ -16,6 +16,7 @@ survived when the whole suite passes.  The copy is restored after each one.
     tools/mutate.py --list          the list, nothing run
     tools/mutate.py --rev 43dc1f6   the suite of an earlier commit (its tree
                                     from git, the list of this checkout)
+    tools/mutate.py --work DIR      the copy and its build in DIR
 """
 import argparse
 import os
@@ -28,6 +29,14 @@ ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 WORK = os.path.join(ROOT, "build", "mutate")
 TREE = os.path.join(WORK, "tree")
 BUILD = os.path.join(WORK, "build")
+
+
+def set_work(path):
+    """Another folder for the copy and its build, so that two runs can go side by side."""
+    global WORK, TREE, BUILD
+    WORK = os.path.abspath(path)
+    TREE = os.path.join(WORK, "tree")
+    BUILD = os.path.join(WORK, "build")
 # Cheap suites first, so that most killed mutations cost seconds.
 LABELS = ["base", "numerics", "parallel", "system", "neighbours", "model", "run",
           "dynamics", "orbital", "operators", "diag", "kpm", "python", "regression"]
@@ -133,7 +142,10 @@ def main():
     ap.add_argument("--jobs", type=int, default=2)
     ap.add_argument("--rev", default="", help="a commit whose tree and suite to mutate")
     ap.add_argument("--file", default=os.path.join(ROOT, "tools", "mutations.txt"))
+    ap.add_argument("--work", default="", help="folder of the copy and its build (build/mutate)")
     args = ap.parse_args()
+    if args.work:
+        set_work(args.work)
     muts = parse(args.file)
     if args.list:
         for i, m in enumerate(muts, 1):

@@ -80,31 +80,6 @@ TEST_F(ErrorModule, WarningWritesThreeRecordsAndReturns) {
     EXPECT_TRUE(unit_is_open(report_unit));
 }
 
-TEST_F(ErrorModule, TraceComparesFiveCharacters) {
-    trace_in("ions_allocate", "ions_module");
-    EXPECT_EQ(trace_depth(), 1);
-    EXPECT_EQ(trace_procedure(1), std::string("ions_allocate") + std::string(19, ' '));
-    trace_out("ions_init", "ions_module"); // "ions_" matches
-    EXPECT_EQ(trace_depth(), 0);
-
-    trace_in("box_init", "box_module");
-    try {
-        trace_out("pbc_calc_nn_lists", "pbc_module");
-        FAIL();
-    } catch (const fatal_stop& stop) {
-        EXPECT_EQ(stop.number, 1);
-        EXPECT_EQ(stop.procedure, "trace_out");
-        EXPECT_EQ(stop.module, "error_module");
-        EXPECT_EQ(stop.message.rfind("Error stack is corrupted Last p_name = box_init", 0), 0u);
-        EXPECT_NE(stop.message.find("Calling p_name = pbc_calc_nn_listsm_name = pbc_module"),
-                  std::string::npos);
-    }
-    auto err = read_lines(dir / "ERRLYRT");
-    bool found = false;
-    for (const auto& line : err) found = found || line == " pstr(1:com_name_len)  =  box_i";
-    EXPECT_TRUE(found);
-}
-
 // A routine that leaves early, normally or by a fatal stop, through the guard.
 int guarded_routine(int mode) {
     const trace_guard trace("guarded_routine", "test_module");

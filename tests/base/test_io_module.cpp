@@ -50,38 +50,6 @@ TEST_F(IoModule, SequentialRecordsRewindBackspaceAndTruncation) {
     EXPECT_EQ(read_text(dir / "seq.txt"), "one\ntwo\nTWO-AND-A-HALF\nfour\n");
 }
 
-TEST_F(IoModule, StatusAndPosition) {
-    EXPECT_NE(unit_open(31, "missing.txt", "old"), 0);
-    EXPECT_FALSE(unit_is_open(31));
-    ASSERT_EQ(unit_open(31, "data.txt", "replace"), 0);
-    unit_write(31, "first");
-    unit_close(31);
-    ASSERT_EQ(unit_open(31, "data.txt", "old", "append"), 0);
-    unit_write(31, "second");
-    unit_close(31);
-    EXPECT_EQ(read_text(dir / "data.txt"), "first\nsecond\n");
-    ASSERT_EQ(unit_open(31, "data.txt", "replace"), 0);
-    unit_close(31);
-    EXPECT_EQ(read_text(dir / "data.txt"), "");
-    // Windows line ends are not part of the records.
-    lyrt_test::write_text(dir / "crlf.txt", "x = 1\r\ny\r\n");
-    ASSERT_EQ(unit_open(35, "crlf.txt", "old"), 0);
-    std::string crlf;
-    ASSERT_EQ(unit_read(35, crlf), 0);
-    EXPECT_EQ(crlf, "x = 1");
-    unit_close(35);
-    // A last record without a line end still counts.
-    lyrt_test::write_text(dir / "tail.txt", "a\nb");
-    ASSERT_EQ(unit_open(32, "tail.txt", "old"), 0);
-    EXPECT_EQ(file_count_lines(32), 2);
-    EXPECT_EQ(file_count_lines(32), 2);
-    unit_close(32);
-    // An empty file has no records.
-    lyrt_test::write_text(dir / "empty.txt", "");
-    ASSERT_EQ(unit_open(33, "empty.txt", "old"), 0);
-    EXPECT_EQ(file_count_lines(33), 0);
-}
-
 TEST_F(IoModule, ReopenAppendsToReports) {
     open_units();
     unit_write(report_unit, "before");
@@ -116,24 +84,6 @@ TEST_F(IoModule, ProgramRunsOnKeywordFile) {
     EXPECT_EQ(std_out[2], " Leaving main_lyrt:main_lyrt on PE= 0");
     // The model is reported.
     EXPECT_NE(read_text(dir / "OUTLYRT").find("On-site terms parameters for Silicon-Silicon"),
-              std::string::npos);
-}
-
-// In an empty folder the positions stage stops the run with its message; the
-// report is closed and the timing lines of a normal end are absent.
-TEST_F(IoModule, ProgramStopsOnMissingInput) {
-    EXPECT_EQ(lyrt_test::run_lyrt_in(dir), 1);
-    auto err = read_lines(dir / "ERRLYRT");
-    ASSERT_GE(err.size(), 24u);
-    EXPECT_EQ(err[20].rfind(" FATAL ERROR No ", 0), 0u);
-    EXPECT_EQ(err[21], "Occured in procedure ions_read_file in module ions_module");
-    EXPECT_EQ(err[22], "        Problems opening file POSLYRT iostat=");
-    EXPECT_EQ(err[23], " ABORTING LYRT !");
-    EXPECT_EQ(read_lines(dir / "OUTLYRT").back(), " -- LYRT stopped with an error --");
-    EXPECT_TRUE(read_lines(dir / "timings").empty());
-    auto std_out = lyrt_test::read_text(dir / "stdout.txt");
-    EXPECT_NE(std_out.find("Calling stack :"), std::string::npos);
-    EXPECT_NE(std_out.find(" FATAL ERROR: Problems opening file POSLYRT iostat="),
               std::string::npos);
 }
 

@@ -112,28 +112,6 @@ TEST_F(KeywordReader, BadValuesGiveStatusFive) {
     EXPECT_EQ(status, kw_no_file);
 }
 
-TEST_F(KeywordReader, OccurrencesAndKeyPrefix) {
-    file("save = POS a\nother = 1\nsave = ENE b\nsave = VEL\n");
-    int status;
-    EXPECT_EQ(text("save", status), " POS a");
-    EXPECT_EQ(text("save", status, 2), " ENE b");
-    EXPECT_EQ(text("save", status, 3), " VEL");
-    text("save", status, 4);
-    EXPECT_EQ(status, kw_not_found);
-
-    // Type K matches by prefix and leaves the unit on the next record.
-    file("a_10 = 3\nnext line\na_1 = 1 0 0\n");
-    ASSERT_EQ(unit_open(41, "IN", "old"), 0);
-    int n;
-    get_keyword(false, "IN", 41, "a_1", '=', '!', ';', 'K', {}, n, 0, status);
-    EXPECT_EQ(status, kw_ok);
-    EXPECT_EQ(n, 1);
-    std::string rec;
-    ASSERT_EQ(unit_read(41, rec), 0);
-    EXPECT_EQ(rec, "next line");
-    unit_close(41);
-}
-
 TEST(Dlexlib, StripModesAndWords) {
     std::string s = "  ab  c   d  ";
     int len;

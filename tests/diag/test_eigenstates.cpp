@@ -141,40 +141,6 @@ TEST_F(Eigenstates, OccupationsFermiLevelAndGap) {
     EXPECT_THROW(eig_state_allocate(z, 0, 3, 6.0, 1, 1, false, 'N', kpt), fatal_stop);
 }
 
-TEST_F(Eigenstates, EigenvectorFileRoundTrip) {
-    kpt.sigma = 0.0;
-    eig_state_type a, b;
-    eig_state_allocate(a, 5, 3, 6.0, 1, 1, false, 'V', kpt);
-    for (int j = 1; j <= 3; ++j)
-        for (int r = 1; r <= 5; ++r) a.psi(r, j) = r * 0.1 + j;
-    eig_state_write(a, wfs_unit, "WFS");
-    EXPECT_EQ(std::filesystem::file_size(dir / "WFS"), 3u * 5u * 8u);
-    // Read back byte by byte: record j (n_dim doubles, no header) is column j of psi.
-    {
-        std::ifstream raw(dir / "WFS", std::ios::binary);
-        std::vector<double> file(15);
-        raw.read(reinterpret_cast<char*>(file.data()), 15 * sizeof(double));
-        ASSERT_TRUE(raw.good());
-        for (int j = 1; j <= 3; ++j)
-            for (int r = 1; r <= 5; ++r)
-                EXPECT_EQ(file[static_cast<std::size_t>((j - 1) * 5 + (r - 1))], r * 0.1 + j)
-                    << "record " << j << " element " << r;
-    }
-    eig_state_allocate(b, 5, 3, 6.0, 1, 1, false, 'V', kpt);
-    eig_state_read(b, wfs_unit, "WFS");
-    for (int j = 1; j <= 3; ++j)
-        for (int r = 1; r <= 5; ++r) EXPECT_EQ(b.psi(r, j), a.psi(r, j));
-    // A file of another order is refused.
-    eig_state_type c;
-    eig_state_allocate(c, 4, 3, 6.0, 1, 1, false, 'V', kpt);
-    try {
-        eig_state_read(c, wfs_unit, "WFS");
-        FAIL();
-    } catch (const fatal_stop& stop) {
-        EXPECT_EQ(stop.message, "record length in WFS not equal to # of dim");
-    }
-}
-
 // A model with the core-repulsion pair potential (letter 6 of the token): the pair
 // energy and its forces, and the model taken as purely classical.
 TEST_F(Eigenstates, PairPotentialEnergyAndForces) {

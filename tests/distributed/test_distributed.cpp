@@ -15,6 +15,7 @@
 #include "model_support.hpp"
 #include "numerics/random_module.hpp"
 #include "parallel/mpi_module.hpp"
+#include "run_support.hpp"
 #include "system/constants_module.hpp"
 #include "test_support.hpp"
 
@@ -28,33 +29,10 @@ namespace {
 using namespace lyrt;
 using namespace lyrt_test;
 
-std::string data_file(const std::string& name) {
-    return read_text(std::filesystem::path(LYRT_SOURCE_DIR) / "tests/data" / name);
-}
-
-// Diamond Si or fcc Cu, n x n x n cubic cells, every coordinate shifted by a fixed
-// pattern (all processes build the same cell).
+// Diamond Si (8-atom cells) or fcc (4) of n^3 cubic cells of edge a0, each ion moved
+// by up to amp a0 in a fixed pattern.
 std::string rattled(bool silicon, int n, double a0, double amp) {
-    const double si[8][3] = {{0, 0, 0},          {0, 0.5, 0.5},      {0.5, 0, 0.5},
-                             {0.5, 0.5, 0},      {0.25, 0.25, 0.25}, {0.25, 0.75, 0.75},
-                             {0.75, 0.25, 0.75}, {0.75, 0.75, 0.25}};
-    const int nb = silicon ? 8 : 4;
-    std::ostringstream f;
-    f.precision(12);
-    f << "number_of_ions = " << nb * n * n * n << "\na_1 = " << n * a0 << " 0 0\na_2 = 0 " << n * a0
-      << " 0\na_3 = 0 0 " << n * a0 << "\npositions\n";
-    int k = 0;
-    for (int x = 0; x < n; ++x)
-        for (int y = 0; y < n; ++y)
-            for (int z = 0; z < n; ++z)
-                for (int b = 0; b < nb; ++b, ++k) {
-                    const int c[3] = {x, y, z};
-                    for (int d = 0; d < 3; ++d)
-                        f << (d ? " " : "")
-                          << (c[d] + si[b][d]) / n + amp * std::sin(2.3 * k + 1.7 * d + 0.4) / n;
-                    f << "\n";
-                }
-    return f.str();
+    return poslyrt(cube(n * a0), shaken(silicon ? diamond(a0, n) : fcc(a0, n), amp * a0), 1);
 }
 
 // Largest |a - b| over the largest |a|: the relative difference of two results.
@@ -123,7 +101,7 @@ TEST_F(Distributed, MessageLayerCollectives) {
 TEST_F(Distributed, ModelReachesEveryProcessWhole) {
     model_system ref;
     mpi_use_self(true);
-    build_system(ref, dir, rattled(true, 1, 5.43, 0.01), data_file("Si.tbparam"));
+    build_system(ref, dir, rattled(true, 1, 5.43, 0.01), tbparam("Si"));
     mpi_use_self(false);
     std::vector<atomic_type> species = ref.box.ions.species;
     if (!i_am_master) species.assign(species.size(), atomic_type{});
@@ -192,9 +170,9 @@ TEST_F(Distributed, DensePathEqualsTheOneProcessPath) {
         bool charges;
     };
     const std::vector<sample> samples = {
-        {"Si64", rattled(true, 2, 5.43, 0.02), data_file("Si.tbparam"), 0.0, false},
-        {"Cu32", rattled(false, 2, 3.61, 0.02), data_file("Cu.tbparam"), 0.2, false},
-        {"Si64 charges", rattled(true, 2, 5.43, 0.03), data_file("Si_orth.tbparam"), 0.1, true},
+        {"Si64", rattled(true, 2, 5.43, 0.02), tbparam("Si"), 0.0, false},
+        {"Cu32", rattled(false, 2, 3.61, 0.02), tbparam("Cu"), 0.2, false},
+        {"Si64 charges", rattled(true, 2, 5.43, 0.03), tbparam("Si_orth"), 0.1, true},
     };
     for (const sample& c : samples) {
         mpi_use_self(true);
@@ -223,7 +201,7 @@ TEST_F(Distributed, DensePathEqualsTheOneProcessPath) {
 TEST_F(Distributed, PolynomialColumnsOverProcesses) {
     init_random(11, 17);
     model_system s;
-    build_system(s, dir, rattled(true, 2, 5.43, 0.02), data_file("Si_orth.tbparam"));
+    build_system(s, dir, rattled(true, 2, 5.43, 0.02), tbparam("Si_orth"));
     farray<double, 2> h, sm;
     dense(s, h, sm);
     const std::vector<double> w = symmetric_eigenvalues(h);

@@ -9,6 +9,7 @@
 #include "kpm/moments_module.hpp"
 #include "model_support.hpp"
 #include "numerics/random_module.hpp"
+#include "run_support.hpp"
 #include "system/constants_module.hpp"
 #include "test_support.hpp"
 
@@ -23,20 +24,9 @@ namespace {
 using namespace lyrt;
 using namespace lyrt_test;
 
-std::string data_file(const std::string& name) {
-    return read_text(std::filesystem::path(LYRT_SOURCE_DIR) / "tests/data" / name);
-}
-
-// Diamond Si (8-atom cell) or fcc Cu (4-atom cell) repeated n x n x n.
+// Diamond Si (8-atom cells) or fcc Cu (4) of n^3 cubic cells of edge a0.
 std::string crystal(bool silicon, int n, double a0) {
-    std::string p = silicon ? "number_of_ions = 8\n" : "number_of_ions = 4\n";
-    p += "unit_cell_grid = " + std::to_string(n) + " " + std::to_string(n) + " " +
-         std::to_string(n) + "\na0 = " + std::to_string(a0) +
-         "\na_1 = 1 0 0\na_2 = 0 1 0\na_3 = 0 0 1\npositions\n";
-    p += silicon ? "0 0 0\n0 0.5 0.5\n0.5 0 0.5\n0.5 0.5 0\n0.25 0.25 0.25\n0.25 0.75 0.75\n"
-                   "0.75 0.25 0.75\n0.75 0.75 0.25\n"
-                 : "0 0 0\n0 0.5 0.5\n0.5 0 0.5\n0.5 0.5 0\n";
-    return p;
+    return poslyrt(cube(n * a0), silicon ? diamond(a0, n) : fcc(a0, n), 1);
 }
 
 class Kpm : public lyrt_test::program_test {
@@ -49,10 +39,10 @@ class Kpm : public lyrt_test::program_test {
     }
     // Si 64 on the orthogonal silicon model, Cu 32 on the orthogonal copper model.
     void build_si64(model_system& s) {
-        build_system(s, dir, crystal(true, 2, 5.43), data_file("Si_orth.tbparam"));
+        build_system(s, dir, crystal(true, 2, 5.43), tbparam("Si_orth"));
     }
     void build_cu32(model_system& s) {
-        build_system(s, dir, crystal(false, 2, 3.25), data_file("Cu_orth.tbparam"));
+        build_system(s, dir, crystal(false, 2, 3.25), tbparam("Cu_orth"));
     }
     static std::vector<double> spectrum(model_system& s) {
         farray<double, 2> h, sm;
@@ -207,44 +197,6 @@ TEST_F(Kpm, LinearFormsEqualTheIntegralsAndTheirSlopes) {
     EXPECT_NEAR(n_slope, kpm_get_nelec_sf_dphi(phi, ks), 1e-9);
     kpm_calc_sd_coeff(phi, ks);
     EXPECT_NEAR(kpm_get_energy_c(ks), kpm_get_energy_sd(phi, ks), 1e-10);
-}
-
-// Damping factors: Jackson's start at 1 and fall towards 0; both kernels accept
-// either case; an unknown letter is refused.
-TEST_F(Kpm, KernelsAndTheirLetters) {
-    farray<double, 1> g, g_lower;
-    g.allocate({0}, {21});
-    g_lower.allocate({0}, {21});
-    calc_gibbs_factors('J', g, 20);
-    EXPECT_NEAR(g(0), 1.0, 1e-14);
-    for (int k = 1; k <= 20; ++k) EXPECT_LT(g(k), g(k - 1));
-    EXPECT_LT(g(20), 0.02);
-    EXPECT_EQ(g(21), 0.0);
-    calc_gibbs_factors('j', g_lower, 20);
-    for (int k = 0; k <= 20; ++k) EXPECT_EQ(g(k), g_lower(k));
-    calc_gibbs_factors('l', g, 20);
-    EXPECT_EQ(g(0), 1.0);
-    EXPECT_NEAR(g(1),
-                std::pow(std::sin(0.5 * std::numbers::pi / 21) / (0.5 * std::numbers::pi / 21), 3),
-                1e-15);
-    EXPECT_TRUE(kpm_kernel_known('L'));
-    EXPECT_FALSE(kpm_kernel_known('X'));
-    model_system s;
-    build_si64(s);
-    kpm_state_type ks;
-    kpm_state_alloc(ks, 10);
-    try {
-        kpm_state_init(ks, s.ham, 'X', 256, 256.0, false, 2, 0.0, 0.0);
-        FAIL() << "unknown kernel accepted";
-    } catch (const fatal_stop&) {
-    }
-    for (const int m : {0, 10000}) {
-        try {
-            kpm_state_alloc(ks, m);
-            FAIL() << m << " moments accepted";
-        } catch (const fatal_stop&) {
-        }
-    }
 }
 
 // Band energies approach twice the sum of the occupied eigenvalues as the

@@ -11,6 +11,7 @@
 #include "numerics/random_module.hpp"
 #include "orbital/min_module.hpp"
 #include "orbital/unconst_ftn_module.hpp"
+#include "run_support.hpp"
 #include "test_support.hpp"
 
 #include <cmath>
@@ -28,32 +29,10 @@ namespace {
 using namespace lyrt;
 using namespace lyrt_test;
 
-// Diamond silicon of n^3 cubic cells (a = 5.43), each ion moved by up to
-// `rattle` Angstrom in a fixed pseudo-random pattern; reduced coordinates.
+// Diamond silicon of n^3 cubic cells (a = 5.43), each ion moved by up to `rattle`
+// Angstrom in a fixed pattern.
 std::string diamond_si(int n, double rattle) {
-    const double basis[8][3] = {{0, 0, 0},          {0, 0.5, 0.5},      {0.5, 0, 0.5},
-                                {0.5, 0.5, 0},      {0.25, 0.25, 0.25}, {0.25, 0.75, 0.75},
-                                {0.75, 0.25, 0.75}, {0.75, 0.75, 0.25}};
-    const double a = 5.43;
-    std::ostringstream f;
-    f.precision(12);
-    f << "number_of_ions = " << 8 * n * n * n << "\n";
-    f << "a_1 = " << n * a << " 0 0\na_2 = 0 " << n * a << " 0\na_3 = 0 0 " << n * a
-      << "\npositions\n";
-    int k = 0;
-    for (int x = 0; x < n; ++x)
-        for (int y = 0; y < n; ++y)
-            for (int z = 0; z < n; ++z)
-                for (const auto& b : basis) {
-                    const int c[3] = {x, y, z};
-                    for (int d = 0; d < 3; ++d) {
-                        ++k;
-                        const double shift = rattle * std::sin(12.9898 * k + 78.233 * d);
-                        f << (c[d] + b[d] + shift / a) / n << " ";
-                    }
-                    f << "\n";
-                }
-    return f.str();
+    return poslyrt(cube(n * 5.43), shaken(diamond(5.43, n), rattle), 1);
 }
 
 std::string model_file(const std::string& name, const std::string& hubbard = "") {

@@ -97,23 +97,4 @@ TEST(PdistModule, GenerateKeepsBlocksWhole) {
     EXPECT_EQ(index_map(5), 60); // position 5 of map is global 6
 }
 
-TEST(MessageLayer, OneProcessLeavesDataAsTheyAre) {
-    init_mpi();
-    EXPECT_EQ(n_proc, 1);
-    EXPECT_EQ(my_proc, 0);
-    EXPECT_TRUE(i_am_master);
-    double x = 2.5;
-    gsum_real(x);
-    EXPECT_EQ(x, 2.5);
-    farray<double, 2> a, b;
-    a.allocate({1, 1}, {2, 2});
-    b.allocate({1, 1}, {2, 2});
-    a(1, 2) = 3.0;
-    b(2, 1) = -1.0;
-    sendrecv_real_mat(a, 0, b, 0);
-    EXPECT_EQ(a(1, 2), 3.0);
-    EXPECT_EQ(b(2, 1), -1.0);
-    EXPECT_EQ(b(1, 2), 0.0);
-}
-
 } // namespace
