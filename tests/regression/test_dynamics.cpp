@@ -185,28 +185,6 @@ TEST_F(Dynamics, FixedVelocitiesMoveTheIonsAlongThem) {
         }
 }
 
-// An ion that leaves the cell through a face is folded back in; the step of
-// position Verlet takes the minimum image of its last move, so neither its
-// velocity nor the total energy jumps.
-TEST_F(Dynamics, IonsCrossingACellFaceKeepTheirMotion) {
-    std::string vel = "velocities = cartesian\n-0.03 0.01 -0.02\n";
-    for (int i = 2; i <= 8; ++i) vel += "0 0 0\n";
-    for (int eom : {1, 2}) {
-        const std::string name = "eom" + std::to_string(eom);
-        ASSERT_EQ(
-            si8(name,
-                "n_steps = 12\nveloc_start = 2\nions_eom_algo = " + std::to_string(eom) + "\n", vel)
-                .status,
-            0);
-        const auto rows = read_ene(dir / name);
-        ASSERT_EQ(rows.size(), 13u);
-        for (std::size_t k = 2; k < rows.size(); ++k) {
-            EXPECT_LT(rows[k].e_kin, 2.0 * rows[0].e_kin) << name << " step " << k;
-            EXPECT_NEAR(rows[k].e_tot, rows[1].e_tot, 0.05) << name << " step " << k;
-        }
-    }
-}
-
 // n_steps = 1 is two ground states and one move; a run type without motion
 // reports the state read in, with no ground state at all.
 TEST_F(Dynamics, StepCountsAndTheRunWithoutMotion) {

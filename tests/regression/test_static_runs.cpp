@@ -34,6 +34,43 @@ TEST_F(StaticRuns, ForcesAreMinusTheEnergyGradient) {
                  tbparam("Cu"), 3);
 }
 
+// The direct dense assembly (code 3) fills dense H and S straight from the model
+// instead of from the blocks: the energy, forces and stress of code 2, for silicon
+// (on-site terms), smeared copper and silicon with charges.
+TEST_F(StaticRuns, DirectDenseAssemblyEqualsTheBlockPath) {
+    const std::string input = "calc_stress = T\n";
+    const struct {
+        const char* name;
+        std::string pos, input, param;
+    } cases[] = {
+        {"si", poslyrt(cube(5.431), shaken(diamond(5.431, 1), 0.08), 1), input, tbparam("Si")},
+        {"cu", poslyrt(cube(3.61), shaken(fcc(3.61, 1), 0.06), 1), input + "sigma = 0.1\n",
+         tbparam("Cu")},
+        {"si_u", poslyrt(cube(5.431), shaken(diamond(5.431, 1), 0.08), 1),
+         input + "scc_used = T\nsigma = 0.1\n", with_hubbard("Si", {4.0})},
+    };
+    for (const auto& c : cases) {
+        const std::string name = c.name;
+        const run_result blocks = run_case(dir / (name + "2"), c.pos, c.input, c.param);
+        const run_result direct =
+            run_case(dir / (name + "3"), c.pos, "elec_gs_algo = 3\n" + c.input, c.param);
+        ASSERT_EQ(blocks.status, 0) << name;
+        ASSERT_EQ(direct.status, 0) << name;
+        EXPECT_NEAR(direct.e_pot, blocks.e_pot, 1e-8) << name;
+        EXPECT_NEAR(last_value(direct.report, "  Pressure:"),
+                    last_value(blocks.report, "  Pressure:"), 1e-9)
+            << name;
+        ASSERT_EQ(direct.force.size(), blocks.force.size()) << name;
+        double largest = 0.0;
+        for (std::size_t i = 0; i < blocks.force.size(); ++i)
+            for (std::size_t k = 0; k < 3; ++k) {
+                EXPECT_NEAR(direct.force[i][k], blocks.force[i][k], 1e-7) << name << " ion " << i;
+                largest = std::max(largest, std::fabs(blocks.force[i][k]));
+            }
+        EXPECT_GT(largest, 0.05) << name;
+    }
+}
+
 // The pressure of the 216-atom silicon crystal: hydrostatic, zero at the minimum of
 // E(a), and with a bulk modulus from -V dP/dV equal to that of the curvature of E(V).
 TEST_F(StaticRuns, PressureAndBulkModulusAgreeWithTheEnergy) {
