@@ -1,4 +1,4 @@
-"""What the Python tests share: the program, the source tree, fresh folders."""
+"""What the Python tests share: the program, the source tree, a fresh folder a test."""
 import os
 import shutil
 import subprocess
@@ -12,8 +12,6 @@ DATA = os.path.join(SOURCE, "tests", "data")
 
 
 class FolderTest(unittest.TestCase):
-    """A test that works in a fresh temporary folder."""
-
     def setUp(self):
         self.dir = tempfile.mkdtemp(prefix="lyrt_py_")
 
@@ -23,8 +21,8 @@ class FolderTest(unittest.TestCase):
     def path(self, *names):
         return os.path.join(self.dir, *names)
 
-    def copy_example(self, name, files=("POSLYRT", "TBPARAM")):
-        for f in files:
+    def copy_example(self, name):  # its positions and model, not its keywords
+        for f in ("POSLYRT", "TBPARAM"):
             shutil.copy(os.path.join(SOURCE, "examples", name, f), self.dir)
 
     def run_lyrt(self):

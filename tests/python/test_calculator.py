@@ -1,7 +1,5 @@
-"""The ASE calculator against ASE's finite differences of the same calculator (Si 8
-non-orthogonal sp with on-site terms; strained Cu 4 with smearing, spd); POSLYRT from
-ASE through the program and back (species, frozen coordinates, velocities); the
-results read from a report."""
+"""The ASE calculator against ASE's finite differences of itself (Si 8; strained, smeared
+Cu 4); POSLYRT through the program and back; the results read from a report."""
 import os
 import shutil
 import unittest
@@ -22,13 +20,11 @@ class Calculator(FolderTest):
         atoms.calc = Lyrt(os.path.join(DATA, tbparam), command=LYRT,
                           directory=self.path(tbparam), **keywords)
         e, f, s = atoms.get_potential_energy(), atoms.get_forces(), atoms.get_stress()
-        self.assertEqual(atoms.get_potential_energy(force_consistent=True), e)
         fn = atoms.calc.calculate_numerical_forces(atoms, d=1e-3)
         sn = atoms.calc.calculate_numerical_stress(atoms, d=1e-5)
         self.assertLess(np.abs(fn - f).max(), 1e-4, (f, fn))
         self.assertLess(np.abs(sn - s).max(), 1e-4, (s, sn))
-        self.assertGreater(np.abs(f).max(), 0.05)  # the checks are not about zeros
-        self.assertGreater(np.abs(s[3:]).max(), 1e-3)
+        self.assertTrue(np.abs(f).max() > 0.05 and np.abs(s[3:]).max() > 1e-3)  # not zeros
 
     def test_silicon_and_smeared_copper(self):
         si = bulk("Si", "diamond", a=5.40, cubic=True)
@@ -53,8 +49,7 @@ class Calculator(FolderTest):
         atoms.set_cell(atoms.cell + [[0, 0.1, 0], [0, 0, 0], [0.05, 0, 0]], scale_atoms=True)
         atoms.set_velocities(np.random.default_rng(4).normal(0, 0.01, (8, 3)) * units.fs)
         atoms.set_constraint([FixAtoms(indices=[0]), FixCartesian(3, mask=[False, True, True])])
-        species = io.tbparam_species(os.path.join(DATA, "CuAu.tbparam"))
-        self.assertEqual(species, ["Cu", "Au"])
+        species = io.tbparam_species(os.path.join(DATA, "CuAu.tbparam"))  # ["Cu", "Au"]
         io.write_poslyrt(self.path("POSLYRT"), atoms, species)
         shutil.copy(os.path.join(DATA, "CuAu.tbparam"), self.path("TBPARAM"))
         io.write_inlyrt(self.path("INLYRT"), sigma=0.1, calc_stress=True)
@@ -70,7 +65,6 @@ class Calculator(FolderTest):
             self.assertTrue(frozen[0].all() and frozen[3].tolist() == [False, True, True])
             self.assertEqual(frozen.sum(), 5, name)
         r = io.read_results(self.dir)
-        self.assertEqual(r["forces"].shape, (8, 3))
         self.assertLess(np.abs(r["forces"].sum(axis=0)).max(), 1e-6)
         self.assertAlmostEqual(r["energy"], r["tight_binding_energy"] + r["repulsive_energy"],
                                places=8)
