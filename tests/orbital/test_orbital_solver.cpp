@@ -155,35 +155,16 @@ class OrbitalSolver : public lyrt_test::program_test {
     void against_dense(double e_orb, const farray<double, 1>& q_orb,
                        const farray<double, 2>& f_orb) {
         ions_type& ions = s.box.ions;
-        kpt_type kpt;
-        gamma_point(kpt);
-        eig_state_type eig;
-        eig_state_allocate(eig, s.ham.desc.n_row, n_occ, scc.q_total, 1, 1, s.model.non_orthogonal,
-                           'V', kpt);
-        scc_type charges;
-        scc_model_init(charges, ions, scc.used, false);
-        elec_state_type elec;
-        elec.eig = &eig;
-        elec.scc = &charges;
-        elec_algo_type dense_algo;
-        dense_algo.scc_used = scc.used;
-        dense_algo.scc_mixer = scc_mixer_broyden;
-        dense_algo.charge_mixing = 0.2;
-        dense_algo.energy_tol = 1e-13;
-        dense_algo.charge_tol = 1e-11;
-        ions_state_type st;
-        st.ions = &ions;
-        st.box = &s.box;
-        ions.qion.fill(0.0);
-        gs_calc(s.box, st, elec, dense_algo, s.ham, false);
-        EXPECT_NEAR(e_orb - s.ham.e_atoms, elec.e, 1e-7);
+        electronic_records d;
+        electronic_records_init(d, s, 0.0, scc.used);
+        gs_calc(s.box, d.st, d.elec, d.ea, s.ham, false);
+        EXPECT_NEAR(e_orb - s.ham.e_atoms, d.elec.e, 1e-7);
         for (long i = 1; scc.used && i <= q_orb.extent(0); ++i)
             EXPECT_NEAR(q_orb(i), ions.qion(i), 1e-7);
-        forces_calc(s.ham, ions, s.box, i_algo_type{}, elec, dense_algo);
+        forces_calc(s.ham, ions, s.box, i_algo_type{}, d.elec, d.ea);
         for (long i = 1; i <= f_orb.extent(1); ++i)
             for (int x = 1; x <= 3; ++x) EXPECT_NEAR(f_orb(x, i), ions.f(x, i), 1e-5);
-        scc_model_fine(charges);
-        eig_state_deallocate(eig);
+        electronic_records_free(d);
     }
     // The forces of the given ions against minus the central differences of the
     // re-minimised energy.
