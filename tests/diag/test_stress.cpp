@@ -188,31 +188,6 @@ TEST_F(StrainedSystem, StressWithThePairPotential) {
     EXPECT_GT(st.e_pair, 0.1); // the pair term takes part
 }
 
-// The unrolled kernels sum what the general loop sums.
-TEST_F(StrainedSystem, KernelsAgreeWithTheGeneralLoop) {
-    for (const char* name : {"Si", "Cu"}) {
-        model_system m;
-        build_system(m, dir, std::string(name) == "Si" ? si8_rattled : fcc4_rattled(3.6),
-                     one_species_file(read_species_set(name)));
-        const int n = m.ham.desc.n_dim, ns = n / 2;
-        farray<double, 2> psi_t;
-        psi_t.allocate({1, 1}, {ns, n});
-        std::vector<double> w(static_cast<std::size_t>(ns));
-        for (int j = 1; j <= ns; ++j) {
-            w[static_cast<std::size_t>(j - 1)] = 2.0 - 0.01 * j;
-            for (int r = 1; r <= n; ++r) psi_t(j, r) = std::sin(0.37 * j + 1.3 * r);
-        }
-        calc_hs_grad_real(m.ham, m.box.ions, m.box, "B", "O");
-        double a[3] = {0, 0, 0}, b[3] = {0, 0, 0};
-        stress_diag_r(m.ham, psi_t, w.data(), m.ham.dh_ab, &m.ham.dh_aa, 1.0, a);
-        stress_diag_r_general(m.ham, psi_t, w.data(), m.ham.dh_ab, &m.ham.dh_aa, 1.0, b);
-        for (int d = 0; d < 3; ++d) {
-            EXPECT_NEAR(a[d], b[d], 1e-10 * (1 + std::fabs(b[d]))) << name << " " << d;
-            EXPECT_NE(b[d], 0.0) << name;
-        }
-    }
-}
-
 // The blocks of the density matrix that the forces read, formed by rank-k updates
 // over the states with weight, equal sum_s w_s psi(a, s) psi(b, s) summed by hand,
 // with weights of both signs and some states without weight, in a two-species cell.

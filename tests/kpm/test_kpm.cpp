@@ -103,27 +103,6 @@ TEST_F(Kpm, MomentsOfAllRoutesAgreeWithTheSpectrum) {
     }
 }
 
-// The unrolled routes for 5 and 6 orbitals against the general one, on copper's
-// parameters cut down to those orbital sets.
-TEST_F(Kpm, FiveAndSixOrbitalRoutesAgreeWithTheGeneralOne) {
-    species_set cu = read_species_set("Cu");
-    for (const int count : {5, 6}) {
-        model_system s;
-        on_site_reset();
-        build_system(s, dir, crystal(false, 2, 3.25), one_species_file(cu, count, "ON00000"));
-        ASSERT_TRUE(s.model.same_orbitals);
-        const std::vector<double> w = spectrum(s);
-        kpm_state_type ks;
-        start(ks, s, 30, 0.0, w.front() - 1.0, w.back() + 1.0, 3);
-        scale_h_ab(s.ham, ks.e_min, ks.e_max, ks.a, ks.b, false);
-        calc_mu(s.ham, ks);
-        const farray<double, 1> general = ks.mu.copy();
-        count == 5 ? calc_mu_new_five(s.ham, ks) : calc_mu_new_six(s.ham, ks);
-        for (int k = 0; k <= 30; ++k) ASSERT_NEAR(ks.mu(k), general(k), 1e-9 * w.size()) << k;
-        kpm_state_dealloc(ks);
-    }
-}
-
 // The bounds bracket the dense spectrum closely enough that the ten per cent
 // margin holds it inside [-1, 1], and the search gives H back bit for bit.
 TEST_F(Kpm, BoundsBracketTheSpectrumAndLeaveHUnchanged) {

@@ -220,45 +220,6 @@ TEST_F(Neighbours, SingleSubBoxAndFolding) {
     EXPECT_EQ(grid_test_module(error_unit), 0);
 }
 
-// A cell whose edges and distances are exact in binary: a pair at exactly the
-// cut-off is no neighbour in the count, in the all-pairs lists and in the sub-box
-// search, also when the pair meets through a periodic image; a cut-off one unit in
-// the last place above makes it one.
-TEST_F(Neighbours, ExactCutOffInBinaryArithmetic) {
-    lyrt_test::write_text(dir / "POSLYRT", "number_of_ions = 3\na_1 = 8 0 0\na_2 = 0 8 0\n"
-                                           "a_3 = 0 0 8\npositions = cartesian\n"
-                                           "1 1 1\n3 1 1\n7 1 1\n");
-    // Distances: 1-2 is 2, 1-3 is 2 through the image, 2-3 is 4.
-    for (const double r_cut : {2.0, std::nextafter(2.0, 3.0)}) {
-        const int expected = r_cut == 2.0 ? 0 : 2;
-        box_type box;
-        ions_read_in(box, box.ions, "POSLYRT");
-        box_init(box, r_cut);
-        box_calc_ic_list(box);
-        box_init_sb_list(box);
-        box_ions_fill_sb(box);
-        int n = -1;
-        pbc_count_ion_nn(box, 1, n);
-        EXPECT_EQ(n, expected) << "r_cut " << r_cut;
-        pbc_calc_max_nn(box);
-        EXPECT_EQ(box.ions.max_n_nn, expected);
-        pbc_calc_nn_lists(box, 2);
-        EXPECT_EQ(ions_nn_list(box.ions, 1).n_nn, expected);
-        EXPECT_EQ(ions_nn_list(box.ions, 2).n_nn, expected / 2);
-        for (int i = 1; i <= 3; ++i) {
-            nn_list_type full, high;
-            nn_allocate(full, 2);
-            nn_allocate(high, 2);
-            nn_reset(full);
-            nn_reset(high);
-            for (const sub_box_type& sb : box.sb_list)
-                for (int m = 1; m <= sb.n_ions; ++m)
-                    if (sb.ions(m) == i) pbc_calc_sb_ion_nn_old(box, i, full, high, sb);
-            EXPECT_EQ(full.n_nn, ions_nn_list(box.ions, i).n_nn) << "sub-box search, ion " << i;
-        }
-    }
-}
-
 // The bound of the neighbour count is min(2 max_n_nn, n_ions - 1), and a count
 // above it stops the run.
 TEST_F(Neighbours, NeighbourCountBound) {

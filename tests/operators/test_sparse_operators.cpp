@@ -97,26 +97,4 @@ TEST_F(SparseOperators, KernelsAgreeWithTheGeneralForm) {
     }
 }
 
-TEST_F(SparseOperators, MixedOrbitalCountsUseTheGeneralForm) {
-    species_set cu = read_species_set("Cu"), si = read_species_set("Si");
-    model_system s;
-    build_system(s, dir,
-                 "number_of_ions = 2 2\na_1 = 5 0 0\na_2 = 0 5 0\na_3 = 0 0 5\npositions\n"
-                 "0 0 0\n0.5 0.5 0\n0.5 0 0.5\n0 0.5 0.5\n",
-                 two_species_file(cu, si, copy_cross(cu.h), copy_cross(cu.s)));
-    EXPECT_FALSE(s.model.same_orbitals);
-    const int n = s.ham.desc.n_row;
-    EXPECT_EQ(n, 2 * 9 + 2 * 4);
-    farray<double, 2> x, y, h, sm;
-    fill(x, n, 2);
-    y.allocate({1, 1}, {n, 2});
-    dense(s, h, sm);
-    s_psi_rmat(s.ham, x, y);
-    for (int i = 1; i <= n; ++i) {
-        double ref = 0.0;
-        for (int k = 1; k <= n; ++k) ref += sm(i, k) * x(k, 2);
-        EXPECT_NEAR(y(i, 2), ref, 1e-12);
-    }
-}
-
 } // namespace

@@ -145,38 +145,4 @@ TEST_F(OrbitalState, LineSearchEdgeCases) {
     EXPECT_NEAR(lambda, 0.5, 1e-9);
 }
 
-TEST_F(OrbitalState, ChangeOfBasis) {
-    build("Si_orth");
-    decompose_s(s.ham);
-    farray<double, 1> x, y;
-    x.allocate({1}, {32});
-    random_vec(std::span<double>(x.data(), 32));
-    y = x.copy();
-    change_basis(s.ham, y);
-    for (int i = 1; i <= 32; ++i) EXPECT_EQ(y(i), x(i));
-    // Non-orthogonal: S y = x, by the sparse product, and the two forms agree.
-    build("Si");
-    decompose_s(s.ham);
-    y = x.copy();
-    change_basis(s.ham, y);
-    farray<double, 1> sy;
-    sy.allocate({1}, {32});
-    s_psi_one(s.ham, y, sy);
-    for (int i = 1; i <= 32; ++i) EXPECT_NEAR(sy(i), x(i), 1e-10);
-    EXPECT_NEAR(overlap(s.ham, y, x), overlap(s.ham, x, y), 1e-12);
-    EXPECT_LT(test_change_basis(s.ham, stdout_unit), 1e-10);
-    // An overlap that is not positive definite: the neighbour blocks made five
-    // times larger.
-    const sparse_1d_matrix_desc_type& sd = s.ham.desc;
-    for (int i = 1; i <= 8; ++i)
-        for (long l = sd.ublock_offset(2, i); l <= s.ham.s_ab.extent(0); ++l)
-            s.ham.s_ab(l, i) *= 5.0;
-    try {
-        decompose_s(s.ham);
-        ADD_FAILURE() << "a singular overlap was factored";
-    } catch (const fatal_stop& e) {
-        EXPECT_NE(std::string(e.what()).find("error in Xpotrf info="), std::string::npos);
-    }
-}
-
 } // namespace

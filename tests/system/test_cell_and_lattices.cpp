@@ -115,30 +115,6 @@ TEST_F(Lattices, VolumesAndShapes) {
     EXPECT_NEAR(std::sqrt(dot(v1, v1)), 3.0, 1e-12);
 }
 
-TEST_F(Lattices, StrainsAndFailures) {
-    farray<double, 2> a;
-    double vol;
-    std::string echo;
-    // Six Voigt values: a cube of edge 1 strained by e1 = 0.1 and e6 = 0.2.
-    ASSERT_EQ(run("4\n1.0\n1\n0.1 0 0 0 0 0.2\n", a, vol, echo), 0);
-    EXPECT_NEAR(a(1, 1), 1.1, 1e-15);
-    EXPECT_NEAR(a(1, 2), 0.1, 1e-15);
-    EXPECT_NEAR(a(2, 1), 0.1, 1e-15);
-    // The volume-conserving presets keep the volume.
-    for (const char* preset : {"2\n0.03\n", "3\n0.05\n", "4\n0.02\n", "21\n0.04\n"}) {
-        ASSERT_EQ(run(std::string("4\n2.0\n") + preset, a, vol, echo), 0) << preset;
-        EXPECT_NEAR(vol, 8.0, 1e-12) << preset;
-    }
-    EXPECT_NE(run("99\n1.0\n0\n", a, vol, echo), 0);
-    EXPECT_NE(echo.find("Unknown lattice type"), std::string::npos);
-    EXPECT_NE(run("4\nxyz\n0\n", a, vol, echo), 0);
-    EXPECT_NE(echo.find("setlat:  error in lattice parameter input"), std::string::npos);
-    EXPECT_NE(run("4\n1.0\n7\n0.1\n", a, vol, echo), 0);
-    EXPECT_NE(echo.find("Unknown strain type"), std::string::npos);
-    EXPECT_NE(run("abc\n", a, vol, echo), 0);
-    EXPECT_NE(echo.find("setlat:  error in latnum input"), std::string::npos);
-}
-
 TEST(Kpoints, GammaPointOnly) {
     kpt_type kpt;
     farray<double, 2> b;
