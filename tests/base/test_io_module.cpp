@@ -1,4 +1,4 @@
-// File units, the report header and the run of the bare program.
+// File units: reopened reports, directories, and the run of the bare program.
 #include "base/io_module.hpp"
 #include "base/timing_module.hpp"
 #include "test_support.hpp"
@@ -22,33 +22,6 @@ class IoModule : public ::testing::Test {
     void TearDown() override { io_reset(); }
     std::filesystem::path dir;
 };
-
-TEST_F(IoModule, SequentialRecordsRewindBackspaceAndTruncation) {
-    ASSERT_EQ(unit_open(30, "seq.txt", "replace"), 0);
-    for (const char* r : {"one", "two", "three"}) unit_write(30, r);
-    EXPECT_EQ(file_count_lines(30), 3);
-    // file_count_lines leaves the unit rewound.
-    std::string rec;
-    ASSERT_EQ(unit_read(30, rec), 0);
-    EXPECT_EQ(rec, "one");
-    ASSERT_EQ(unit_read(30, rec), 0);
-    unit_backspace(30);
-    ASSERT_EQ(unit_read(30, rec), 0);
-    EXPECT_EQ(rec, "two");
-    // A write after the second record makes it the last one.
-    unit_write(30, "TWO-AND-A-HALF");
-    unit_close(30);
-    EXPECT_EQ(read_text(dir / "seq.txt"), "one\ntwo\nTWO-AND-A-HALF\n");
-
-    // Reading to the end and backspacing leaves the position at the end.
-    ASSERT_EQ(unit_open(30, "seq.txt", "old"), 0);
-    while (unit_read(30, rec) == 0) {
-    }
-    unit_backspace(30);
-    unit_write(30, "four");
-    unit_close(30);
-    EXPECT_EQ(read_text(dir / "seq.txt"), "one\ntwo\nTWO-AND-A-HALF\nfour\n");
-}
 
 TEST_F(IoModule, ReopenAppendsToReports) {
     open_units();

@@ -61,16 +61,6 @@ TEST_F(LineMin, CubicsFindTheirMinimum) {
     EXPECT_NE(err.find("minum_cubic : Cannot find extremas !"), std::string::npos);
 }
 
-TEST_F(LineMin, HornerValuesAndSlopes) {
-    const std::vector<double> c = {2.0, -1.0, 0.5, 0.25}; // 2 - x + x^2/2 + x^3/4
-    double f = 0, df = 0;
-    poly_and_der(2.0, c, f, df);
-    EXPECT_DOUBLE_EQ(f, 2.0 - 2.0 + 2.0 + 2.0);
-    EXPECT_DOUBLE_EQ(df, -1.0 + 2.0 + 3.0);
-    EXPECT_DOUBLE_EQ(poly(2.0, c), f);
-    EXPECT_DOUBLE_EQ(poly_der(2.0, c), df);
-}
-
 // A quartic whose derivative has three real zeros: the closed form finds them.
 TEST_F(LineMin, ClosedFormStationaryPointsOfAQuartic) {
     // E' = 4 (l - 0.5)(l - 1.5)(l + 2) for E = l^4 - 6.5 l^2 + 6 l + 0.3.

@@ -44,21 +44,6 @@ TEST(Polynomials, FitRecoversAnExactCubicAtTinySteps) {
     EXPECT_GT(chi_noisy, 1e-13);
 }
 
-TEST(Polynomials, EvaluationAndDerivatives) {
-    const std::vector<double> c = {1.0, -2.0, 0.5, 3.0}; // 1 - 2x + x^2/2 + 3x^3
-    EXPECT_DOUBLE_EQ(evalpoly(2.0, c), 1.0 - 4.0 + 2.0 + 24.0);
-    EXPECT_EQ(evalpoly_c({0.0, 1.0}, c), std::complex<double>(1.0 - 0.5, -2.0 - 3.0));
-    std::vector<double> d;
-    derivatepoly(c, d);
-    EXPECT_EQ(d, (std::vector<double>{-2.0, 1.0, 9.0}));
-    derivatepoly(std::vector<double>{4.0}, d);
-    EXPECT_TRUE(d.empty());
-    // Too few points for the degree is refused.
-    const double x[3] = {0, 1, 2}, y[3] = {0, 1, 4};
-    std::vector<double> f, d1, d2;
-    EXPECT_THROW(fitpoly(3, x, y, 4, f, d1, d2), fatal_stop);
-}
-
 // Zeros of products of known factors, real and complex.
 TEST(Polynomials, ZerosOfKnownFactors) {
     const double eps = 2.220446049250313e-16, big = 1.7976931348623157e+308,

@@ -1,5 +1,4 @@
-// The orbital state: its starts, its file, its steps; the line search's edge
-// cases; the change of basis of a non-orthogonal model.
+// The orbital state: its steps and the line search's edge cases.
 #include "base/error_module.hpp"
 #include "base/io_module.hpp"
 #include "model_support.hpp"
@@ -35,42 +34,6 @@ class OrbitalState : public lyrt_test::program_test {
     model_system s;
     cg_state_type cg;
 };
-
-TEST_F(OrbitalState, StartsAndTheirShapes) {
-    build("Si");
-    // Start 4 with an odd count: pairs of orthonormal hybrids, the last orbital zero.
-    cg_state_allocate(cg, s.ham, 7, 0.0, -1, 4);
-    farray<double, 2> sdm;
-    sdm.allocate({1, 1}, {7, 7});
-    calc_dm_aa(cg, cg.psi, sdm);
-    for (int i = 1; i <= 6; ++i)
-        for (int j = 1; j <= 6; ++j) EXPECT_DOUBLE_EQ(sdm(i, j), i == j ? 1.0 : 0.0);
-    for (int r = 1; r <= 32; ++r) EXPECT_EQ(cg.psi(r, 7), 0.0);
-    // Start 3: the first orbital of ion j in column j.
-    cg_state_allocate(cg, s.ham, 5, 0.0, -1, 3);
-    for (int j = 1; j <= 5; ++j) {
-        double norm = 0.0;
-        for (int r = 1; r <= 32; ++r) norm += cg.psi(r, j) * cg.psi(r, j);
-        EXPECT_EQ(norm, 1.0);
-        EXPECT_EQ(cg.psi(4 * j - 3, j), 1.0);
-    }
-    // Start 0: random columns of unit length with zero mean elements.
-    init_random(3, 4);
-    cg_state_allocate(cg, s.ham, 16, 0.0, -1, 0);
-    double mean = 0.0;
-    for (int j = 1; j <= 16; ++j) {
-        double norm = 0.0;
-        for (int r = 1; r <= 32; ++r) {
-            norm += cg.psi(r, j) * cg.psi(r, j);
-            mean += cg.psi(r, j);
-        }
-        EXPECT_NEAR(norm, 1.0, 1e-14);
-    }
-    EXPECT_LT(std::fabs(mean) / (16 * 32), 0.05);
-    // Start 1: nothing is set, the orbitals will be read.
-    cg_state_allocate(cg, s.ham, 16, 0.0, -1, 1);
-    for (const double v : cg.psi) EXPECT_EQ(v, 0.0);
-}
 
 TEST_F(OrbitalState, StepsOfTheState) {
     build("Si_orth");

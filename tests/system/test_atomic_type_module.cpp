@@ -1,4 +1,4 @@
-// The periodic table against standard data.
+// The periodic table: symbols, masses, names, and the elements it refuses.
 #include "base/error_module.hpp"
 #include "base/io_module.hpp"
 #include "system/atomic_type_module.hpp"
@@ -38,13 +38,6 @@ TEST(AtomicType, FElectronsStop) {
     }
     EXPECT_THROW(atomic_type_init_mass(t, 300.0), fatal_stop);
     EXPECT_THROW(atomic_type_init_sym(t, "Xx"), fatal_stop); // unknown symbol falls on 105
-}
-
-TEST(Constants, InverseMultiplesOfPi) {
-    constants_init();
-    EXPECT_EQ(inv_n_pi.size(), 10000u);
-    EXPECT_DOUBLE_EQ(inv_n_pi(1), 1.0 / std::numbers::pi);
-    EXPECT_DOUBLE_EQ(inv_n_pi(10000) * 10000.0 * std::numbers::pi, 1.0);
 }
 
 } // namespace
