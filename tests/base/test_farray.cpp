@@ -1,4 +1,4 @@
-// The column-major array: layout, bounds, views and moves.
+// The column-major array: layout with lower bounds, and the bounds check.
 #include "base/farray.hpp"
 
 #include <cstdint>
@@ -21,30 +21,6 @@ TEST(Farray, ColumnMajorWithLowerBounds) {
             for (long i1 = 1; i1 <= 3; ++i1) a(i1, i2, i3) = k++;
     // The first index runs fastest through memory.
     for (std::size_t p = 0; p < a.size(); ++p) EXPECT_EQ(a.data()[p], static_cast<double>(p));
-}
-
-TEST(Farray, SliceOfHistoryIsAView) {
-    farray<double, 3> r_of_t;
-    ASSERT_TRUE(r_of_t.allocate({1, 1, 1}, {3, 4, 3}));
-    farray<double, 2> r = r_of_t.slice_last(2);
-    EXPECT_FALSE(r.owner());
-    r(3, 4) = 7.0;
-    EXPECT_EQ(r_of_t(3, 4, 2), 7.0);
-    EXPECT_EQ(r_of_t(3, 4, 1), 0.0);
-    farray<double, 3> copy = r_of_t.copy();
-    copy(3, 4, 2) = 1.0;
-    EXPECT_EQ(r_of_t(3, 4, 2), 7.0);
-    farray<double, 3> moved = std::move(r_of_t);
-    EXPECT_FALSE(r_of_t.allocated());
-    EXPECT_EQ(moved(3, 4, 2), 7.0);
-}
-
-TEST(Farray, ZeroExtentIsAllocatedAndEmpty) {
-    farray<int, 2> a;
-    ASSERT_TRUE(a.allocate({1, 1}, {0, 5}));
-    EXPECT_TRUE(a.allocated());
-    EXPECT_EQ(a.size(), 0u);
-    EXPECT_EQ(a.extent(0), 0);
 }
 
 #ifdef LYRT_BOUNDS_CHECK

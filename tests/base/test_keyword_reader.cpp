@@ -74,16 +74,6 @@ TEST_F(KeywordReader, ContinuationJoinsRecords) {
     EXPECT_EQ(text("name", status), " firstsecond");
 }
 
-TEST_F(KeywordReader, KeywordMatchIgnoresBlanksAndCase) {
-    file("Number _ Of_Ions = 3\nnumber_of_ions_x = 9\n");
-    int status;
-    EXPECT_EQ(ints("number_of_ions", status), std::vector<int>{3});
-    EXPECT_EQ(ints("NUMBER_OF_IONS_X", status), std::vector<int>{9});
-    // Values keep their case.
-    file("name = MiXeD\n");
-    EXPECT_EQ(text("NAME", status), " MiXeD");
-}
-
 TEST_F(KeywordReader, RepeatsExponentsAndCommas) {
     file("v = 3*2.5 1.0\nd = 1.5d2, -2Q-1,3E1\nn = 2*4 7\n");
     int status;

@@ -27,23 +27,11 @@ const char* si8_distorted =
 // Random CuAu: 16 sites of 2 x 2 x 1 fcc cells (a = 3.9), species and shifts from a
 // fixed pattern.
 std::string cuau16() {
-    const double fcc[4][3] = {{0, 0, 0}, {0, 0.5, 0.5}, {0.5, 0, 0.5}, {0.5, 0.5, 0}};
+    std::vector<atom> sites = shaken(fcc(3.9, 2), 0.03);
+    sites.resize(16); // the first 2 x 2 x 1 cells
     const int species[16] = {1, 2, 2, 1, 1, 1, 2, 1, 2, 1, 1, 2, 2, 2, 1, 1};
-    std::ostringstream f;
-    f.precision(12);
-    f << "number_of_ions = 9 7\na_1 = 7.8 0 0\na_2 = 0 7.8 0\na_3 = 0 0 3.9\npositions\n";
-    int n = 0;
-    for (int x = 0; x < 2; ++x)
-        for (int y = 0; y < 2; ++y)
-            for (const auto& b : fcc) {
-                const double r[3] = {(x + b[0]) / 2, (y + b[1]) / 2, b[2]};
-                f << species[n];
-                for (int d = 0; d < 3; ++d)
-                    f << " " << r[d] + 0.008 * std::sin(3.7 * n + 1.9 * d + 0.3);
-                f << "\n";
-                ++n;
-            }
-    return f.str();
+    for (int n = 0; n < 16; ++n) sites[static_cast<std::size_t>(n)].species = species[n];
+    return poslyrt({{{7.8, 0, 0}, {0, 7.8, 0}, {0, 0, 3.9}}}, sites, 2);
 }
 
 class Charges : public lyrt_test::program_test, public electronic_records {

@@ -124,10 +124,6 @@ TEST_F(Electrons, ChargeSelfConsistency) {
     EXPECT_NE(read_text(dir / "one" / "OUTLYRT").find("largest charge change"), std::string::npos);
 }
 
-} // namespace
-
-namespace {
-
 // The orbital solver codes can't run through the ground-state door yet: the run
 // ends with the required line.
 TEST(SolverCodes, OrbitalCodesStop) {
@@ -151,35 +147,10 @@ TEST(SolverCodes, OrbitalCodesStop) {
               std::string::npos);
 }
 
-} // namespace
-
-namespace {
-
-// A run type with steps but without its loop here goes straight to the final
-// report, which shows the state read in; its data files are started.
-TEST(RunModes, StepsWithoutTheirLoopGiveTheFinalReport) {
-    const auto dir = lyrt_test::fresh_dir("no_loop");
-    const auto src = std::filesystem::path(LYRT_SOURCE_DIR) / "examples/si8";
-    const run_result r = run_case(dir, read_text(src / "POSLYRT"), "n_steps = 3\nionic_algo = 2\n",
-                                  read_text(src / "TBPARAM"));
-    ASSERT_EQ(r.status, 0);
-    EXPECT_NE(r.report.find("FINAL CONFIGURATION"), std::string::npos);
-    EXPECT_NE(r.report.find("   ionic positions will be relaxed using sd"), std::string::npos);
-    const auto ene = read_lines(dir / "ENE");
-    ASSERT_FALSE(ene.empty());
-    EXPECT_EQ(ene[0], "#Step  Epot ions (eV)     Max force (eV)");
-    EXPECT_TRUE(std::filesystem::exists(dir / "POSCONT"));
-}
-
-} // namespace
-
-namespace {
-
 // Without smearing, states computed beyond the filled ones are empty: the energy
 // and the forces are those of the filled states alone, and the first empty state
 // gives the gap.
 TEST(Occupations, ExtraStatesWithoutSmearingStayEmpty) {
-    using namespace lyrt_test;
     const auto dir = fresh_dir("extra_states");
     const std::string pos = poslyrt(cube(5.431), shaken(diamond(5.431, 1), 0.05), 1);
     const run_result plain = run_case(dir / "plain", pos, "", tbparam("Si"));

@@ -22,43 +22,41 @@ class SelfTests : public ::testing::Test {
     std::filesystem::path dir;
 };
 
-TEST_F(SelfTests, ForceTestPassesForSiliconCopperAndAMixedCell) {
-    const std::string input = "ions_algo = 4\nn_steps = 7\ndt = 0.01\n";
-    const auto si = run_case(dir / "si", poslyrt(cube(5.431), shaken(diamond(5.431, 1), 0.05), 1),
-                             input, tbparam("Si"));
-    ASSERT_EQ(si.status, 0);
-    EXPECT_EQ(verdict(dir / "si" / "test_forces.log"), " Test PASSED ");
-    const auto cu = run_case(dir / "cu", poslyrt(cube(3.61), shaken(fcc(3.61, 1), 0.04), 1),
-                             input + "sigma = 0.1\n", tbparam("Cu"));
-    ASSERT_EQ(cu.status, 0);
-    EXPECT_EQ(verdict(dir / "cu" / "test_forces.log"), " Test PASSED ");
+// Forces (ions_algo 4) and stress (5) of silicon, smeared copper and Cu3Au. With
+// smearing the Fermi level's tolerance leaves noise in each strained energy, which
+// the stress verdict may call OK rather than PASSED.
+TEST_F(SelfTests, VerdictsOnModelsWhoseDerivativesAreRight) {
     const auto ref = std::filesystem::path(LYRT_SOURCE_DIR) / "tests/data/reference/cu3au_rattled";
-    const auto mixed = run_case(dir / "cu3au", read_text(ref / "POSLYRT"), input + "sigma = 0.1\n",
-                                read_text(ref / "TBPARAM"));
-    ASSERT_EQ(mixed.status, 0);
-    EXPECT_EQ(verdict(dir / "cu3au" / "test_forces.log"), " Test PASSED ");
-    // Too few points for a fit of degree 4 are refused.
-    const auto few = run_case(dir / "few", poslyrt(cube(5.431), diamond(5.431, 1), 1),
-                              "ions_algo = 4\nn_steps = 5\ndt = 0.01\n", tbparam("Si"));
-    EXPECT_EQ(few.status, 1);
-}
-
-TEST_F(SelfTests, StressTestPassesAndGivesTheCellBack) {
-    const std::string input = "ions_algo = 5\nn_steps = 3\ndt = 0.002\n";
-    const auto si = run_case(dir / "si", poslyrt(cube(5.40), shaken(diamond(5.40, 1), 0.04), 1),
-                             input, tbparam("Si"));
-    ASSERT_EQ(si.status, 0);
-    EXPECT_EQ(verdict(dir / "si" / "test_stress.log"), " Test PASSED ");
-    // The continuation file holds the cell of the start, not the last strain.
-    const auto lines = read_lines(dir / "si" / "POSCONT");
+    const std::string si = poslyrt(cube(5.40), shaken(diamond(5.40, 1), 0.04), 1);
+    const std::string cu = poslyrt(cube(3.61), shaken(fcc(3.61, 1), 0.04), 1);
+    const struct {
+        const char *name, *log;
+        std::string pos, input, param;
+    } cases[] = {
+        {"si_f", "test_forces.log", si, "ions_algo = 4\nn_steps = 7\ndt = 0.01\n", tbparam("Si")},
+        {"cu_f", "test_forces.log", cu, "ions_algo = 4\nn_steps = 7\ndt = 0.01\nsigma = 0.1\n",
+         tbparam("Cu")},
+        {"cu3au_f", "test_forces.log", read_text(ref / "POSLYRT"),
+         "ions_algo = 4\nn_steps = 7\ndt = 0.01\nsigma = 0.1\n", read_text(ref / "TBPARAM")},
+        {"si_s", "test_stress.log", si, "ions_algo = 5\nn_steps = 3\ndt = 0.002\n", tbparam("Si")},
+        {"cu_s", "test_stress.log", poslyrt(cube(3.61), shaken(fcc(3.61, 1), 0.03), 1),
+         "ions_algo = 5\nn_steps = 3\ndt = 0.002\nsigma = 0.1\n", tbparam("Cu")},
+    };
+    for (const auto& c : cases) {
+        ASSERT_EQ(run_case(dir / c.name, c.pos, c.input, c.param).status, 0) << c.name;
+        const std::string v = verdict(dir / c.name / c.log);
+        EXPECT_TRUE(v == " Test PASSED " ||
+                    (std::string(c.name) == "cu_s" && v == " Test OK, check Chi^2 for each atom "))
+            << c.name << ": " << v;
+    }
+    // The stress test leaves the cell of the start in POSCONT, not the last strain.
+    const auto lines = read_lines(dir / "si_s" / "POSCONT");
     ASSERT_FALSE(lines.empty());
     EXPECT_NEAR(std::stod(lines[0].substr(5)), 5.40, 1e-12);
-    // Smeared copper: the Fermi level's tolerance leaves noise in each energy.
-    const auto cu = run_case(dir / "cu", poslyrt(cube(3.61), shaken(fcc(3.61, 1), 0.03), 1),
-                             input + "sigma = 0.1\n", tbparam("Cu"));
-    ASSERT_EQ(cu.status, 0);
-    const std::string v = verdict(dir / "cu" / "test_stress.log");
-    EXPECT_TRUE(v == " Test PASSED " || v == " Test OK, check Chi^2 for each atom ") << v;
+    // Too few points for a fit of degree 4 are refused.
+    EXPECT_EQ(
+        run_case(dir / "few", si, "ions_algo = 4\nn_steps = 5\ndt = 0.01\n", tbparam("Si")).status,
+        1);
 }
 
 } // namespace

@@ -2,10 +2,8 @@
 #include "base/error_module.hpp"
 #include "base/io_module.hpp"
 #include "system/atomic_type_module.hpp"
-#include "system/constants_module.hpp"
 
 #include <gtest/gtest.h>
-#include <numbers>
 
 namespace {
 
