@@ -94,25 +94,124 @@ struct charge_mixer {
 
 } // namespace
 
+namespace {
+
+// The hint that a failing overlap factorisation gives: the closest pair of ions.
+void set_overlap_hint(eig_state_type& eig, const box_type& box) {
+    int i_min, j_min;
+    double d_min;
+    pbc_min_dist_pair(box, i_min, j_min, d_min);
+    eig.d.failure_hint.clear();
+    if (i_min > 0)
+        eig.d.failure_hint = "ions may be too close: the closest pair, ions " +
+                             std::to_string(i_min) + " and " + std::to_string(j_min) + ", is " +
+                             format_items("(F8.4)", {d_min}) + " Angstrom apart";
+}
+
+// The levels (and states) of k-point k: H and S filled (from the blocks, rebuilt on
+// the first pass; or straight from the model), then the dense or distributed solver.
+void solve_point(hamiltonian_type& ham, ions_type& ions, const box_type& box, eig_state_type& eig,
+                 const scc_type* scc_arg, int k, bool first_pass, bool direct, bool vectors,
+                 bool projections) {
+    const int n_dim = eig.n_dim, n_states = eig.n_states, n_kpt = eig.kpt->n_k;
+    const bool non_orth = ham.tb_model->non_orthogonal;
+    farray<double, 2>* s_arg = non_orth ? &eig.s_ij : nullptr;
+    if (eig_distributed(eig)) {
+        if (n_kpt > 1 || first_pass) calc_hs_real(ham, ions, box);
+        get_hs_ij_dist(ham, eig, scc_arg);
+        check_finite(eig.h_loc, "the Hamiltonian");
+        if (non_orth) check_finite(eig.s_loc, "the overlap");
+        pdiag_solve(eig, non_orth, vectors, n_states);
+        if (non_orth && projections) pdiag_form_s_z(ham, eig);
+        for (int i = 1; i <= n_states; ++i) eig.en_i(i, k) = eig.ework(i);
+        eig_set_psi(eig, k);
+        return;
+    }
+    if (direct) {
+        calc_hs_ij_real(ham, ions, box, scc_arg, &eig.h_ij, s_arg);
+    } else {
+        if (n_kpt > 1 || first_pass) calc_hs_real(ham, ions, box);
+        get_hs_ij_real(ham, &eig.h_ij, s_arg, scc_arg);
+    }
+    if (debug > 2) debug_print_hs();
+    check_finite(eig.h_ij, "the Hamiltonian");
+    if (non_orth) check_finite(eig.s_ij, "the overlap");
+    if (vectors && non_orth)
+        calc_gen_eigen_vectors_real(eig.h_ij, eig.s_ij, n_dim, eig.ework, eig.x, eig.d);
+    else if (vectors)
+        calc_eigen_vectors_real(eig.h_ij, n_dim, eig.ework, eig.x, eig.d);
+    else if (non_orth)
+        calc_gen_eigen_values_real(eig.h_ij, eig.s_ij, n_dim, eig.ework, eig.d);
+    else
+        calc_eigen_values_real(eig.h_ij, n_dim, eig.ework, eig.d);
+    for (int i = 1; i <= n_states; ++i) eig.en_i(i, k) = eig.ework(i);
+    eig_set_psi(eig, k);
+    if (vectors) {
+        for (int j = 1; j <= n_states; ++j)
+            for (int r = 1; r <= n_dim; ++r) eig.psi(r, j) = eig.x(r, j);
+        if (eig.n_psi < n_kpt) eig_state_write_psi_k(eig, k, wfs_unit, "WFS", true);
+    }
+}
+
+// The occupied states projected on the ions, summed over the k-points: Mulliken
+// charges and band energies per ion (into the charge record in the charge loop).
+void project_on_ions(hamiltonian_type& ham, ions_type& ions, eig_state_type& eig, scc_type& scc,
+                     bool scc_used, bool calc_elocal, farray<double, 1>& elocal) {
+    for (int k = 1; k <= eig.kpt->n_k; ++k) {
+        if (eig.n_psi < eig.kpt->n_k && !eig_distributed(eig))
+            eig_state_read_psi_k(eig, k, wfs_unit, "WFS", true);
+        else
+            eig_set_psi(eig, k);
+        if (scc_used) {
+            eig_calc_qion(ham, eig, k, scc.qi_1);
+            eig_calc_elocal(ham, eig, k, scc.qi_2);
+        } else if (calc_elocal) {
+            eig_calc_qion(ham, eig, k, ions.qion);
+            eig_calc_elocal(ham, eig, k, elocal);
+        }
+    }
+}
+
+// The net charges of the output against those of the input, then the input of the
+// next pass by the chosen mixer; returns the largest change.
+double mix_charges(ions_type& ions, scc_type& scc, const elec_algo_type& elec_algo,
+                   charge_mixer& mixer) {
+    const int n = ions.total_n_ions;
+    std::vector<double> q_in(static_cast<std::size_t>(n)), q_res(static_cast<std::size_t>(n));
+    double dq_max = 0.0;
+    for (int i = 1; i <= n; ++i) {
+        scc.qi_1(i) -= scc.qi0(i);
+        q_in[static_cast<std::size_t>(i - 1)] = ions.qion(i);
+        q_res[static_cast<std::size_t>(i - 1)] = scc.qi_1(i) - ions.qion(i);
+        dq_max = std::max(dq_max, std::fabs(scc.qi_1(i) - ions.qion(i)));
+    }
+    if (elec_algo.scc_mixer == scc_mixer_broyden) {
+        mixer.mix(q_in, q_res);
+        for (int i = 1; i <= n; ++i) ions.qion(i) = q_in[static_cast<std::size_t>(i - 1)];
+    } else {
+        const double mix = elec_algo.charge_mixing;
+        for (int i = 1; i <= n; ++i) ions.qion(i) = (1.0 - mix) * ions.qion(i) + mix * scc.qi_1(i);
+    }
+    cal_charge_aux(scc, ions.qion, scc.qaux);
+    return dq_max;
+}
+
+} // namespace
+
 void solve_secular_eqn(hamiltonian_type& ham, ions_type& ions, const box_type& box,
                        eig_state_type& eig, scc_type& scc, const elec_algo_type& elec_algo,
                        char hs_mode, char jobz, bool calc_elocal, farray<double, 1>& elocal) {
     const char* proc = "solve_secular_eqn";
     const trace_guard trace(proc, mod);
-    const double mix = elec_algo.charge_mixing, keep = 1.0 - mix;
     const double tol = elec_algo.energy_tol;
     double e_new = 0.0, e_old = 0.0, rel = 1.0, dq_max = 0.0;
-    const bool anderson = elec_algo.scc_mixer == scc_mixer_broyden;
     charge_mixer mixer;
-    mixer.beta = mix;
-    std::vector<double> q_in, q_res;
+    mixer.beta = elec_algo.charge_mixing;
     bool converged = false;
-    const int n_dim = eig.n_dim, n_states = eig.n_states, n_kpt = eig.kpt->n_k;
     const bool non_orth = ham.tb_model->non_orthogonal;
     const bool vectors = jobz == 'v' || jobz == 'V';
-    const bool dist = eig_distributed(eig);
     // The distributed matrices are filled from the blocks.
-    const bool direct = (hs_mode == 'c' || hs_mode == 'C') && !dist;
+    const bool direct = (hs_mode == 'c' || hs_mode == 'C') && !eig_distributed(eig);
     const bool scc_used = elec_algo.scc_used;
     int iter_max = 1, iter_min = 1;
     if (scc_used) {
@@ -125,22 +224,11 @@ void solve_secular_eqn(hamiltonian_type& ham, ions_type& ions, const box_type& b
         ions.qion.fill(0.0);
     }
     const scc_type* scc_arg = scc_used ? &scc : nullptr;
-    farray<double, 2>* s_arg = non_orth ? &eig.s_ij : nullptr;
     // The projections on the ions need S as blocks, which the direct route doesn't build.
     if (direct && non_orth && (scc_used || calc_elocal)) calc_hs_real(ham, ions, box, "S");
-    if (non_orth) {
-        // Close ions make the overlap singular: name the closest pair should it fail.
-        int i_min, j_min;
-        double d_min;
-        pbc_min_dist_pair(box, i_min, j_min, d_min);
-        eig.d.failure_hint.clear();
-        if (i_min > 0)
-            eig.d.failure_hint = "ions may be too close: the closest pair, ions " +
-                                 std::to_string(i_min) + " and " + std::to_string(j_min) + ", is " +
-                                 format_items("(F8.4)", {d_min}) + " Angstrom apart";
-    }
+    if (non_orth) set_overlap_hint(eig, box);
     // Only the vectors of the states are used: the solver back-transforms no more.
-    eig.d.n_vectors = n_states;
+    eig.d.n_vectors = eig.n_states;
     int iter = 0, passes = 0;
     for (;;) {
         ++passes;
@@ -148,79 +236,14 @@ void solve_secular_eqn(hamiltonian_type& ham, ions_type& ions, const box_type& b
             scc.qi_1.fill(0.0);
             scc.qi_2.fill(0.0);
         }
-        for (int k = 1; k <= n_kpt; ++k) {
+        for (int k = 1; k <= eig.kpt->n_k; ++k) {
             if (debug > 0) std::fputs(".", stdout);
-            if (dist) {
-                if (n_kpt > 1 || iter == 0) calc_hs_real(ham, ions, box);
-                get_hs_ij_dist(ham, eig, scc_arg);
-                check_finite(eig.h_loc, "the Hamiltonian");
-                if (non_orth) check_finite(eig.s_loc, "the overlap");
-                pdiag_solve(eig, non_orth, vectors, n_states);
-                if (non_orth && (scc_used || calc_elocal)) pdiag_form_s_z(ham, eig);
-                for (int i = 1; i <= n_states; ++i) eig.en_i(i, k) = eig.ework(i);
-                eig_set_psi(eig, k);
-                continue;
-            }
-            if (direct) {
-                calc_hs_ij_real(ham, ions, box, scc_arg, &eig.h_ij, s_arg);
-            } else {
-                if (n_kpt > 1 || iter == 0) calc_hs_real(ham, ions, box);
-                get_hs_ij_real(ham, &eig.h_ij, s_arg, scc_arg);
-            }
-            if (debug > 2) debug_print_hs();
-            check_finite(eig.h_ij, "the Hamiltonian");
-            if (non_orth) check_finite(eig.s_ij, "the overlap");
-            if (vectors && non_orth)
-                calc_gen_eigen_vectors_real(eig.h_ij, eig.s_ij, n_dim, eig.ework, eig.x, eig.d);
-            else if (vectors)
-                calc_eigen_vectors_real(eig.h_ij, n_dim, eig.ework, eig.x, eig.d);
-            else if (non_orth)
-                calc_gen_eigen_values_real(eig.h_ij, eig.s_ij, n_dim, eig.ework, eig.d);
-            else
-                calc_eigen_values_real(eig.h_ij, n_dim, eig.ework, eig.d);
-            for (int i = 1; i <= n_states; ++i) eig.en_i(i, k) = eig.ework(i);
-            eig_set_psi(eig, k);
-            if (vectors) {
-                for (int j = 1; j <= n_states; ++j)
-                    for (int r = 1; r <= n_dim; ++r) eig.psi(r, j) = eig.x(r, j);
-                if (eig.n_psi < n_kpt) eig_state_write_psi_k(eig, k, wfs_unit, "WFS", true);
-            }
+            solve_point(ham, ions, box, eig, scc_arg, k, iter == 0, direct, vectors,
+                        scc_used || calc_elocal);
         }
         eig_calc_energy(eig);
-        for (int k = 1; k <= n_kpt; ++k) {
-            if (eig.n_psi < n_kpt && !dist)
-                eig_state_read_psi_k(eig, k, wfs_unit, "WFS", true);
-            else
-                eig_set_psi(eig, k);
-            if (scc_used) {
-                eig_calc_qion(ham, eig, k, scc.qi_1);
-                eig_calc_elocal(ham, eig, k, scc.qi_2);
-            } else if (calc_elocal) {
-                eig_calc_qion(ham, eig, k, ions.qion);
-                eig_calc_elocal(ham, eig, k, elocal);
-            }
-        }
-        if (scc_used) {
-            // The net charges of the output against those of the input, then the
-            // input of the next pass by the chosen mixer.
-            const int n = ions.total_n_ions;
-            q_in.resize(static_cast<std::size_t>(n));
-            q_res.resize(static_cast<std::size_t>(n));
-            dq_max = 0.0;
-            for (int i = 1; i <= n; ++i) {
-                scc.qi_1(i) -= scc.qi0(i);
-                q_in[static_cast<std::size_t>(i - 1)] = ions.qion(i);
-                q_res[static_cast<std::size_t>(i - 1)] = scc.qi_1(i) - ions.qion(i);
-                dq_max = std::max(dq_max, std::fabs(scc.qi_1(i) - ions.qion(i)));
-            }
-            if (anderson) {
-                mixer.mix(q_in, q_res);
-                for (int i = 1; i <= n; ++i) ions.qion(i) = q_in[static_cast<std::size_t>(i - 1)];
-            } else {
-                for (int i = 1; i <= n; ++i) ions.qion(i) = keep * ions.qion(i) + mix * scc.qi_1(i);
-            }
-            cal_charge_aux(scc, ions.qion, scc.qaux);
-        }
+        project_on_ions(ham, ions, eig, scc, scc_used, calc_elocal, elocal);
+        if (scc_used) dq_max = mix_charges(ions, scc, elec_algo, mixer);
         e_old = e_new;
         if (scc_used) {
             // With smearing the energy is the free energy E - T S: the quantity that

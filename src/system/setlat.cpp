@@ -41,52 +41,114 @@ double rhombohedral_w(double x) {
     return (y - 1.0) / 3.0;
 }
 
-} // namespace
+// The primitive vectors (rows of v) of lattice `kind` from its constants a, b and c
+// (the rhombohedral lattice from w and the scale s).
+void lattice_vectors(int kind, double ca, double cb, double cc, double w, double s,
+                     double v[3][3]) {
+    const double h = 0.8660254037844386;
+    auto set = [&](int i, double x, double y, double z) {
+        v[i][0] = x;
+        v[i][1] = y;
+        v[i][2] = z;
+    };
+    switch (kind) {
+    case 1:
+        set(0, 0, ca / 2, ca / 2);
+        set(1, ca / 2, 0, ca / 2);
+        set(2, ca / 2, ca / 2, 0);
+        break;
+    case 2:
+        set(0, -ca / 2, ca / 2, ca / 2);
+        set(1, ca / 2, -ca / 2, ca / 2);
+        set(2, ca / 2, ca / 2, -ca / 2);
+        break;
+    case 3:
+        set(0, ca / 2, -h * ca, 0);
+        set(1, ca / 2, h * ca, 0);
+        set(2, 0, 0, cc);
+        break;
+    case 4:
+        set(0, ca, 0, 0);
+        set(1, 0, ca, 0);
+        set(2, 0, 0, ca);
+        break;
+    case 5:
+        set(0, ca, 0, 0);
+        set(1, 0, ca, 0);
+        set(2, 0, 0, cc);
+        break;
+    case 6:
+        set(0, ca, 0, 0);
+        set(1, 0, ca, 0);
+        set(2, ca / 2, ca / 2, cc / 2);
+        break;
+    case 7:
+        set(0, ca, 0, 0);
+        set(1, 0, cb, 0);
+        set(2, 0, 0, cc);
+        break;
+    case 8:
+        set(0, ca / 2, -cb / 2, 0);
+        set(1, ca / 2, cb / 2, 0);
+        set(2, 0, 0, cc);
+        break;
+    case 9:
+        set(0, ca / 2, -ca / 2, 0);
+        set(1, ca / 2, ca / 2, 0);
+        set(2, 0, 0, cc);
+        break;
+    case 10:
+        set(0, ca / 2, -ca / 2, 0);
+        set(1, ca / 2, ca / 2, 0);
+        set(2, ca / 2, 0, cc / 2);
+        break;
+    case 11:
+        set(0, 0, ca / 2, cc / 2);
+        set(1, ca / 2, 0, cc / 2);
+        set(2, ca / 2, ca / 2, 0);
+        break;
+    case 12: {
+        const double pd = (1 + w) * s, q = w * s;
+        set(0, pd, q, q);
+        set(1, q, pd, q);
+        set(2, q, q, pd);
+        break;
+    }
+    case 13:
+        set(0, -ca / 2, ca / 2, cc / 2);
+        set(1, ca / 2, -ca / 2, cc / 2);
+        set(2, ca / 2, ca / 2, -cc / 2);
+        break;
+    default: break;
+    }
+}
 
-void setlat(farray<double, 2>& a, double& volume, int unit, int out_unit, int& status) {
-    status = 0;
-    int latnum_v[1];
-    if (read_free_ints(unit, latnum_v) != 0) {
-        write_free(out_unit, {"setlat:  error in latnum input"});
-        status = 1;
-        return;
-    }
-    const int latnum = latnum_v[0];
-    write_fmt(out_unit, "(/'Lattice type ',i5)", {latnum});
+// Reads the constants of lattice `latnum` (the vectors themselves for type 0) and
+// sets its primitive vectors; 1 on a read error.
+int read_lattice(int latnum, int unit, int out_unit, double v[3][3]) {
     const int kind = std::abs(latnum);
-    if (kind > 13) {
-        write_free(out_unit, {"Unknown lattice type"});
-        write_free(out_unit, {"setlat:  bad lattice"});
-        status = 2;
-        return;
-    }
-    double v[3][3] = {}; // v[i][j]: vector i, component j
-    write_fmt(out_unit, "(A)", {lattices[kind].title});
     if (kind == 0) {
         for (int i = 0; i < 3; ++i) {
             if (read_free_reals(unit, std::span<double>(v[i], 3)) != 0) {
                 write_free(out_unit, {"setlat:  error in lattice parameter input"});
-                status = 1;
-                return;
+                return 1;
             }
             write_fmt(out_unit, "('a(',i1,') = ',3f12.5)", {i + 1, v[i][0], v[i][1], v[i][2]});
         }
         double scale[3];
         if (read_free_reals(unit, scale) != 0) {
             write_free(out_unit, {"setlat:  error in lattice parameter input"});
-            status = 1;
-            return;
+            return 1;
         }
         write_fmt(out_unit, "('Scale factors = ',3f10.5)", {scale[0], scale[1], scale[2]});
-        for (auto& row : v)
-            for (int j = 0; j < 3; ++j) row[j] *= scale[j];
+        for (int i = 0; i < 3; ++i)
+            for (int j = 0; j < 3; ++j) v[i][j] *= scale[j];
     } else {
         const int n_read = kind == 12 ? 2 : lattices[kind].n_constants;
         double p[3] = {};
         if (read_free_reals(unit, std::span<double>(p, static_cast<std::size_t>(n_read))) != 0) {
             write_free(out_unit, {"setlat:  error in lattice parameter input"});
-            status = 1;
-            return;
+            return 1;
         }
         double ca = 0, cb = 0, cc = 0; // constants a, b, c
         double cos_theta = 0, w = 0, s = 0;
@@ -133,112 +195,36 @@ void setlat(farray<double, 2>& a, double& volume, int unit, int out_unit, int& s
             cb = boa * ca;
             cc = coa * ca;
         }
-        const double h = 0.8660254037844386;
-        auto set = [&](int i, double x, double y, double z) {
-            v[i][0] = x;
-            v[i][1] = y;
-            v[i][2] = z;
-        };
-        switch (kind) {
-        case 1:
-            set(0, 0, ca / 2, ca / 2);
-            set(1, ca / 2, 0, ca / 2);
-            set(2, ca / 2, ca / 2, 0);
-            break;
-        case 2:
-            set(0, -ca / 2, ca / 2, ca / 2);
-            set(1, ca / 2, -ca / 2, ca / 2);
-            set(2, ca / 2, ca / 2, -ca / 2);
-            break;
-        case 3:
-            set(0, ca / 2, -h * ca, 0);
-            set(1, ca / 2, h * ca, 0);
-            set(2, 0, 0, cc);
-            break;
-        case 4:
-            set(0, ca, 0, 0);
-            set(1, 0, ca, 0);
-            set(2, 0, 0, ca);
-            break;
-        case 5:
-            set(0, ca, 0, 0);
-            set(1, 0, ca, 0);
-            set(2, 0, 0, cc);
-            break;
-        case 6:
-            set(0, ca, 0, 0);
-            set(1, 0, ca, 0);
-            set(2, ca / 2, ca / 2, cc / 2);
-            break;
-        case 7:
-            set(0, ca, 0, 0);
-            set(1, 0, cb, 0);
-            set(2, 0, 0, cc);
-            break;
-        case 8:
-            set(0, ca / 2, -cb / 2, 0);
-            set(1, ca / 2, cb / 2, 0);
-            set(2, 0, 0, cc);
-            break;
-        case 9:
-            set(0, ca / 2, -ca / 2, 0);
-            set(1, ca / 2, ca / 2, 0);
-            set(2, 0, 0, cc);
-            break;
-        case 10:
-            set(0, ca / 2, -ca / 2, 0);
-            set(1, ca / 2, ca / 2, 0);
-            set(2, ca / 2, 0, cc / 2);
-            break;
-        case 11:
-            set(0, 0, ca / 2, cc / 2);
-            set(1, ca / 2, 0, cc / 2);
-            set(2, ca / 2, ca / 2, 0);
-            break;
-        case 12: {
-            const double pd = (1 + w) * s, q = w * s;
-            set(0, pd, q, q);
-            set(1, q, pd, q);
-            set(2, q, q, pd);
-            break;
-        }
-        case 13:
-            set(0, -ca / 2, ca / 2, cc / 2);
-            set(1, ca / 2, -ca / 2, cc / 2);
-            set(2, ca / 2, ca / 2, -cc / 2);
-            break;
-        default: break;
-        }
+        lattice_vectors(kind, ca, cb, cc, w, s, v);
     }
+    return 0;
+}
 
-    // Elastic strain in Voigt form.
+// Reads the elastic strain (Voigt form) that follows the lattice; 1 on a read
+// error, 3 for an unknown type.
+int read_strain(int unit, int out_unit, double e[6]) {
     int strain_v[1];
     if (read_free_ints(unit, strain_v) != 0) {
         write_free(out_unit, {"setlat:  error in strain input"});
-        status = 1;
-        return;
+        return 1;
     }
     const int strain = strain_v[0];
     write_fmt(out_unit, "(/'Elastic strain field ',i5)", {strain});
-    double e[6] = {};
     if (strain == 1) {
-        if (read_free_reals(unit, e) != 0) {
+        if (read_free_reals(unit, std::span<double>(e, 6)) != 0) {
             write_free(out_unit, {"setlat:  error in strain input"});
-            status = 1;
-            return;
+            return 1;
         }
     } else if (strain != 0) {
         const bool known = (strain >= 2 && strain <= 6) || strain == 21;
         if (!known) {
             write_free(out_unit, {"Unknown strain type"});
-            status = 3;
-            return;
+            return 3;
         }
         double xv[1];
         if (read_free_reals(unit, xv) != 0) {
             write_free(out_unit, {"setlat:  error in strain input"});
-            status = 1;
-            return;
+            return 1;
         }
         const double x = xv[0];
         write_fmt(out_unit, "('x = ',f12.8)", {x});
@@ -273,6 +259,33 @@ void setlat(farray<double, 2>& a, double& volume, int unit, int out_unit, int& s
             break;
         }
     }
+    return 0;
+}
+
+} // namespace
+
+void setlat(farray<double, 2>& a, double& volume, int unit, int out_unit, int& status) {
+    status = 0;
+    int latnum_v[1];
+    if (read_free_ints(unit, latnum_v) != 0) {
+        write_free(out_unit, {"setlat:  error in latnum input"});
+        status = 1;
+        return;
+    }
+    const int latnum = latnum_v[0];
+    write_fmt(out_unit, "(/'Lattice type ',i5)", {latnum});
+    const int kind = std::abs(latnum);
+    if (kind > 13) {
+        write_free(out_unit, {"Unknown lattice type"});
+        write_free(out_unit, {"setlat:  bad lattice"});
+        status = 2;
+        return;
+    }
+    double v[3][3] = {}; // v[i][j]: vector i, component j
+    write_fmt(out_unit, "(A)", {lattices[kind].title});
+    if ((status = read_lattice(latnum, unit, out_unit, v)) != 0) return;
+    double e[6] = {};
+    if ((status = read_strain(unit, out_unit, e)) != 0) return;
     write_fmt(out_unit, "('e_i = ',6f10.6)", {e[0], e[1], e[2], e[3], e[4], e[5]});
     const double d[3][3] = {{1 + e[0], e[5] / 2, e[4] / 2},
                             {e[5] / 2, 1 + e[1], e[3] / 2},

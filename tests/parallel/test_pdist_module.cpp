@@ -52,13 +52,6 @@ TEST(PdistModule, InvariantsHoldForManyShapes) {
                 }
 }
 
-TEST(PdistModule, ProcessorMayHoldNothing) {
-    pdist_type pd;
-    pdist_init(pd, 2, 2, 3, 2, "bc");
-    EXPECT_EQ(pd.l_n, 0);
-    EXPECT_EQ(pd.l_n_on_pe(0), 2);
-}
-
 TEST(PdistModule, GenerateKeepsBlocksWhole) {
     farray<int, 1> dim;
     dim.allocate({1}, {3});

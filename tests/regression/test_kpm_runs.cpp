@@ -1,7 +1,6 @@
-// Whole runs on the kernel polynomial solver: forces that are minus the gradient
-// of its energy for any moment count, forces that approach those of the dense
-// solver, the convergence table, bounds searched again when the spectrum leaves
-// them, dynamics that conserve energy, a relaxation, and the inputs it refuses.
+// Whole runs on the kernel polynomial solver: forces that are minus the gradient of
+// its energy for any moment count and approach the dense forces, bounds searched
+// again when the spectrum leaves them, and the inputs it refuses.
 #include "run_support.hpp"
 #include "test_support.hpp"
 
