@@ -33,6 +33,23 @@ constexpr int thermostat_none = 0;
 constexpr int thermostat_nose = 1;
 constexpr int thermostat_langevin = 2;
 
+// The codes each code keyword has, first to last: read_input refuses any other with
+// a message that names them, so the dispatchers' remaining branches are guards that
+// no input reaches. A new code is added to its range here.
+struct code_range {
+    int first;
+    int last;
+};
+constexpr code_range elec_algo_codes{elec_algo_sd, elec_algo_kpm};
+constexpr code_range ions_algo_codes{ions_algo_md, ions_algo_test_stress};
+constexpr code_range eom_codes{eom_verlet, eom_velocity_verlet};
+constexpr code_range thermostat_codes{thermostat_none, thermostat_langevin};
+constexpr code_range init_vel_codes{0, 4};   // veloc_start
+constexpr code_range elec_start_codes{0, 1}; // elec_start: 1 loads the orbitals of WFS
+constexpr bool code_known(code_range r, int code) {
+    return code >= r.first && code <= r.last;
+}
+
 // Bits of i_algo%save_to_file.
 constexpr int save_pos = 1;
 constexpr int save_ene = 2;

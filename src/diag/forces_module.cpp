@@ -103,7 +103,7 @@ void forces_calc(hamiltonian_type& ham, ions_type& ions, box_type& box, const i_
             // terms' alone.
             if (i_algo.calc_stress) box.cell.sig.fill(0.0);
             break;
-        default: break;
+        default: break; // a guard: read_input refuses codes outside elec_algo_codes
         }
     }
     if (model.classical || model.pair_pot_used) {

@@ -61,7 +61,7 @@ void gs_calc(box_type& box, ions_state_type& ions_state, elec_state_type& elec,
             }
             break;
         }
-        default: break;
+        default: break; // a guard: read_input refuses codes outside elec_algo_codes
         }
         ions_state.e_atoms = ham.e_atoms;
         elec.e -= ham.e_atoms;

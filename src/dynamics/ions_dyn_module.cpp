@@ -201,7 +201,7 @@ void ions_main_loop(box_type& box, ions_state_type& ions_state, i_algo_type& i_a
         ions_test_stress(box, ions_state, i_algo, elec, elec_algo, ham);
         break;
     case ions_algo_cg_relax: ions_cg_loop(box, ions_state, i_algo, elec, elec_algo, ham); break;
-    default: break; // no motion: the final report shows the state read in
+    default: break; // ions_algo_sd_relax: no motion, the final report shows the state read in
     }
     ions_state.final_call = -1;
     print_system_status(box, ions_state, i_algo, elec, elec_algo, *ham.tb_model, report_unit);

@@ -9,6 +9,7 @@
 
 #include <cctype>
 #include <optional>
+#include <sstream>
 #include <vector>
 
 namespace lyrt {
@@ -120,6 +121,25 @@ const data_file_kind data_file_kinds[] = {
     {"XYZ", save_xyz, "trajectory.xyz", &data_file_names_type::xyz},
 };
 
+// A code the program does not have stops the run, naming the keyword, the value and
+// the codes that exist (a typo would otherwise run a wrong or empty calculation).
+void check_code(std::string_view keyword, int value, code_range codes) {
+    if (code_known(codes, value)) return;
+    fatal_error(std::string(keyword) + " = " + std::to_string(value) +
+                    " is not a code of the program: its codes are " + std::to_string(codes.first) +
+                    " to " + std::to_string(codes.last),
+                value, "read_input", mod);
+}
+
+// A value outside its physical range stops the run the same way.
+void check_range(std::string_view keyword, double value, bool ok, std::string_view rule) {
+    if (ok) return;
+    std::ostringstream v;
+    v << value;
+    fatal_error(std::string(keyword) + " = " + v.str() + " is out of range: " + std::string(rule),
+                -1, "read_input", mod);
+}
+
 // Every statement of the file whose keyword the program does not know gets a
 // warning with the nearest known keyword; the run goes on (a misspelt keyword
 // would otherwise leave its default in place without a word).
@@ -168,12 +188,21 @@ void save_to_file(int unit, std::string_view file_name, i_algo_type& i_algo) {
                 subwrd(value, second, 2, 1);
                 second.resize(static_cast<std::size_t>(length(second)));
             }
+            bool known = false;
             for (const auto& kind : data_file_kinds) {
                 if (value.compare(0, 3, kind.word) != 0) continue;
+                known = true;
                 if (kind.bit == save_eloc && !i_algo.calc_elocal) break;
                 i_algo.save_to_file |= kind.bit;
                 data_file_names.*kind.name = second.empty() ? kind.default_name : second;
                 break;
+            }
+            if (!known) {
+                const std::string text = "unknown save_to_file name " +
+                                         value.substr(0, static_cast<std::size_t>(length(value))) +
+                                         " is ignored (known: POS ENE VEL FOR EIG ELO XYZ)";
+                warning_error(text, "save_to_file", mod);
+                write_free(stdout_unit, {"WARNING: " + text});
             }
         }
     }
@@ -202,23 +231,29 @@ void read_input(std::string_view file_name, elec_algo_type& elec_algo, i_algo_ty
     read_real(f, "lo_rad", elec_algo.lo_rad, tb_model.r_cut);
     read_int(f, "nh", elec_algo.nh, de.nh);
     read_int(f, "elec_gs_algo", elec_algo.gs, de.gs);
+    check_code("elec_gs_algo", elec_algo.gs, elec_algo_codes);
     read_real(f, "number_of_electrons", n_electrons, -1.0);
     read_real(f, "n_electrons", n_electrons);
     read_int(f, "number_of_states", n_states, -1);
     read_int(f, "n_states", n_states);
     read_int(f, "ns_extra", elec_algo.ns_extra, de.ns_extra);
     read_int(f, "elec_md_algo", elec_algo.md, elec_algo.gs);
+    check_code("elec_md_algo", elec_algo.md, elec_algo_codes);
     read_int(f, "ionic_algo", i_algo.algo, di.algo);
     read_int(f, "ions_algo", i_algo.algo);
+    check_code("ions_algo", i_algo.algo, ions_algo_codes);
     read_int(f, "ionic_eom_algo", i_algo.eom_algo, di.eom_algo);
     read_int(f, "ions_eom_algo", i_algo.eom_algo);
+    check_code("ions_eom_algo", i_algo.eom_algo, eom_codes);
     read_real(f, "elec_energy_tol", elec_algo.energy_tol, de.energy_tol);
     read_real(f, "elec_charge_tol", elec_algo.charge_tol, de.charge_tol);
     read_int(f, "max_elec_iter", elec_algo.max_iter, de.max_iter);
     read_int(f, "min_elec_iter", elec_algo.min_iter, de.min_iter);
     read_real(f, "sigma", kpt.sigma, kpt_type{}.sigma);
+    check_range("sigma", kpt.sigma, kpt.sigma >= 0.0, "the smearing width must be 0 or more");
     read_int(f, "cg_restart_freq", i_algo.cg_restart_freq, di.cg_restart_freq);
     read_int(f, "elec_start", elec_algo.start, de.start);
+    check_code("elec_start", elec_algo.start, elec_start_codes);
     read_int(f, "save_wfs", elec_algo.save_wfs, de.save_wfs);
     read_real(f, "ions_delta_e", i_algo.delta_e, di.delta_e);
     read_real(f, "ions_max_force", i_algo.max_force, di.max_force);
@@ -236,8 +271,14 @@ void read_input(std::string_view file_name, elec_algo_type& elec_algo, i_algo_ty
     if (i_algo.n_steps == 0) i_algo.n_steps = -1; // a run without steps has a negative count
     read_real(f, "dt", i_algo.dt, di.dt);
     elec_algo.dt = i_algo.dt;
+    // The time step of dynamics and the displacement of the self-tests.
+    check_range("dt", i_algo.dt,
+                i_algo.n_steps <= 0 || i_algo.algo == ions_algo_cg_relax ||
+                    i_algo.algo == ions_algo_sd_relax || i_algo.dt > 0.0,
+                "a run with steps needs a step above 0 (fs, or Angstrom for the self-tests)");
     read_int(f, "start", i_algo.start, di.start);
     read_int(f, "veloc_start", i_algo.init_vel, di.init_vel);
+    check_code("veloc_start", i_algo.init_vel, init_vel_codes);
     read_logical(f, "non_orth_exact", i_algo.non_orth_exact, di.non_orth_exact);
     read_logical(f, "calc_forces", i_algo.calc_forces, di.calc_forces);
     read_logical(f, "calc_stress", i_algo.calc_stress, di.calc_stress);
@@ -286,30 +327,41 @@ void read_input(std::string_view file_name, elec_algo_type& elec_algo, i_algo_ty
     read_int(f, "n_h_dup", n_h_dup, n_proc);
     read_int(f, "status_output_freq", i_algo.status_output_freq, di.status_output_freq);
     read_int(f, "save_freq", i_algo.status_output_freq);
+    check_range("status_output_freq", i_algo.status_output_freq, i_algo.status_output_freq >= 1,
+                "steps between reports must be 1 or more");
     read_logical(f, "pair_pot_used", tb_model.pair_pot_used, tb_model.pair_pot_used);
     read_int(f, "ionic_thermostat", i_algo.thermostat, di.thermostat);
     read_int(f, "ions_thermostat", i_algo.thermostat);
     read_int(f, "thermostat", i_algo.thermostat);
+    check_code("thermostat", i_algo.thermostat, thermostat_codes);
     read_int(f, "temperature_seed_1", i_algo.temp_seed[0], di.temp_seed[0]);
     read_int(f, "temperature_seed_2", i_algo.temp_seed[1], di.temp_seed[1]);
     read_int(f, "temp_seed_1", i_algo.temp_seed[0]);
     read_int(f, "temp_seed_2", i_algo.temp_seed[1]);
     read_real(f, "temperature", i_algo.temperature, di.temperature);
     read_real(f, "temp", i_algo.temperature);
+    check_range("temperature", i_algo.temperature, i_algo.temperature >= 0.0,
+                "a temperature must be 0 K or more");
     read_real(f, "ionic_friction", i_algo.friction, di.friction);
     read_real(f, "ions_friction", i_algo.friction);
     read_real(f, "friction", i_algo.friction);
     read_real(f, "gamma", i_algo.friction);
+    check_range("friction", i_algo.friction, i_algo.friction >= 0.0,
+                "a friction must be 0 or more");
     if (i_algo.thermostat == thermostat_langevin && i_algo.friction == 0.0)
         fatal_error("you are using langevin dynamics but the ionic friction coeffcient is "
                     "undefined.set ionic_friction.",
                     -1, "read_input", mod);
     read_real(f, "q_nose_ions", i_algo.q_nose_ions, di.q_nose_ions);
+    check_range("q_nose_ions", i_algo.q_nose_ions, i_algo.q_nose_ions >= 0.0,
+                "a thermostat mass must be 0 or more");
     // The thermostat divides by its mass: a run without one cannot start.
     if (i_algo.thermostat == thermostat_nose && i_algo.q_nose_ions == 0.0)
         fatal_error("Nose mass for the ions is zero.Set q_nose_ions.", -1, "read_input", mod);
     save_to_file(f.unit, f.name, i_algo);
     read_real(f, "emass", elec_algo.emass, de.emass);
+    check_range("emass", elec_algo.emass, elec_algo.emass >= 0.0,
+                "an orbital mass must be 0 or more");
     read_int(f, "debug", debug, 0);
     read_real(f, "e_boost", i_algo.e_boost, di.e_boost);
     read_real(f, "a_boost", i_algo.a_boost, di.a_boost);

@@ -1,9 +1,7 @@
 // File units: reopened reports, directories, and the run of the bare program.
 #include "base/io_module.hpp"
-#include "base/timing_module.hpp"
 #include "test_support.hpp"
 
-#include <cstring>
 #include <gtest/gtest.h>
 
 namespace {

@@ -12,7 +12,6 @@
 
 #include <cmath>
 #include <gtest/gtest.h>
-#include <sstream>
 
 namespace {
 

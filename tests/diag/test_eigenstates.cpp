@@ -12,7 +12,6 @@
 #include <cmath>
 #include <fstream>
 #include <gtest/gtest.h>
-#include <vector>
 
 namespace {
 

@@ -22,7 +22,6 @@
 #include <cmath>
 #include <cstring>
 #include <gtest/gtest.h>
-#include <sstream>
 
 namespace {
 

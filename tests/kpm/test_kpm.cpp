@@ -17,7 +17,6 @@
 #include <cmath>
 #include <cstring>
 #include <gtest/gtest.h>
-#include <numbers>
 
 namespace {
 

@@ -7,7 +7,6 @@
 #include "numerics/random_module.hpp"
 #include "test_support.hpp"
 
-#include <cmath>
 #include <gtest/gtest.h>
 #include <sstream>
 

@@ -9,7 +9,6 @@
 #include <algorithm>
 #include <cmath>
 #include <gtest/gtest.h>
-#include <map>
 
 namespace {
 

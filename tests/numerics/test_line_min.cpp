@@ -4,7 +4,6 @@
 #include "test_support.hpp"
 
 #include <algorithm>
-#include <cmath>
 #include <gtest/gtest.h>
 
 namespace {

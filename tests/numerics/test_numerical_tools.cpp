@@ -1,6 +1,5 @@
 // Sorting, small matrices, splines, bracketing and the random generators.
 #include "base/error_module.hpp"
-#include "numerics/matrix_operation_module.hpp"
 #include "numerics/random_module.hpp"
 #include "numerics/utility_module.hpp"
 

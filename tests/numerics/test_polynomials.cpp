@@ -6,7 +6,6 @@
 #include "numerics/pzeros.hpp"
 #include "test_support.hpp"
 
-#include <algorithm>
 #include <cmath>
 #include <gtest/gtest.h>
 

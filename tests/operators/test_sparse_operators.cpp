@@ -7,7 +7,6 @@
 #include "operators/hs_psi_module.hpp"
 #include "test_support.hpp"
 
-#include <cmath>
 #include <gtest/gtest.h>
 
 namespace {

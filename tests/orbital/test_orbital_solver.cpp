@@ -17,7 +17,6 @@
 #include <cmath>
 #include <gtest/gtest.h>
 #include <iostream>
-#include <sstream>
 
 extern "C" {
 void dposv_(const char* uplo, const int* n, const int* nrhs, double* a, const int* lda, double* b,

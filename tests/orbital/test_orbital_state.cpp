@@ -9,7 +9,6 @@
 #include "orbital/unconst_ftn_module.hpp"
 #include "test_support.hpp"
 
-#include <cmath>
 #include <gtest/gtest.h>
 
 namespace {

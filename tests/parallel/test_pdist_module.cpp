@@ -6,7 +6,6 @@
 #include "parallel/mpi_module.hpp"
 #include "parallel/pdist_module.hpp"
 
-#include <algorithm>
 #include <gtest/gtest.h>
 #include <vector>
 

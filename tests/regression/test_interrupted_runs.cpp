@@ -9,10 +9,8 @@
 #include "test_support.hpp"
 
 #include <chrono>
-#include <cmath>
 #include <csignal>
 #include <gtest/gtest.h>
-#include <sstream>
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>

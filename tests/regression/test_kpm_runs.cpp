@@ -7,7 +7,6 @@
 #include <algorithm>
 #include <cmath>
 #include <gtest/gtest.h>
-#include <sstream>
 
 namespace {
 

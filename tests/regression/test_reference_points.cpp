@@ -5,7 +5,6 @@
 #include "run_support.hpp"
 #include "test_support.hpp"
 
-#include <cmath>
 #include <gtest/gtest.h>
 
 namespace {

@@ -5,7 +5,6 @@
 
 #include <cmath>
 #include <gtest/gtest.h>
-#include <numbers>
 #include <sstream>
 
 namespace {

@@ -2,7 +2,6 @@
 #include "run_support.hpp"
 #include "test_support.hpp"
 
-#include <cmath>
 #include <gtest/gtest.h>
 #include <sstream>
 
@@ -80,6 +79,9 @@ TEST_F(UnusualInputs, NumbersThatAreNoNumbersStop) {
     EXPECT_EQ(run_case(huge, pos, "n_steps = 0\n", with_line(si, 9, "-1e308")).status, 1);
     EXPECT_NE(fatal_message(huge).find("not finite"), std::string::npos) << fatal_message(huge);
     EXPECT_EQ(read_text(huge / "OUTLYRT").find("NaN"), std::string::npos);
+    // A code the program does not have stops the whole run with status 1.
+    EXPECT_EQ(run_case(dir / "code", pos, "elec_gs_algo = 7\n", si).status, 1);
+    EXPECT_EQ(fatal_message(dir / "code").rfind("elec_gs_algo = 7 is not a code", 0), 0u);
     // More electrons than twice the basis functions.
     const auto many = dir / "electrons";
     EXPECT_EQ(run_case(many, pos, "n_electrons = 1e6\nsigma = 0.1\n", si).status, 1);

@@ -147,6 +147,49 @@ TEST_F(ReadInput, SaveToFileSelectsAndRenames) {
     EXPECT_EQ(data_file_names.eloc, "ELOC");
 }
 
+// Codes the program does not have and values outside their physical range stop at
+// once, naming the keyword, the value and what exists; the edges of each range pass.
+TEST_F(ReadInput, UnknownCodesAndValuesOutOfRangeStop) {
+    const std::string code = " is not a code of the program: its codes are ";
+    const std::string range = " is out of range: ";
+    const std::pair<const char*, std::string> refused[] = {
+        {"elec_gs_algo = 7", code + "0 to 4"},
+        {"elec_gs_algo = -1", code + "0 to 4"},
+        {"elec_md_algo = 8", code + "0 to 4"},
+        {"ions_algo = 7", code + "0 to 5"},
+        {"ions_eom_algo = 5", code + "1 to 2"},
+        {"thermostat = 9", code + "0 to 2"},
+        {"veloc_start = 5", code + "0 to 4"},
+        {"elec_start = 2", code + "0 to 1"},
+        {"temperature = -5", range + "a temperature must be 0 K or more"},
+        {"sigma = -0.1", range + "the smearing width must be 0 or more"},
+        {"friction = -0.01", range + "a friction must be 0 or more"},
+        {"q_nose_ions = -3", range + "a thermostat mass must be 0 or more"},
+        {"emass = -1", range + "an orbital mass must be 0 or more"},
+        {"dt = 0 ; n_steps = 3",
+         range + "a run with steps needs a step above 0 (fs, or Angstrom for the self-tests)"},
+        {"status_output_freq = 0", range + "steps between reports must be 1 or more"}};
+    for (const auto& [input, message] : refused) {
+        const std::string statement = input, shown = statement.substr(0, statement.find(" ;"));
+        try {
+            read(statement + "\n");
+            ADD_FAILURE() << input << " must stop";
+        } catch (const fatal_stop& stop) {
+            EXPECT_EQ(stop.message, shown + message);
+        }
+        io_reset();
+        open_units();
+    }
+    read("elec_gs_algo = 4\nions_algo = 5\nions_eom_algo = 2\nveloc_start = 0\ntemperature = 0\n"
+         "sigma = 0\nthermostat = 0\ndt = -1\nsave_to_file = TRAJ\n"); // no steps: dt unused
+    EXPECT_EQ(i_algo.algo, 5);
+    bool warned = false;
+    for (const auto& l : errors())
+        warned |= l.find("unknown save_to_file name TRAJ is ignored (known: POS ENE VEL FOR EIG "
+                         "ELO XYZ)") != std::string::npos;
+    EXPECT_TRUE(warned);
+}
+
 TEST_F(ReadInput, BadValueAndMissingFileStop) {
     try {
         read("n_steps = many\n");

@@ -6,7 +6,6 @@
 #include "system/box_module.hpp"
 #include "test_support.hpp"
 
-#include <cmath>
 #include <gtest/gtest.h>
 
 namespace {
