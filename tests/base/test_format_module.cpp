@@ -105,6 +105,7 @@ TEST(FormatModule, FreeFormRecords) {
     EXPECT_EQ(lyrt::free_form({"FATAL ERROR No ", 800}), " FATAL ERROR No  800");
     EXPECT_EQ(lyrt::free_form({true, false}), " T F");
     EXPECT_EQ(lyrt::free_form({1.5}), " 1.5000000000000000");
+    EXPECT_EQ(lyrt::free_form({0.1}), " 0.10000000000000001"); // fixed from 0.1 on
     EXPECT_EQ(lyrt::free_form({-2.5e-5}), " -2.5000000000000001E-005");
     // Every real reads back to the same double.
     for (double x : {0.1, 1.0 / 3.0, 12345.678901234567, 6.02214076e23, -1e-300})

@@ -102,6 +102,24 @@ TEST_F(KeywordReader, BadValuesGiveStatusFive) {
     EXPECT_EQ(status, kw_no_file);
 }
 
+// Occurrences, nth positions, a split at a delimiter, replacements (a negative n
+// trims the delimiters' trailing blanks and counts the result's length).
+TEST(Dlexlib, SearchAndReplace) {
+    EXPECT_EQ(noccur("abcabcx", "abc", -1), 2);
+    EXPECT_EQ(indexn("x=1;y=2;z=3", ";", 2), 8);
+    std::string left, right;
+    parse("key = value", left, right, "=", -1);
+    EXPECT_EQ(left + "|" + right, "key | value");
+    std::string s = "a-b-c-d       ";
+    int n = -1;
+    replac(s, "-", "+", n, 0);
+    EXPECT_EQ(s, "a+b+c+d       ");
+    EXPECT_EQ(n, 7);
+    n = -1;
+    replac(s, "+", "::  ", n, 2);
+    EXPECT_EQ(s.substr(0, static_cast<std::size_t>(n)), "a+b::c+d");
+}
+
 TEST(Dlexlib, StripModesAndWords) {
     std::string s = "  ab  c   d  ";
     int len;

@@ -24,6 +24,8 @@ TEST_F(LineMin, ParabolasThroughTheirOwnPoints) {
     EXPECT_NEAR(f_min, -2.0, 1e-13);
     EXPECT_NEAR(c[2], 3.0, 1e-12);
     EXPECT_NEAR(c[0], f(0.0), 1e-13);
+    min_quadratic_two_pts(0.2, 0.9, f(0.2), f(0.9), df(0.2), x_min, f_min, c); // x1 other than 0
+    EXPECT_NEAR(x_min, 0.7, 1e-13);
     min_quadratic_three_pts(-1.0, 0.4, 2.5, f(-1.0), f(0.4), f(2.5), x_min, f_min, c);
     EXPECT_NEAR(x_min, 0.7, 1e-13);
     EXPECT_NEAR(f_min, -2.0, 1e-12);
