@@ -1,9 +1,7 @@
-// The distributed build against itself on one process: every result of a run
-// over all processes (the message layer, the model broadcast, the dense path over
-// ELPA and over ScaLAPACK, the polynomial moments and forces) equals the result of
-// the same code on this process alone to 1e-10 relative. Run under mpirun with 1,
-// 2 and 3 processes; every process takes part in every test (the collectives are
-// met in the same order), and assertions come after the collectives.
+// The distributed build against itself on one process: the message layer, the model
+// broadcast, the dense path over ELPA and ScaLAPACK, the polynomial moments and
+// forces equal the same code on this process alone to 1e-10 relative. Run under
+// mpirun on 1, 2 and 3 processes; assertions come after the collectives.
 #include "base/io_module.hpp"
 #include "diag/eig_state_module.hpp"
 #include "diag/forces_module.hpp"

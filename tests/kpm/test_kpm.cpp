@@ -1,8 +1,6 @@
-// The kernel polynomial method against independent arithmetic: moments of every
-// route against the eigenvalues of the dense matrix, bounds against the dense
-// spectrum, the Fermi search over the whole band, the linear forms against the
-// closed-form integrals and their slopes, and band energies that converge to the
-// sum of the occupied eigenvalues.
+// The kernel polynomial method against independent arithmetic: moments and bounds
+// against the dense spectrum, the Fermi search over the whole band, the linear forms
+// against closed-form integrals, band energies converging to the occupied sum.
 #include "base/error_module.hpp"
 #include "kpm/kpm_module.hpp"
 #include "kpm/lanczos_module.hpp"

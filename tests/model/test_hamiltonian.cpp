@@ -34,12 +34,9 @@ class Hamiltonian : public lyrt_test::program_test {
     }
 };
 
-// Species 2 an exact copy of species 1 (mirror integrals written with the signs of
-// the format) gives the H and S of the one-species model for any labelling. The
-// density terms of the on-site energies are switched off: they are a polynomial of
-// each species' own density and so differ between one and two species by design.
-// So is the constant-term overlap, which only pairs of one species have: the
-// plain form is used for both.
+// Species 2 an exact copy of species 1 gives the H and S of the one-species model for
+// any labelling (the on-site density terms, own-species by design, and the overlap's
+// constant term, of one-species pairs only, are off).
 TEST_F(Hamiltonian, CopiedSpeciesGivesTheOneSpeciesModel) {
     for (const char* set : {"Cu", "Si"}) {
         species_set sp = read_species_set(set);

@@ -1,7 +1,5 @@
-// The orbital minimiser against the dense solver: the minimised functional is
-// twice the sum of the occupied levels and its orbitals span the occupied
-// subspace; the line polynomial, the gradient and the forces against the
-// functional itself (values along a line, finite differences).
+// The orbital minimiser against the dense solver (energy, occupied subspace, forces)
+// and against its functional (line polynomial, gradient, finite differences).
 #include "base/error_module.hpp"
 #include "diag/eig_state_module.hpp"
 #include "diag/forces_module.hpp"

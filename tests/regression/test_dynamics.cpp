@@ -38,11 +38,9 @@ struct conservation_case {
 
 class Conservation : public Dynamics, public ::testing::WithParamInterface<conservation_case> {};
 
-// The total (free) energy neither drifts nor fluctuates beyond the integrator's
-// error, and halving the step over the same time cuts its fluctuation by about
-// four: the forces are the exact gradient of what the run conserves, and both
-// integrators are of second order. Position Verlet starts with a first-order step,
-// so its total energy jumps once, at step 1 (left out of the fit).
+// The total (free) energy neither drifts nor fluctuates beyond the integrator's error,
+// and half the step cuts its fluctuation by about four (second order). Position
+// Verlet's first step is of first order: step 1 is left out of the fit.
 TEST_P(Conservation, TotalEnergyIsConservedToSecondOrder) {
     const conservation_case c = GetParam();
     const std::string model =

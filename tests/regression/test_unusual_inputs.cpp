@@ -123,11 +123,9 @@ TEST_F(UnusualInputs, InputThatIsADirectoryStops) {
 
 namespace {
 
-// Inputs found by fuzzing the readers, kept in tests/data/fuzz: each ends with the
-// program's message instead of a crash. A repeat count beyond an int (INLYRT) ended
-// in an uncaught exception; a whole number beyond a long long where an integer is
-// due (POSLYRT) converted with undefined behaviour; a grid of some 1.7e16 ions
-// overflowed the product of its count and its bytes.
+// Inputs found by fuzzing the readers (tests/data/fuzz) end with the program's
+// message: a repeat count beyond an int, a whole number beyond a long long, a grid
+// whose ion count times its bytes overflowed.
 TEST_F(UnusualInputs, FuzzFindingsStopWithAMessage) {
     const auto fuzz = std::filesystem::path(LYRT_SOURCE_DIR) / "tests/data/fuzz";
     const auto example = std::filesystem::path(LYRT_SOURCE_DIR) / "examples/si8";
