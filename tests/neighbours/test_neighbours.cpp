@@ -156,8 +156,8 @@ TEST_F(Neighbours, BoxSizingRules) {
         double width; // cube edge in units of 2 r_cut
         int sb, ic;
     };
-    const sizing cases[] = {{1.0, 2, 0}, {0.999, 1, 2}, {0.5, 1, 2},
-                            {0.2, 1, 4}, {1.4, 2, 0},   {1.5, 3, 0}};
+    const sizing cases[] = {{1.0, 2, 0}, {0.999, 1, 2}, {0.5, 1, 2}, {0.2, 1, 4},
+                            {1.4, 2, 0}, {1.5, 3, 0},   {99, 100, 0}}; // 100^3: the limit
     for (const sizing& c : cases) {
         box_type box;
         cell_allocate(box.cell);
