@@ -7,6 +7,7 @@
 #include "model_support.hpp"
 #include "operators/acum_delem_module_1.hpp"
 #include "parallel/threads_module.hpp"
+#include "run_support.hpp"
 #include "test_support.hpp"
 
 #include <cmath>
@@ -186,6 +187,25 @@ TEST_F(StrainedSystem, StressWithThePairPotential) {
     s.model.pair_pot_used = true;
     check(1e-5, "Si 8 with the pair potential");
     EXPECT_GT(st.e_pair, 0.1); // the pair term takes part
+}
+
+// The routine that walks the stored lists alone gives the classical stress of the
+// pair loop wherever the pair potential (2.9 Angstrom) ends within half the cell.
+TEST_F(StrainedSystem, ClassicalStressOfTheListsEqualsThatOfThePairLoop) {
+    species_set si = read_species_set("Si");
+    std::string file = one_species_file(si, 0, "NN00011");
+    file.insert(file.find(si.r0_l0) + si.r0_l0.size() + 1, "3.0 5.5\n"); // Bohr
+    model_system m;
+    build_system(m, dir, poslyrt(cube(6.2), shaken(diamond(6.2, 1), 0.15), 1), file, 2.95);
+    farray<double, 2> a, b;
+    a.allocate({1, 1}, {3, 3});
+    b.allocate({1, 1}, {3, 3});
+    calc_classical_forces(m.box, m.box.ions, m.model, &a);
+    calc_classical_stress(m.box, m.box.ions, m.model, b);
+    for (int i = 1; i <= 3; ++i)
+        for (int j = 1; j <= 3; ++j)
+            EXPECT_NEAR(b(i, j), a(i, j), 1e-12 * (1 + std::fabs(a(i, j)))) << i << j;
+    EXPECT_GT(std::fabs(a(2, 1)), 1e-6); // a shear, so that both triangles count
 }
 
 // The blocks of the density matrix that the forces read, formed by rank-k updates

@@ -180,6 +180,9 @@ TEST_F(ReadInput, UnknownCodesAndValuesOutOfRangeStop) {
         io_reset();
         open_units();
     }
+    EXPECT_THROW(read("kpm_block_size = 0\n"), fatal_stop);
+    io_reset();
+    open_units();
     read("elec_gs_algo = 4\nions_algo = 5\nions_eom_algo = 2\nveloc_start = 0\ntemperature = 0\n"
          "sigma = 0\nthermostat = 0\ndt = -1\nsave_to_file = TRAJ\n"); // no steps: dt unused
     EXPECT_EQ(i_algo.algo, 5);
