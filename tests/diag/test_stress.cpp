@@ -229,22 +229,7 @@ TEST_F(StrainedSystem, DensityMatrixBlocksEqualTheSumOverStates) {
     dm.allocate({1, 1}, {m.ham.desc.u_n_dim, m.ham.desc.row_pdist->max_l_n});
     farray<double, 1> diag;
     diag.allocate({1}, {n});
-    // Formed once in arrays of its own and once in a solver workspace left holding
-    // other numbers (too small at first, so it must grow).
     setup_dh_dm_r(m.ham, psi, w.data(), dm, &diag);
-    farray<double, 2> dm_ws;
-    dm_ws.allocate({1, 1}, {m.ham.desc.u_n_dim, m.ham.desc.row_pdist->max_l_n});
-    farray<double, 1> diag_ws;
-    diag_ws.allocate({1}, {n});
-    blacs_distr_type ws;
-    ca_real_1d(ws.work, 1, 7, "work", "test", "test");
-    ws.work.fill(1e300);
-    setup_dh_dm_r(m.ham, psi, w.data(), dm_ws, &diag_ws, &ws);
-    ws.work.fill(-3.0);
-    setup_dh_dm_r(m.ham, psi, w.data(), dm_ws, &diag_ws, &ws);
-    EXPECT_GE(ws.work.extent(0), static_cast<long>(n) * n);
-    for (std::size_t l = 0; l < dm.size(); ++l) ASSERT_EQ(dm_ws.data()[l], dm.data()[l]) << l;
-    for (int r = 1; r <= n; ++r) ASSERT_EQ(diag_ws(r), diag(r)) << r;
     const auto& sd = m.ham.desc;
     auto by_hand = [&](int a, int b) {
         double x = 0.0;

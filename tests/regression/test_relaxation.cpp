@@ -84,28 +84,18 @@ TEST_F(Relaxation, RattledSiliconReturnsToTheCrystal) {
 TEST_F(Relaxation, FrozenCoordinatesStay) {
     std::string freeze = "freeze\nT T T\nF F T\n";
     for (int i = 3; i <= 8; ++i) freeze += "F F F\n";
-    const auto atoms = shaken(diamond(5.431, 1), 0.08);
-    const run_result r = run_case(dir / "si8", poslyrt(cube(5.431), atoms, 1) + freeze,
-                                  "ions_algo = 1\nn_steps = 40\n", tbparam("Si"));
+    const run_result r =
+        run_case(dir / "si8", poslyrt(cube(5.431), shaken(diamond(5.431, 1), 0.08), 1) + freeze,
+                 "ions_algo = 1\nn_steps = 40\n", tbparam("Si"));
     ASSERT_EQ(r.status, 0);
-    const auto lines = read_lines(dir / "si8" / "POSCONT");
-    const auto at = std::find(lines.begin(), lines.end(), "positions = unit");
-    ASSERT_NE(at, lines.end());
-    auto reduced = [&](int ion, int k) {
-        std::istringstream in(*(at + ion));
-        int species;
-        double x[3];
-        in >> species >> x[0] >> x[1] >> x[2];
-        return x[k];
-    };
-    auto start = [&](int ion, int k) {
-        const atom& a = atoms[static_cast<std::size_t>(ion - 1)];
-        double v = (k == 0 ? a.x : (k == 1 ? a.y : a.z)) / 5.431;
-        return v - std::floor(v);
-    };
-    for (int k = 0; k < 3; ++k) EXPECT_NEAR(reduced(1, k), start(1, k), 1e-12) << k;
-    EXPECT_NEAR(reduced(2, 2), start(2, 2), 1e-12);
-    EXPECT_GT(std::fabs(reduced(3, 0) - start(3, 0)), 1e-4); // the free ones move
+    // Frames of POS: cell (3 lines), counts, then one line per ion.
+    const auto pos = read_lines(dir / "si8" / "POS");
+    ASSERT_GE(pos.size(), 24u);
+    const std::size_t last = pos.size() - 12;
+    auto z = [](const std::string& line) { return line.substr(line.rfind(' ')); };
+    EXPECT_EQ(pos[last + 4], pos[4]);       // ion 1 frozen whole
+    EXPECT_EQ(z(pos[last + 5]), z(pos[5])); // ion 2 along z
+    EXPECT_NE(pos[last + 6], pos[6]);       // the free ones move
     std::string all = "freeze\n";
     for (int i = 1; i <= 8; ++i) all += "T T T\n";
     const run_result frozen =
