@@ -22,6 +22,18 @@ double boost_potential(double e, double e_boost, double a) {
     return (f - 1.0) * x + std::exp(-y * y / 9.0) / a;
 }
 
+// The Nose-Hoover friction obeys dxi/dt = 2 (E_kin - E_target) / Q: under a constant
+// excess it grows at that rate (to the half step of its three-point derivative).
+TEST(NoseHoover, FrictionGrowsAtTwiceTheKineticExcessOverTheMass) {
+    i_algo_type ia;
+    ia.q_nose_ions = 40.0;
+    ia.target_e_kin = 1.0;
+    ions_state_type st;
+    st.e_kin = 1.3;
+    for (int n = 0; n < 20; ++n) ions_move_nose_eom(st, ia); // dt = 1 fs
+    EXPECT_NEAR(ia.dxi, 2.0 * 0.3 * 20.0 / 40.0, 0.03 * 0.3);
+}
+
 TEST(HyperDynamics, FactorIsTheDerivativeOfTheBoostedEnergy) {
     const double e_boost = -3.0, a = 4.0, t = 450.0;
     for (double e : {-3.8, -3.2, -3.0, -2.9, -2.5, -1.0}) {

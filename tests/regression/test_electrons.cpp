@@ -56,11 +56,6 @@ TEST_F(Electrons, CountsOfElectronsAndStates) {
                  carbon);
     ASSERT_EQ(r.status, 0);
     EXPECT_NE(r.report.find("system has net positive charge of + 1.0000"), std::string::npos);
-    // The report echoes the smearing with the electronic parameters.
-    EXPECT_EQ(report_value(r.report, "Fermi smearing of the occupations, sigma ="), 0.1);
-    EXPECT_NE(run_case(dir / "c8_plain", c8, "calc_forces = F\n", carbon)
-                  .report.find("No smearing of the occupations (sigma = 0)"),
-              std::string::npos);
     // One hydrogen atom: uneven without smearing, four states with it.
     const std::string hydrogen = element_file("1.00794", "1 0 0", 1);
     const auto h1 = poslyrt({{{10, 0, 0}, {0, 10, 0}, {0, 0, 10}}}, {{1, 0, 0, 0}}, 1);

@@ -77,6 +77,17 @@ TEST_F(Relaxation, RattledSiliconReturnsToTheCrystal) {
     const auto pos = poslyrt(cube(2 * 5.431), shaken(diamond(5.431, 2), 0.1), 1);
     const double gain = relax("si64", pos, "", tbparam("Si"), 0.0);
     EXPECT_NEAR(-gain, crystal.e_pot, 1e-4);
+    // Restarted at every step the directions are those of steepest descent (gamma 0);
+    // left to itself the search conjugates them.
+    for (const std::string freq : {"1", "50"}) {
+        relax("si8_" + freq, poslyrt(cube(5.431), shaken(diamond(5.431, 1), 0.1), 1),
+              "debug = 1\ncg_restart_freq = " + freq + "\n", tbparam("Si"), 0.0);
+        double largest = 0.0;
+        for (const auto& l : read_lines(dir / ("si8_" + freq) / "stdout.txt"))
+            if (const auto at = l.find("gamma="); at != std::string::npos)
+                largest = std::max(largest, std::fabs(std::stod(l.substr(at + 6))));
+        EXPECT_EQ(largest == 0.0, freq == "1") << freq;
+    }
 }
 
 // Frozen coordinates stay where they are; with all of them frozen there is

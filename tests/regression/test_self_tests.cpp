@@ -49,6 +49,13 @@ TEST_F(SelfTests, VerdictsOnModelsWhoseDerivativesAreRight) {
                     (std::string(c.name) == "cu_s" && v == " Test OK, check Chi^2 for each atom "))
             << c.name << ": " << v;
     }
+    // The overall figure of the stress test is the mean of its six deviations.
+    double sum = 0.0, overall = -1.0;
+    for (const auto& l : read_lines(dir / "si_s" / "test_stress.log")) {
+        if (l.rfind("deviation at x=0 :", 0) == 0) sum += std::stod(l.substr(18));
+        if (l.rfind(" Overall CHI SQUARED =", 0) == 0) overall = std::stod(l.substr(22));
+    }
+    EXPECT_NEAR(overall, sum / 6.0, 1e-6 * sum);
     // The stress test leaves the cell of the start in POSCONT, not the last strain.
     const auto lines = read_lines(dir / "si_s" / "POSCONT");
     ASSERT_FALSE(lines.empty());

@@ -243,7 +243,7 @@ line_fit fit_total_energy(const std::vector<ene_row>& rows, std::size_t from) {
     }
     line_fit f;
     f.slope = (n * sxy - sx * sy) / (n * sxx - sx * sx);
-    const double a = (sy - f.slope * sx) / n;
+    const double a = f.intercept = (sy - f.slope * sx) / n;
     double ss = 0;
     for (std::size_t i = from; i < rows.size(); ++i) {
         const double r = rows[i].e_tot - a - f.slope * rows[i].time;

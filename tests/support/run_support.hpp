@@ -62,9 +62,9 @@ struct ene_row {
 };
 std::vector<ene_row> read_ene(const std::filesystem::path& dir);
 // Least-squares line through the total energies of rows [from, end): its slope
-// (eV/fs) and the root mean square of the residuals (eV).
+// (eV/fs), its value at time 0 and the root mean square of the residuals (eV).
 struct line_fit {
-    double slope = 0, rms = 0;
+    double slope = 0, intercept = 0, rms = 0;
 };
 line_fit fit_total_energy(const std::vector<ene_row>& rows, std::size_t from);
 double mean_temperature(const std::vector<ene_row>& rows, double from_time);
