@@ -111,14 +111,6 @@ TEST_F(UnusualInputs, CutOffsAndCellsBeyondReasonStopQuickly) {
               std::string::npos);
 }
 
-TEST_F(UnusualInputs, InputThatIsADirectoryStops) {
-    std::filesystem::create_directories(dir / "run" / "INLYRT");
-    write_text(dir / "run" / "POSLYRT", poslyrt(cube(5.431), diamond(5.431, 1), 1));
-    write_text(dir / "run" / "TBPARAM", tbparam("Si"));
-    EXPECT_EQ(run_lyrt_in(dir / "run"), 1);
-    EXPECT_EQ(fatal_message(dir / "run"), "problems opening file INLYRTiostat=");
-}
-
 } // namespace
 
 namespace {
