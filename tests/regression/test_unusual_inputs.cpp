@@ -115,9 +115,8 @@ TEST_F(UnusualInputs, CutOffsAndCellsBeyondReasonStopQuickly) {
 
 namespace {
 
-// Inputs found by fuzzing the readers (tests/data/fuzz) end with the program's
-// message: a repeat count beyond an int, a whole number beyond a long long, a grid
-// whose ion count times its bytes overflowed.
+// Inputs found by fuzzing the readers (tests/data/fuzz) end with the program's message:
+// counts beyond an int or a long long, grids whose ion count times its bytes overflow.
 TEST_F(UnusualInputs, FuzzFindingsStopWithAMessage) {
     const auto fuzz = std::filesystem::path(LYRT_SOURCE_DIR) / "tests/data/fuzz";
     const auto example = std::filesystem::path(LYRT_SOURCE_DIR) / "examples/si8";
@@ -129,7 +128,8 @@ TEST_F(UnusualInputs, FuzzFindingsStopWithAMessage) {
     const finding findings[] = {
         {"INLYRT.repeat_count_overflow", "INLYRT", "error reading keyword ions_algo"},
         {"POSLYRT.huge_integer_count", "POSLYRT", "error reading keyword number_of_ions"},
-        {"POSLYRT.grid_count_overflow", "POSLYRT", "Attempt to allocate ions%r_of_t"}};
+        {"POSLYRT.grid_count_overflow", "POSLYRT", "Attempt to allocate ions%r_of_t"},
+        {"POSLYRT.grid_beyond_memory", "POSLYRT", "error reading file POSLYRT"}};
     for (const auto& f : findings) {
         const auto run = dir / f.file;
         std::filesystem::create_directories(run);
