@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
+#include <filesystem>
 #include <map>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -450,7 +451,12 @@ void write_unit_info() {
                       {"   THIS IS THE PARALLEL VERSION ON", n_proc, " PROCESSES"});
         else
             write_fmt(unit, "(A)", {"   THIS IS THE SERIAL VERSION"});
-        write_fmt(unit, "(A)", {"   COMPILED TO USE THE GAMMA POINT ONLY"});
+        // A file KPTS samples the Brillouin zone; without it the run is at gamma.
+        std::error_code ec;
+        if (std::filesystem::exists("KPTS", ec))
+            write_fmt(unit, "(A)", {"   BRILLOUIN ZONE SAMPLED AT THE POINTS OF KPTS"});
+        else
+            write_fmt(unit, "(A)", {"   COMPILED TO USE THE GAMMA POINT ONLY"});
         write_fmt(unit, "(80(\"=\"))", {});
     }
 }

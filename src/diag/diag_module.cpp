@@ -169,28 +169,78 @@ farray<dcomplex, 2>& solver_operand(char jobz, farray<dcomplex, 2>& h, farray<dc
 
 } // namespace
 
+namespace {
+
+// zheevd with vectors on a, its workspace grown in d (complex, real and integer).
+void zheevd_vectors(farray<dcomplex, 2>& a, int n, farray<double, 1>& en, blacs_distr_type& d,
+                    int& info) {
+    dcomplex cq = 0;
+    double rq = 0;
+    int iq = 0, query = -1;
+    zheevd_("V", "U", &n, a.data(), &n, en.data(), &cq, &query, &rq, &query, &iq, &query, &info);
+    if (info != 0) return;
+    const int lc = static_cast<int>(cq.real()) + 1;
+    if (!d.cwork.allocated() || d.cwork.extent(0) < lc) {
+        if (d.cwork.allocated()) cd_complex_1d(d.cwork, "d%cwork", "zheevd_vectors", mod);
+        ca_complex_1d(d.cwork, 1, lc, "d%cwork", "zheevd_vectors", mod);
+    }
+    d.lcwork = static_cast<int>(d.cwork.extent(0));
+    diag_workspace(d, static_cast<int>(rq) + 1, iq);
+    zheevd_("V", "U", &n, a.data(), &n, en.data(), d.cwork.data(), &d.lcwork, d.work.data(),
+            &d.lwork, d.iwork.data(), &d.liwork, &info);
+}
+
+} // namespace
+
 void calc_eigen_complex_lp(char jobz, farray<dcomplex, 2>& h, int n, farray<double, 1>& en,
                            farray<dcomplex, 2>* x, blacs_distr_type& d) {
-    std::vector<double> rwork;
-    complex_workspace(d, n, rwork);
+    const phase_timer wall(phase_eigen);
     int info = 0;
     farray<dcomplex, 2>& a = solver_operand(jobz, h, x, n);
-    const char jz = wants_vectors(jobz) ? 'V' : 'N';
-    zheev_(&jz, "U", &n, a.data(), &n, en.data(), d.cwork.data(), &d.lcwork, rwork.data(), &info);
+    if (wants_vectors(jobz)) {
+        zheevd_vectors(a, n, en, d, info);
+    } else {
+        std::vector<double> rwork;
+        complex_workspace(d, n, rwork);
+        zheev_("N", "U", &n, a.data(), &n, en.data(), d.cwork.data(), &d.lcwork, rwork.data(),
+               &info);
+    }
     if (info != 0) fatal_error("error occured in Xsyev", info, "calc_eigen_complex_lp", mod);
 }
 
 void calc_gen_eigen_complex_lp(char jobz, farray<dcomplex, 2>& h, farray<dcomplex, 2>& s, int n,
                                farray<double, 1>& en, farray<dcomplex, 2>* x, blacs_distr_type& d) {
-    std::vector<double> rwork;
-    complex_workspace(d, n, rwork);
+    const char* proc = "calc_gen_eigen_complex_lp";
+    const phase_timer wall(phase_eigen);
     const int itype = 1;
     int info = 0;
     farray<dcomplex, 2>& a = solver_operand(jobz, h, x, n);
-    const char jz = wants_vectors(jobz) ? 'V' : 'N';
-    zhegv_(&itype, &jz, "U", &n, a.data(), &n, s.data(), &n, en.data(), d.cwork.data(), &d.lcwork,
-           rwork.data(), &info);
-    if (info != 0) fatal_error("error occured in Xsygv", info, "calc_gen_eigen_complex_lp", mod);
+    if (wants_vectors(jobz)) {
+        // The stages of the real solver: S = U^H U, the standard problem of
+        // U^-H H U^-1 (all eigenvalues), x = U^-1 y for the columns the caller keeps.
+        zpotrf_("U", &n, s.data(), &n, &info);
+        if (info != 0) {
+            info += n;
+        } else {
+            zhegst_(&itype, "U", &n, a.data(), &n, s.data(), &n, &info);
+            if (info == 0) zheevd_vectors(a, n, en, d, info);
+            if (info == 0) {
+                const int k = d.n_vectors > 0 && d.n_vectors < n ? d.n_vectors : n;
+                const dcomplex one = 1.0;
+                ztrsm_("L", "U", "N", "N", &n, &k, &one, s.data(), &n, a.data(), &n);
+            }
+        }
+    } else {
+        std::vector<double> rwork;
+        complex_workspace(d, n, rwork);
+        zhegv_(&itype, "N", "U", &n, a.data(), &n, s.data(), &n, en.data(), d.cwork.data(),
+               &d.lcwork, rwork.data(), &info);
+    }
+    if (info > n)
+        fatal_error("error occured in Xsygv: the overlap is not positive definite" +
+                        (d.failure_hint.empty() ? std::string() : "; " + d.failure_hint),
+                    info, proc, mod);
+    if (info != 0) fatal_error("error occured in Xsygv", info, proc, mod);
 }
 
 void calc_eigen_values_complex(farray<dcomplex, 2>& h, int n, farray<double, 1>& en,

@@ -7,6 +7,7 @@
 
 #include "base/allocate_module.hpp"
 #include "base/error_module.hpp"
+#include "base/format_module.hpp"
 #include "base/io_module.hpp"
 #include "base/timing_module.hpp"
 #include "model/tb_hs_module.hpp"
@@ -106,12 +107,17 @@ void eig_state_allocate(eig_state_type& eig, int n_dim, int n_states, double n_e
     pdist_init(eig.row_pdist, n_dim, std::max(1, block_row), 1, 0, "bc");
     pdist_init(eig.col_pdist, n_states, std::max(1, block_col), 1, 0, "bc");
     init_blacs_distr(eig.d, n_dim, n_dim, std::max(1, block_row), std::max(1, block_row));
-    pdiag_setup(eig, n_dim, non_orth);
+    // Points are dealt whole to the processes: each solves its own serially.
+    const bool general = kpt_general(kpt);
+    if (!general) pdiag_setup(eig, n_dim, non_orth);
     const bool dist = eig_distributed(eig);
+    // The k-point path keeps complex states instead (zpsi_k): the real ones are a stub.
+    const bool stub = dist || general;
+    if (general) eig.n_psi = 1;
     eig.psi_k.clear();
     eig.psi_k.resize(static_cast<std::size_t>(eig.n_psi));
     for (auto& p : eig.psi_k)
-        ca_real_2d(p, 1, dist ? 1 : n_dim, 1, dist ? 1 : n_states, "eig_state%psi_k", proc, mod);
+        ca_real_2d(p, 1, stub ? 1 : n_dim, 1, stub ? 1 : n_states, "eig_state%psi_k", proc, mod);
     const int nk = kpt.n_k;
     ca_real_2d(eig.en_i, 1, n_states, 1, nk, "eig_state%en_i", proc, mod);
     ca_real_2d(eig.occ, 1, n_states, 1, nk, "eig_state%occ", proc, mod);
@@ -136,6 +142,20 @@ void eig_state_allocate(eig_state_type& eig, int n_dim, int n_states, double n_e
         ca_real_2d(eig.x, 1, n_dim, 1, n_dim, "eig_state%x", proc, mod);
         diag_reserve_vectors(eig.d, n_dim);
     }
+    if (general) {
+        ca_complex_2d(eig.zh, 1, n_dim, 1, n_dim, "eig_state%zh", proc, mod);
+        if (non_orth) ca_complex_2d(eig.zs, 1, n_dim, 1, n_dim, "eig_state%zs", proc, mod);
+        ca_complex_2d(eig.zx, 1, n_dim, 1, n_dim, "eig_state%zx", proc, mod);
+        // Only the points of this process keep states; the real arrays above serve
+        // the points where H(k) is real.
+        eig.zpsi_k.clear();
+        eig.zpsi_k.resize(static_cast<std::size_t>(nk));
+        if (jobz == 'v' || jobz == 'V')
+            for (int k = 1; k <= nk; ++k)
+                if (eig_kpt_mine(eig, k))
+                    ca_complex_2d(eig.zpsi_k[static_cast<std::size_t>(k - 1)], 1, n_dim, 1,
+                                  n_states, "eig_state%zpsi_k", proc, mod);
+    }
     eig_set_psi(eig, 1);
 }
 
@@ -149,6 +169,11 @@ void eig_state_deallocate(eig_state_type& eig) {
         if (a->allocated()) cd_real_2d(*a, "eig_state%array", proc, mod);
     if (eig.ework.allocated()) cd_real_1d(eig.ework, "eig_state%ework", proc, mod);
     if (eig.dm_diag.allocated()) cd_real_1d(eig.dm_diag, "eig_state%dm_diag", proc, mod);
+    for (auto* a : {&eig.zh, &eig.zs, &eig.zx})
+        if (a->allocated()) cd_complex_2d(*a, "eig_state%complex", proc, mod);
+    for (auto& p : eig.zpsi_k)
+        if (p.allocated()) cd_complex_2d(p, "eig_state%zpsi_k", proc, mod);
+    eig.zpsi_k.clear();
     reset_blacs_distr(eig.d);
     pdist_deallocate(eig.row_pdist);
     pdist_deallocate(eig.col_pdist);
@@ -254,10 +279,17 @@ void eig_calc_energy(eig_state_type& eig) {
             eig.e_filled += eig.kpt->weight(k) * s;
         }
         eig.e_filled *= 2.0;
-        eig.e_fermi = eig.en_i(n_occ, nk);
+        // The top of the filled states over the points, and the gap to the lowest
+        // empty one (one point: that point's).
+        eig.e_fermi = eig.en_i(n_occ, 1);
+        double lumo = n_occ < ns ? eig.en_i(n_occ + 1, 1) : 0.0;
+        for (int k = 2; k <= nk; ++k) {
+            eig.e_fermi = std::max(eig.e_fermi, eig.en_i(n_occ, k));
+            if (n_occ < ns) lumo = std::min(lumo, eig.en_i(n_occ + 1, k));
+        }
         eig.e_band = eig.e_filled;
         eig.e_ts = 0.0;
-        eig.e_gap = n_occ < ns ? eig.en_i(n_occ + 1, nk) - eig.en_i(n_occ, nk) : 0.0;
+        eig.e_gap = n_occ < ns ? lumo - eig.e_fermi : 0.0;
     }
     eig.e_gap = std::max(eig.e_gap, 0.0);
 }
@@ -357,7 +389,7 @@ void eig_state_read_psi_k(eig_state_type& eig, int k, int unit, std::string_view
 }
 
 void eig_state_write(eig_state_type& eig, int unit, std::string_view file) {
-    if (eig.n_psi != n_kpt(eig)) {
+    if (eig.n_psi != n_kpt(eig) || !eig.zpsi_k.empty()) {
         warning_error("Only one psi(k) is stored in memory, ignoring call.", "eig_state_write",
                       mod);
         return;
@@ -390,7 +422,7 @@ void eig_state_write(eig_state_type& eig, int unit, std::string_view file) {
 }
 
 void eig_state_read(eig_state_type& eig, int unit, std::string_view file) {
-    if (eig.n_psi != n_kpt(eig)) {
+    if (eig.n_psi != n_kpt(eig) || !eig.zpsi_k.empty()) {
         warning_error("Only one psi(k) is stored in memory, ignoring call.", "eig_state_read", mod);
         return;
     }
@@ -433,6 +465,24 @@ void eig_print_eigen_energies(const eig_state_type& eig, int unit,
         }
     }
     if (file) unit_close(unit);
+}
+
+void eig_write_bands(const eig_state_type& eig, std::string_view file) {
+    const kpt_type& kpt = *eig.kpt;
+    const int unit = next_free_unit();
+    unit_open(unit, std::string(file), "replace");
+    write_free(unit, {"# levels along the path of KPTS:", kpt.n_k, "points,", eig.n_states,
+                      "levels each; Fermi level of the path's own filling (eV):", eig.e_fermi});
+    write_free(unit, {"# x (1/Angstrom)  label  levels (eV)"});
+    for (int k = 1; k <= kpt.n_k; ++k) {
+        const std::string& l = kpt.label[static_cast<std::size_t>(k - 1)];
+        std::string line =
+            format_items("(F12.6,1X,A8)", {kpt.path_x[static_cast<std::size_t>(k - 1)],
+                                           l.empty() ? std::string("-") : l});
+        for (int i = 1; i <= eig.n_states; ++i) line += format_items("(F14.6)", {eig.en_i(i, k)});
+        unit_write(unit, line);
+    }
+    unit_close(unit);
 }
 
 // ---- forces ----------------------------------------------------------------------
@@ -510,6 +560,93 @@ void setup_dh_dm_r(const hamiltonian_type& ham, const farray<double, 2>& psi, co
     if (own.allocated()) cd_real_1d(own, "density_matrix", proc, mod);
 }
 
+bool eig_kpt_mine(const eig_state_type& /*eig*/, int k) {
+    return (k - 1) % n_proc == my_proc;
+}
+
+void eig_kpt_density(const hamiltonian_type& ham, const ions_type& ions, eig_state_type& eig,
+                     const farray<double, 2>& w, farray<double, 2>& dm,
+                     farray<double, 1>* dm_diag) {
+    const phase_timer wall(phase_density);
+    const sparse_1d_matrix_desc_type& sd = ham.desc;
+    const pdist_type& pd = *sd.row_pdist;
+    const int n_dim = eig.n_dim, ns = eig.n_states;
+    const long rows = dm.extent(0);
+    for (int il = 1; il <= pd.l_n; ++il) std::fill(&dm(1, il), &dm(1, il) + rows, 0.0);
+    if (dm_diag != nullptr) dm_diag->fill(0.0);
+    // D_k = sum_s w_s psi_s psi_s^H as two Hermitian rank-k updates (weights of
+    // either sign), in zh; the scaled states in zx.
+    farray<dcomplex, 2>& d = eig.zh;
+    farray<dcomplex, 2>& a = eig.zx;
+    for (int k = 1; k <= n_kpt(eig); ++k) {
+        if (!eig_kpt_mine(eig, k)) continue;
+        const farray<dcomplex, 2>& psi = eig.zpsi_k[static_cast<std::size_t>(k - 1)];
+        bool first = true;
+        for (const double sign : {1.0, -1.0}) {
+            int c = 0;
+            for (int j = 1; j <= ns; ++j) {
+                if (!(w(j, k) * sign > 0.0)) continue;
+                ++c;
+                const double root = std::sqrt(std::fabs(w(j, k)));
+                for (int r = 1; r <= n_dim; ++r) a(r, c) = root * psi(r, j);
+            }
+            if (c == 0) continue;
+            const double beta = first ? 0.0 : 1.0;
+            zherk_("U", "N", &n_dim, &c, &sign, a.data(), &n_dim, &beta, d.data(), &n_dim);
+            first = false;
+        }
+        if (first) continue; // no state carries weight
+        if (dm_diag != nullptr)
+            for (int r = 1; r <= n_dim; ++r) (*dm_diag)(r) += d(r, r).real();
+                // D(y, x) of row x of ion i and column y of its entry, from the upper triangle.
+#pragma omp parallel for schedule(dynamic, 4)
+        for (int il = 1; il <= pd.l_n; ++il) {
+            const int ig = pd.l2g(il);
+            const nn_list_type& nl = ions_nn_list(ions, ig);
+            const int no = sd.row_block_dim(ig), r0 = sd.row_block_offset(ig);
+            const int origin[3] = {0, 0, 0};
+            for (int jb = 1; jb <= sd.n_blocks(ig); ++jb) {
+                const dcomplex ph =
+                    kpt_lattice_phase(*eig.kpt, k, jb == 1 ? origin : &nl.trans(1, jb - 1));
+                const int c0 = sd.sblock_offset(jb, ig), no2 = sd.pblock_dim(jb, ig);
+                int l = sd.ublock_offset(jb, ig);
+                for (int b = 0; b < no2; ++b)
+                    for (int r = 0; r < no; ++r, ++l) {
+                        const int x = r0 + r, y = c0 + b;
+                        const dcomplex dyx = x <= y ? std::conj(d(x, y)) : d(y, x);
+                        dm(l, il) += (dyx * ph).real();
+                    }
+            }
+        }
+    }
+    if (n_proc > 1) {
+        gsum_real_ptr(dm.data(), rows * pd.l_n);
+        if (dm_diag != nullptr) gsum_real_vec(*dm_diag);
+    }
+}
+
+void eig_kpt_local_proj(const hamiltonian_type& ham, const farray<double, 2>& dm,
+                        farray<double, 1>& out) {
+    const sparse_1d_matrix_desc_type& sd = ham.desc;
+    const pdist_type& pd = *sd.row_pdist;
+    const bool non_orth = ham.tb_model->non_orthogonal;
+    for (int il = 1; il <= pd.l_n; ++il) {
+        const int ig = pd.l2g(il);
+        const int no = sd.row_block_dim(ig);
+        double q = 0.0;
+        if (non_orth) {
+            const int l0 = sd.ublock_offset(1, ig);
+            const int l1 =
+                sd.ublock_offset(sd.n_blocks(ig), ig) + sd.ublock_dim(sd.n_blocks(ig), ig);
+            for (int l = l0; l < l1; ++l) q += dm(l, il) * ham.s_ab(l, il);
+        } else {
+            const int l0 = sd.ublock_offset(1, ig);
+            for (int a = 0; a < no; ++a) q += dm(l0 + a * (no + 1), il);
+        }
+        out(ig) += q;
+    }
+}
+
 namespace {
 
 // The weight of state i at k-point k in the derivatives of the band energy: twice
@@ -564,7 +701,19 @@ void eig_forces_dm(hamiltonian_type& ham, ions_type& ions, const box_type& box, 
     farray<double, 2>& dm = eig.dm;
     farray<double, 1>& dm_diag = eig.dm_diag;
     const bool on_site = ham.tb_model->on_site_env;
-    for (int k = 1; k <= nk; ++k) {
+    if (kpt_general(*eig.kpt)) {
+        // The real-space density matrices of all points against the gradient blocks.
+        calc_hs_grad_real(ham, ions, box);
+        if (charges && non_orth) modify_dh_ab(ham, *scc, 0.0);
+        eig_kpt_density(ham, ions, eig, wf, dm, on_site ? &dm_diag : nullptr);
+        acum_dm_boost_r(ham, 1.0, ions.f, dm, ham.dh_ab, fboost, &ions.boost,
+                        on_site ? &dm_diag : nullptr, on_site ? &ham.dh_aa : nullptr);
+        if (non_orth) {
+            eig_kpt_density(ham, ions, eig, wen, dm, nullptr);
+            acum_dm_boost_r(ham, 1.0, ions.f, dm, ham.ds_ab, fboost, &ions.boost, nullptr, nullptr);
+        }
+    }
+    for (int k = 1; k <= (kpt_general(*eig.kpt) ? 0 : nk); ++k) {
         calc_hs_grad_real(ham, ions, box);
         if (charges && non_orth) modify_dh_ab(ham, *scc, 0.0);
         eig_set_psi(eig, k);
@@ -604,6 +753,7 @@ void eig_stress(hamiltonian_type& ham, ions_type& ions, box_type& box, eig_state
     const bool non_orth = ham.tb_model->non_orthogonal;
     const double sigma = eig.kpt->sigma;
     const bool charges = scc != nullptr && scc->used;
+    const bool general = kpt_general(*eig.kpt);
     for (int k = 1; k <= nk; ++k)
         for (int j = 1; j <= eig.col_pdist.l_n; ++j) {
             const int i = eig.col_pdist.l2g(j);
@@ -611,21 +761,27 @@ void eig_stress(hamiltonian_type& ham, ions_type& ions, box_type& box, eig_state
             // Without smearing the weight of the k-point is not in beta.
             if (!non_orth)
                 eig.beta(j, k) = 0.0;
-            else if (sigma <= 0.0)
+            else if (sigma <= 0.0 && !general)
                 eig.beta(j, k) = -2.0 * eig.en_i(i, k) * eig.occ(i, k);
             else
                 eig.beta(j, k) = -eig.en_i(i, k) * eig.alpha(j, k);
         }
     double sig[6] = {0, 0, 0, 0, 0, 0};
     const bool on_site = ham.tb_model->on_site_env;
-    if (eig_distributed(eig)) {
+    if (eig_distributed(eig) || general) {
         // The density matrices of the two weights, in the layout of the blocks,
         // against the strain gradients.
         eig_forces_reserve(eig, ham);
         farray<double, 2> dm_s;
         if (non_orth) ca_real_2d(dm_s, 1, eig.dm.extent(0), 1, eig.dm.extent(1), "dm_s", proc, mod);
-        setup_dh_dm_dist(ham, eig, &eig.alpha(1, 1), ns, eig.dm, on_site ? &eig.dm_diag : nullptr);
-        if (non_orth) setup_dh_dm_dist(ham, eig, &eig.beta(1, 1), ns, dm_s, nullptr);
+        if (general) {
+            eig_kpt_density(ham, ions, eig, eig.alpha, eig.dm, on_site ? &eig.dm_diag : nullptr);
+            if (non_orth) eig_kpt_density(ham, ions, eig, eig.beta, dm_s, nullptr);
+        } else {
+            setup_dh_dm_dist(ham, eig, &eig.alpha(1, 1), ns, eig.dm,
+                             on_site ? &eig.dm_diag : nullptr);
+            if (non_orth) setup_dh_dm_dist(ham, eig, &eig.beta(1, 1), ns, dm_s, nullptr);
+        }
         for (const int c : {1, 4}) {
             calc_hs_grad_real(ham, ions, box, "B", c == 1 ? "D" : "O");
             if (charges && non_orth) modify_dh_ab(ham, *scc, 0.0);

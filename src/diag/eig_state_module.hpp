@@ -48,6 +48,10 @@ struct eig_state_type {
     farray<double, 2> h_loc, s_loc, z_loc, sz_loc;
     pdist_type row_pdist; // basis functions
     pdist_type col_pdist; // states
+    // The k-point path: dense complex H(k), S(k) and the solver's vectors, and the
+    // states of every point (complex, n_dim x n_states) that this process solves.
+    farray<dcomplex, 2> zh, zs, zx;
+    std::vector<farray<dcomplex, 2>> zpsi_k;
 };
 
 void eig_state_allocate(eig_state_type& eig, int n_dim, int n_states, double n_el, int block_row,
@@ -79,6 +83,25 @@ void eig_state_read_psi_k(eig_state_type& eig, int k, int unit, std::string_view
 // b: the cell's inverse matrix, for the k-points in Cartesian units.
 void eig_print_eigen_energies(const eig_state_type& eig, int unit,
                               std::optional<std::string_view> file = std::nullopt);
+
+// The k-point path: whether point k is solved by this process (the points are
+// dealt round the processes), and the real-space density matrix of the blocks,
+// dm(block of ion i and entry (j, n)) = sum over k of Re[exp(2 pi i k.n) D_k(j, i)]
+// with D_k = sum_s w(s, k) psi_s psi_s^H, summed over the processes; dm_diag the
+// diagonal of the ion's own block. The weights w hold the k weights.
+bool eig_kpt_mine(const eig_state_type& eig, int k);
+void eig_kpt_density(const hamiltonian_type& ham, const ions_type& ions, eig_state_type& eig,
+                     const farray<double, 2>& w, farray<double, 2>& dm, farray<double, 1>* dm_diag);
+// Mulliken projection of a real-space density matrix on the ions, added into out:
+// the trace of dm with the overlap blocks (the diagonal of the ion's own block
+// for an orthogonal model).
+void eig_kpt_local_proj(const hamiltonian_type& ham, const farray<double, 2>& dm,
+                        farray<double, 1>& out);
+
+// The levels along a path of k-points into the file `file`: a header, then per
+// point its distance along the path (1/Angstrom), its label ("-" between corners)
+// and its levels (eV).
+void eig_write_bands(const eig_state_type& eig, std::string_view file);
 
 // The block density matrix of the forces in the layout of ham's blocks; taken at
 // set-up (a fresh array costs page faults at every step) and kept.

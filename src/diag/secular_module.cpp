@@ -7,6 +7,7 @@
 #include "model/tb_hs_module.hpp"
 #include "neighbours/pbc_module.hpp"
 #include "numerics/fitpoly.hpp"
+#include "parallel/mpi_module.hpp"
 
 #include <algorithm>
 #include <cmath>
@@ -25,10 +26,11 @@ void debug_print_hs() {}
 
 // A matrix element that is not finite comes from a model coefficient too large for
 // the distances at hand; the solver would return garbage for it.
-void check_finite(const farray<double, 2>& m, const char* name) {
+template <class T>
+void check_finite(const farray<T, 2>& m, const char* name) {
     for (long j = 1; j <= m.extent(1); ++j)
         for (long i = 1; i <= m.extent(0); ++i)
-            if (!std::isfinite(m(i, j)))
+            if (!std::isfinite(std::abs(m(i, j))))
                 fatal_error(std::string(name) + " holds a number that is not finite at row " +
                                 std::to_string(i) + ", column " + std::to_string(j) +
                                 ": a coefficient of the parameter file is out of range",
@@ -153,6 +155,69 @@ void solve_point(hamiltonian_type& ham, ions_type& ions, const box_type& box, ei
     }
 }
 
+// The levels and states of point k of a k-point run from the blocks (built once
+// per pass): the real solver where H(k) is real, the complex one elsewhere. The
+// states are kept as complex columns either way.
+void solve_point_k(hamiltonian_type& ham, const ions_type& ions, eig_state_type& eig,
+                   const scc_type* scc_arg, int k, bool vectors) {
+    const int n_dim = eig.n_dim, n_states = eig.n_states;
+    const kpt_type& kpt = *eig.kpt;
+    const bool non_orth = ham.tb_model->non_orthogonal;
+    farray<dcomplex, 2>& psi = eig.zpsi_k[static_cast<std::size_t>(k - 1)];
+    if (kpt.real_point[static_cast<std::size_t>(k - 1)] != 0) {
+        get_hs_ij_kreal(ham, ions, kpt, k, &eig.h_ij, non_orth ? &eig.s_ij : nullptr, scc_arg);
+        check_finite(eig.h_ij, "the Hamiltonian");
+        if (non_orth) check_finite(eig.s_ij, "the overlap");
+        if (vectors && non_orth)
+            calc_gen_eigen_vectors_real(eig.h_ij, eig.s_ij, n_dim, eig.ework, eig.x, eig.d);
+        else if (vectors)
+            calc_eigen_vectors_real(eig.h_ij, n_dim, eig.ework, eig.x, eig.d);
+        else if (non_orth)
+            calc_gen_eigen_values_real(eig.h_ij, eig.s_ij, n_dim, eig.ework, eig.d);
+        else
+            calc_eigen_values_real(eig.h_ij, n_dim, eig.ework, eig.d);
+        if (vectors)
+            for (int j = 1; j <= n_states; ++j)
+                for (int r = 1; r <= n_dim; ++r) psi(r, j) = eig.x(r, j);
+    } else {
+        get_hs_ij_complex(ham, ions, kpt, k, &eig.zh, non_orth ? &eig.zs : nullptr, scc_arg);
+        check_finite(eig.zh, "the Hamiltonian");
+        if (non_orth) check_finite(eig.zs, "the overlap");
+        if (vectors && non_orth)
+            calc_gen_eigen_vectors_complex(eig.zh, eig.zs, n_dim, eig.ework, eig.zx, eig.d);
+        else if (vectors)
+            calc_eigen_vectors_complex(eig.zh, n_dim, eig.ework, eig.zx, eig.d);
+        else if (non_orth)
+            calc_gen_eigen_values_complex(eig.zh, eig.zs, n_dim, eig.ework, eig.d);
+        else
+            calc_eigen_values_complex(eig.zh, n_dim, eig.ework, eig.d);
+        if (vectors)
+            for (int j = 1; j <= n_states; ++j)
+                for (int r = 1; r <= n_dim; ++r) psi(r, j) = eig.zx(r, j);
+    }
+    for (int i = 1; i <= n_states; ++i) eig.en_i(i, k) = eig.ework(i);
+}
+
+// The k-point run's Mulliken charges and band energies per ion, from the real-space
+// density matrices of all points (into the charge record in the charge loop).
+void project_on_ions_k(hamiltonian_type& ham, ions_type& ions, eig_state_type& eig, scc_type& scc,
+                       bool scc_used, farray<double, 1>& elocal) {
+    const int nk = eig.kpt->n_k, ns = eig.n_states;
+    farray<double, 2> w;
+    w.allocate({1, 1}, {ns, nk});
+    eig_forces_reserve(eig, ham);
+    for (const bool energies : {false, true}) {
+        for (int k = 1; k <= nk; ++k)
+            for (int i = 1; i <= ns; ++i)
+                w(i, k) =
+                    2.0 * eig.occ(i, k) * eig.kpt->weight(k) * (energies ? eig.en_i(i, k) : 1.0);
+        eig_kpt_density(ham, ions, eig, w, eig.dm, nullptr);
+        farray<double, 1>& out =
+            energies ? (scc_used ? scc.qi_2 : elocal) : (scc_used ? scc.qi_1 : ions.qion);
+        eig_kpt_local_proj(ham, eig.dm, out);
+    }
+}
+
 // The occupied states projected on the ions, summed over the k-points: Mulliken
 // charges and band energies per ion (into the charge record in the charge loop).
 void project_on_ions(hamiltonian_type& ham, ions_type& ions, eig_state_type& eig, scc_type& scc,
@@ -211,7 +276,8 @@ void solve_secular_eqn(hamiltonian_type& ham, ions_type& ions, const box_type& b
     const bool non_orth = ham.tb_model->non_orthogonal;
     const bool vectors = jobz == 'v' || jobz == 'V';
     // The distributed matrices are filled from the blocks.
-    const bool direct = (hs_mode == 'c' || hs_mode == 'C') && !eig_distributed(eig);
+    const bool general = kpt_general(*eig.kpt);
+    const bool direct = (hs_mode == 'c' || hs_mode == 'C') && !eig_distributed(eig) && !general;
     const bool scc_used = elec_algo.scc_used;
     int iter_max = 1, iter_min = 1;
     if (scc_used) {
@@ -236,13 +302,28 @@ void solve_secular_eqn(hamiltonian_type& ham, ions_type& ions, const box_type& b
             scc.qi_1.fill(0.0);
             scc.qi_2.fill(0.0);
         }
-        for (int k = 1; k <= eig.kpt->n_k; ++k) {
-            if (debug > 0) std::fputs(".", stdout);
-            solve_point(ham, ions, box, eig, scc_arg, k, iter == 0, direct, vectors,
-                        scc_used || calc_elocal);
+        if (general) {
+            // The blocks do not depend on k: built once, then every point of this
+            // process; the levels of the others come from them.
+            if (iter == 0) calc_hs_real(ham, ions, box);
+            eig.en_i.fill(0.0);
+            for (int k = 1; k <= eig.kpt->n_k; ++k) {
+                if (debug > 0) std::fputs(".", stdout);
+                if (eig_kpt_mine(eig, k)) solve_point_k(ham, ions, eig, scc_arg, k, vectors);
+            }
+            if (n_proc > 1) gsum_real_mat(eig.en_i);
+        } else {
+            for (int k = 1; k <= eig.kpt->n_k; ++k) {
+                if (debug > 0) std::fputs(".", stdout);
+                solve_point(ham, ions, box, eig, scc_arg, k, iter == 0, direct, vectors,
+                            scc_used || calc_elocal);
+            }
         }
         eig_calc_energy(eig);
-        project_on_ions(ham, ions, eig, scc, scc_used, calc_elocal, elocal);
+        if (general && (scc_used || calc_elocal))
+            project_on_ions_k(ham, ions, eig, scc, scc_used, elocal);
+        else if (!general)
+            project_on_ions(ham, ions, eig, scc, scc_used, calc_elocal, elocal);
         if (scc_used) dq_max = mix_charges(ions, scc, elec_algo, mixer);
         e_old = e_new;
         if (scc_used) {

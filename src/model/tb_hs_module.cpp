@@ -12,6 +12,7 @@
 #include <array>
 #include <cctype>
 #include <cmath>
+#include <type_traits>
 #include <vector>
 
 namespace lyrt {
@@ -339,6 +340,75 @@ void get_hs_ij_real(const hamiltonian_type& ham, farray<double, 2>* h_ij, farray
     if (scc != nullptr) add_scc_terms(ham, *scc, *h_ij, s_ij);
 }
 
+namespace {
+
+template <class T>
+T phase_as(dcomplex p) {
+    if constexpr (std::is_same_v<T, double>)
+        return p.real();
+    else
+        return p;
+}
+
+template <class T>
+void get_hs_ij_kpt(const hamiltonian_type& ham, const ions_type& ions, const kpt_type& kpt, int ik,
+                   farray<T, 2>* h_ij, farray<T, 2>* s_ij, const scc_type* scc, const char* proc) {
+    const phase_timer wall(phase_assembly);
+    const bool non_orth = ham.tb_model->non_orthogonal;
+    if (h_ij == nullptr && s_ij == nullptr)
+        fatal_error("Routine called without arguments !", -1, proc, mod);
+    if (s_ij != nullptr && !non_orth)
+        fatal_error("Trying to calculate S for an orthogonal TB model !", -1, proc, mod);
+    const bool charges = scc != nullptr && scc->used && h_ij != nullptr;
+    const sparse_1d_matrix_desc_type& sd = ham.desc;
+    const pdist_type& pd = *sd.row_pdist;
+    if (h_ij != nullptr) h_ij->fill(T(0));
+    if (s_ij != nullptr) s_ij->fill(T(0));
+    const int n_local = pd.l_n;
+    // Each ion adds into the rows of its own orbitals.
+#pragma omp parallel for schedule(dynamic, 4)
+    for (int il = 1; il <= n_local; ++il) {
+        const int ig = pd.l2g(il);
+        const nn_list_type& nl = ions_nn_list(ions, ig);
+        const int no = sd.row_block_dim(ig), r0 = sd.lrow_block_offset(il);
+        for (int j = 1; j <= sd.n_blocks(ig); ++j) {
+            const int no2 = sd.pblock_dim(j, ig), c0 = sd.sblock_offset(j, ig);
+            const int origin[3] = {0, 0, 0};
+            const T ph =
+                phase_as<T>(kpt_lattice_phase(kpt, ik, j == 1 ? origin : &nl.trans(1, j - 1)));
+            const double f = charges && non_orth
+                                 ? 0.5 * (scc->qaux(ig) + scc->qaux(sd.block_index(j, ig)))
+                                 : 0.0;
+            int l = sd.ublock_offset(j, ig);
+            for (int b = 0; b < no2; ++b)
+                for (int a = 0; a < no; ++a, ++l) {
+                    if (h_ij != nullptr) {
+                        double h = ham.h_ab(l, il);
+                        if (non_orth) h += f * ham.s_ab(l, il);
+                        (*h_ij)(r0 + a, c0 + b) += ph * h;
+                    }
+                    if (s_ij != nullptr) (*s_ij)(r0 + a, c0 + b) += ph * ham.s_ab(l, il);
+                }
+        }
+        if (charges && !non_orth)
+            for (int a = 0; a < no; ++a) (*h_ij)(r0 + a, r0 + a) += scc->qaux(ig);
+    }
+}
+
+} // namespace
+
+void get_hs_ij_complex(const hamiltonian_type& ham, const ions_type& ions, const kpt_type& kpt,
+                       int ik, farray<dcomplex, 2>* h_ij, farray<dcomplex, 2>* s_ij,
+                       const scc_type* scc) {
+    get_hs_ij_kpt(ham, ions, kpt, ik, h_ij, s_ij, scc, "get_hs_ij_complex");
+}
+
+void get_hs_ij_kreal(const hamiltonian_type& ham, const ions_type& ions, const kpt_type& kpt,
+                     int ik, farray<double, 2>* h_ij, farray<double, 2>* s_ij,
+                     const scc_type* scc) {
+    get_hs_ij_kpt(ham, ions, kpt, ik, h_ij, s_ij, scc, "get_hs_ij_kreal");
+}
+
 void calc_hs_ij_bc2d_real(const hamiltonian_type& /*ham*/) {
     const trace_guard trace("calc_hs_ij_bc2d_real", mod);
 }
@@ -469,7 +539,7 @@ void calc_hs_grad_real(hamiltonian_type& ham, const ions_type& ions, const box_t
     const double r2 = box.r_cut * box.r_cut;
     const long ju_max = ham.dh_aa.allocated() ? ham.dh_aa.extent(0) : 0;
     const long l_max = sd.u_n_dim;
-    const int k_diag = mode == mode_force ? 1 : (mode == mode_diagonal ? -1 : -4);
+    const int k_diag = mode == mode_force ? 0 : (mode == mode_diagonal ? -1 : -4);
     const int n_columns = static_cast<int>(want_h ? ham.dh_ab.extent(1) : ham.ds_ab.extent(1));
     for (int il = pd.l_n + 1; il <= n_columns; ++il) clear_column(il);
 

@@ -6,6 +6,7 @@
 #include "model/hamiltonian_module.hpp"
 #include "model/scc_model_module.hpp"
 #include "system/box_module.hpp"
+#include "system/kpt_module.hpp"
 
 #include <string_view>
 
@@ -23,6 +24,17 @@ void calc_hs_ij_real(hamiltonian_type& ham, const ions_type& ions, const box_typ
 void get_hs_ij_real(const hamiltonian_type& ham, farray<double, 2>* h_ij, farray<double, 2>* s_ij,
                     const scc_type* scc);
 void calc_hs_ij_bc2d_real(const hamiltonian_type& ham);
+
+// Dense H(k) and S(k) of point ik from the blocks, whose lists hold one entry per
+// image (box.explicit_images): the block of ion i and entry (j, n) adds exp(2 pi i
+// k.n) times itself at the rows of i and the columns of j. With scc, the charge
+// term 0.5 (qaux(i) + qaux(j)) S of each block (qaux(i) on the diagonal of an
+// orthogonal model). The real form serves the points where the phases are +-1.
+void get_hs_ij_complex(const hamiltonian_type& ham, const ions_type& ions, const kpt_type& kpt,
+                       int ik, farray<dcomplex, 2>* h_ij, farray<dcomplex, 2>* s_ij,
+                       const scc_type* scc);
+void get_hs_ij_kreal(const hamiltonian_type& ham, const ions_type& ions, const kpt_type& kpt,
+                     int ik, farray<double, 2>* h_ij, farray<double, 2>* s_ij, const scc_type* scc);
 
 // Gradient blocks. strain "" (forces): dh_ab(:, il, k) is the derivative of each
 // block by the position of ion ig along k; dh_aa holds the derivatives of the

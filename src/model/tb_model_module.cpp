@@ -832,10 +832,11 @@ void calc_dh_ii_sk_param(const offsite_param_type& p, double* dh_diag, int ld, i
     const int ns = static_cast<int>(sig_rho.extent(1));
     double x;
     const double* dv;
-    if (k < 1) {
+    if (k < 0) {
         x = rho(b, i, 1);
         dv = &sig_rho(-k, b, i);
-    } else if (i != j) {
+    } else if (k > 0) {
+        // Entry k of ion i's list, which may be an image of i itself.
         x = rho(b, j, 1);
         dv = &drho(1, ns + k, i);
     } else {

@@ -114,6 +114,9 @@ void init_on_site(const tb_model_type& tb_model, const ions_type& ions, const nn
 void init_on_site_grad(const tb_model_type& tb_model, const ions_type& ions,
                        const nn_list_type& ic_list, double r_cut);
 void calc_h_ii_sk_param(const offsite_param_type& p, double* h_diag, int i);
+// The derivative of the diagonal energies: k = 0 of ion i's own by its position;
+// k > 0 of those of neighbour j (entry k of i's list, possibly an image of i) by the
+// position of i; k < 0 of i's own by the strain components -k (sig_rho).
 void calc_dh_ii_sk_param(const offsite_param_type& p, double* dh_diag, int ld, int i, int j, int k);
 void calc_on_site_density();
 const farray<double, 3>& on_site_rho();

@@ -196,6 +196,55 @@ void pbc_build_nn_lists(box_type& box, double r_cut, std::optional<double> lo_ra
     pbc_calc_nn_lists(box, std::min(2 * box.ions.max_n_nn, box.ions.total_n_ions));
 }
 
+void pbc_expand_images(box_type& box) {
+    ions_type& ions = box.ions;
+    const nn_list_type& ic = box.ic_all;
+    const double r_cut2 = box.r_cut * box.r_cut;
+    const double* b = box.cell.b.data();
+    nn_list_type out;
+    nn_allocate(out, 1, "explicit_list");
+    int largest = 0;
+    for (int i = 1; i <= ions.total_n_ions; ++i) {
+        nn_list_type& nl = ions_nn_list(ions, i);
+        nn_reset(out);
+        // The ion's own images, then every image of each neighbour.
+        for (int c = 1; c <= ic.n_nn; ++c) {
+            const double* tr = &ic.r_ij(1, c);
+            const double d2 = norm2(tr);
+            if (r_cut2 >= d2 && d2 > self_image_min)
+                nn_add_is(out, i, std::sqrt(d2), tr, &ic.trans(1, c));
+        }
+        for (int n = 1; n <= nl.n_nn; ++n) {
+            const int j = nl.index(n);
+            // The lattice vector of the listed image: r_ij - (r_j - r_i) in cell units.
+            int l0[3];
+            double d[3];
+            for (int k = 0; k < 3; ++k)
+                d[k] = nl.r_ij(k + 1, n) - ions.r(k + 1, j) + ions.r(k + 1, i);
+            for (int k = 0; k < 3; ++k)
+                l0[k] =
+                    static_cast<int>(std::lround(b[k] * d[0] + b[k + 3] * d[1] + b[k + 6] * d[2]));
+            for (int c = 1; c <= ic.n_nn; ++c) {
+                const double v[3] = {nl.r_ij(1, n) + ic.r_ij(1, c), nl.r_ij(2, n) + ic.r_ij(2, c),
+                                     nl.r_ij(3, n) + ic.r_ij(3, c)};
+                const double v2 = norm2(v);
+                if (!(r_cut2 >= v2)) continue;
+                const int t[3] = {l0[0] + ic.trans(1, c), l0[1] + ic.trans(2, c),
+                                  l0[2] + ic.trans(3, c)};
+                nn_add_is(out, j, std::sqrt(v2), v, t);
+            }
+        }
+        const std::string name = nl.name;
+        nn_list_copy(nl, out);
+        nl.name = name;
+        largest = std::max(largest, nl.n_nn);
+    }
+    nn_deallocate(out);
+    ions.max_n_nn = largest;
+    // Room for the lists to grow as the ions move, as for the minimum-image lists.
+    if (largest > ions.ub_n_nn) ions.ub_n_nn = 2 * largest;
+}
+
 void pbc_calc_nn_lists(box_type& box, std::optional<int> n_alloc, bool check) {
     const char* proc = "pbc_init_nn_lists";
     const trace_guard trace(proc, mod);
@@ -248,11 +297,14 @@ void pbc_calc_nn_lists(box_type& box, std::optional<int> n_alloc, bool check) {
             }
         }
     }
+    // Lists with explicit images are counted afresh (they are expanded below).
+    if (box.explicit_images) ions.max_n_nn = 0;
     for (std::size_t i = 0; i < n; ++i)
         ions.max_n_nn = std::max(ions.max_n_nn, ions.nn_list[i].n_nn);
     pbc_check_min_dist(box);
     if (ions.max_n_nn > ions.total_n_ions)
         fatal_error("The maximum # of NN is larger than # of ions!", ions.max_n_nn, proc, mod);
+    if (box.explicit_images) pbc_expand_images(box);
     if (ions.max_n_nn > ions.ub_n_nn)
         fatal_error("The maximum # of NN is larger than the maximum allowed!", ions.max_n_nn, proc,
                     mod);

@@ -27,6 +27,9 @@ void pbc_calc_nn_lists(box_type& box, std::optional<int> n_alloc = std::nullopt,
 // The box of a new cell or cut-off, its image cells and sub-boxes with the ions in
 // them, then the lists, each allocated for twice the largest count (at most every ion).
 void pbc_build_nn_lists(box_type& box, double r_cut, std::optional<double> lo_rad = std::nullopt);
+// Replaces each list by one entry per image within the cut-off (the ion's own
+// images included), each with its lattice vector in trans, from box.ic_all.
+void pbc_expand_images(box_type& box);
 // The sub-box search: the same pairs from the ions of the neighbouring sub-boxes.
 void pbc_calc_sb_ion_nn(box_type& box, int i, nn_list_type& nn_list, nn_list_type& nn_hi_list,
                         const sub_box_type& sb);
@@ -57,7 +60,9 @@ void pbc_for_pair_terms(const box_type& box, F&& f) {
     for (int i = 1; i <= ions.total_n_ions; ++i) {
         const nn_list_type& nl = ions_nn_list(ions, i);
         if (ic.n_nn < 2) {
-            for (int n = 1; n <= nl.n_nn; ++n) f(i, nl.index(n), &nl.r_ij(1, n), nl.dist(n), false);
+            // Lists with explicit images hold an ion's own images as entries of itself.
+            for (int n = 1; n <= nl.n_nn; ++n)
+                f(i, nl.index(n), &nl.r_ij(1, n), nl.dist(n), nl.index(n) == i);
             continue;
         }
         for (int c = 1; c <= ic.n_nn; ++c) {

@@ -17,6 +17,12 @@ void dsyrk_(const char* uplo, const char* trans, const int* n, const int* k, con
 void dtrsm_(const char* side, const char* uplo, const char* transa, const char* diag, const int* m,
             const int* n, const double* alpha, const double* a, const int* lda, double* b,
             const int* ldb);
+void zherk_(const char* uplo, const char* trans, const int* n, const int* k, const double* alpha,
+            const std::complex<double>* a, const int* lda, const double* beta,
+            std::complex<double>* c, const int* ldc);
+void ztrsm_(const char* side, const char* uplo, const char* transa, const char* diag, const int* m,
+            const int* n, const std::complex<double>* alpha, const std::complex<double>* a,
+            const int* lda, std::complex<double>* b, const int* ldb);
 void dtrsv_(const char* uplo, const char* trans, const char* diag, const int* n, const double* a,
             const int* lda, double* x, const int* incx);
 
@@ -37,6 +43,16 @@ void zheev_(const char* jobz, const char* uplo, const int* n, std::complex<doubl
 void zhegv_(const int* itype, const char* jobz, const char* uplo, const int* n,
             std::complex<double>* a, const int* lda, std::complex<double>* b, const int* ldb,
             double* w, std::complex<double>* work, const int* lwork, double* rwork, int* info);
+void zheevd_(const char* jobz, const char* uplo, const int* n, std::complex<double>* a,
+             const int* lda, double* w, std::complex<double>* work, const int* lwork, double* rwork,
+             const int* lrwork, int* iwork, const int* liwork, int* info);
+void zhegvd_(const int* itype, const char* jobz, const char* uplo, const int* n,
+             std::complex<double>* a, const int* lda, std::complex<double>* b, const int* ldb,
+             double* w, std::complex<double>* work, const int* lwork, double* rwork,
+             const int* lrwork, int* iwork, const int* liwork, int* info);
+void zpotrf_(const char* uplo, const int* n, std::complex<double>* a, const int* lda, int* info);
+void zhegst_(const int* itype, const char* uplo, const int* n, std::complex<double>* a,
+             const int* lda, const std::complex<double>* b, const int* ldb, int* info);
 void dpotrf_(const char* uplo, const int* n, double* a, const int* lda, int* info);
 void dsygst_(const int* itype, const char* uplo, const int* n, double* a, const int* lda,
              const double* b, const int* ldb, int* info);

@@ -305,6 +305,7 @@ void print_system_status(box_type& box, ions_state_type& st, const i_algo_type& 
         if (!i_am_master) return;
         print_configuration(box, st, i_algo, elec, elec_algo, tb_model, unit);
         if (diag) eig_print_eigen_energies(*elec->eig, unit);
+        if (diag && elec->eig->kpt->mode == kpt_mode_path) eig_write_bands(*elec->eig, "BANDS");
         save_restart(st, i_algo, elec, elec_algo, diag, unit);
         return;
     }

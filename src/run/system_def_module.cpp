@@ -23,8 +23,10 @@ void init_system() {
     tb_model_read_param(sys.box.ions.species, sys.tb_model, "TBPARAM", sys.box.ions.n_species);
     read_input("INLYRT", sys.elec_algo, sys.i_algo, sys.tb_model, sys.kpt, sys.system_name,
                sys.n_electrons, sys.n_states, sys.n_h_dup);
-    init_system_ions();
+    // A sampling of k-points needs one neighbour entry per image (each has its phase).
     kpt_read_and_allocate(sys.kpt, sys.box.cell.b, "KPTS", kpt_unit);
+    sys.box.explicit_images = kpt_general(sys.kpt) && !sys.tb_model.classical;
+    init_system_ions();
     barrier();
     init_system_elec();
 }
@@ -111,6 +113,25 @@ void init_system_elec() {
     elec_state_init(*sys.elec_state, sys.n_basis, sys.n_states, sys.n_electrons, sys.kpt);
     pdist_init(sys.states_pdist, sys.n_states, 1, n_proc, my_proc, "bc");
     const auto uses = [](int code) { return sys.elec_algo.gs == code || sys.elec_algo.md == code; };
+    if (sys.kpt.mode == kpt_mode_path) {
+        // A band structure: the levels along the path, nothing that sums over it.
+        if (sys.i_algo.n_steps > 0)
+            fatal_error("KPTS gives a path, which is for the levels of one structure (the file "
+                        "BANDS): n_steps must be 0",
+                        sys.i_algo.n_steps, proc, mod);
+        if (sys.elec_algo.scc_used)
+            fatal_error("KPTS gives a path: self-consistent charges need a grid or points", -1,
+                        proc, mod);
+        sys.i_algo.calc_forces = false;
+        sys.i_algo.calc_stress = false;
+    }
+    if (kpt_general(sys.kpt))
+        for (const int code : {sys.elec_algo.gs, sys.elec_algo.md})
+            if (code != elec_algo_diag && code != elec_algo_diag_b)
+                fatal_error("KPTS asks for k-points, which only the diagonalisation (elec_gs_algo "
+                            "and elec_md_algo 2 or 3) samples: the kernel polynomial and orbital "
+                            "solvers work at the gamma point; remove KPTS or choose 2 or 3",
+                            code, proc, mod);
     if (uses(elec_algo_diag) || uses(elec_algo_diag_b)) {
         eig_state_allocate(sys.eig_state, sys.n_basis, sys.n_states, sys.n_electrons, 1, 1,
                            sys.tb_model.non_orthogonal, sys.elec_algo.eigen_vect ? 'V' : 'N',

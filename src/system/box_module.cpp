@@ -127,8 +127,19 @@ void box_calc_ic_list(box_type& box) {
                 nn_add_is(tmp, ++n, std::sqrt(r[0] * r[0] + r[1] * r[1] + r[2] * r[2]), r, t);
             }
     if (box.ic_list.index.allocated()) nn_deallocate(box.ic_list);
+    if (box.ic_all.index.allocated()) nn_deallocate(box.ic_all);
     box.ic_list.name = "box%ic_list";
-    nn_list_copy(box.ic_list, tmp);
+    box.ic_all.name = "box%ic_all";
+    nn_list_copy(box.ic_all, tmp);
+    if (box.explicit_images) {
+        // The lists carry every image: the interactions see the cell itself only.
+        const double zero[3] = {0.0, 0.0, 0.0};
+        const int origin[3] = {0, 0, 0};
+        nn_allocate(box.ic_list, 1, box.ic_list.name);
+        nn_add_is(box.ic_list, 1, 0.0, zero, origin);
+    } else {
+        nn_list_copy(box.ic_list, tmp);
+    }
     nn_deallocate(tmp);
 }
 

@@ -31,7 +31,12 @@ struct box_type {
     double lo_rad2 = 0.0;
     ions_type ions;
     grid_type ic_grid;    // image cells, -ic(k)..ic(k)
-    nn_list_type ic_list; // one entry per image cell
+    nn_list_type ic_list; // one entry per image cell (only the cell itself when explicit_images)
+    // Neighbour lists with one entry per image (an ion's own images included), as a
+    // sampling of k-points needs: every entry then has one lattice vector, in its
+    // trans, and ic_list holds only the zero vector; ic_all holds every image cell.
+    bool explicit_images = false;
+    nn_list_type ic_all;
     int n_sb = 0;
     grid_type sb_grid;    // sub-boxes, 1..sb(k)
     grid_type nn_sb_grid; // neighbour offsets of a sub-box

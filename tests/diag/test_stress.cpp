@@ -21,9 +21,13 @@ using namespace lyrt_test;
 // A model system with its electronic records, strained at will.
 class StrainedSystem : public lyrt_test::program_test, public electronic_records {
   protected:
+    // k: points in cell units (none: the gamma point on lists of summed images).
     void set_up(const std::string& poslyrt, const std::string& tbparam, int n_states, double sigma,
-                bool charges = false) {
+                bool charges = false, const std::vector<double>& k = {}) {
+        s.box.explicit_images = !k.empty();
         build_system(s, dir, poslyrt, tbparam);
+        if (!k.empty())
+            kpt_set_points(kpt, s.box.cell.b, k, std::vector<double>(k.size() / 3, 1.0), false);
         electronic_records_init(*this, s, sigma, charges, n_states);
         a0 = s.box.cell.a.copy();
         r0 = s.box.ions.r.copy();
@@ -249,6 +253,18 @@ TEST_F(StrainedSystem, DensityMatrixBlocksEqualTheSumOverStates) {
         }
     }
     for (int r = 1; r <= n; ++r) EXPECT_NEAR(diag(r), by_hand(r, r), 1e-12) << r;
+}
+
+// On a shifted grid of complex points, with charges and smearing: the real-space
+// density matrices of all points against the strain gradients.
+TEST_F(StrainedSystem, StressOnAShiftedGridWithCharges) {
+    species_set si = read_species_set("Si");
+    si.electrons += " 6.0";
+    const int n[3] = {2, 2, 2};
+    const double half[3] = {0.5, 0.5, 0.5};
+    set_up(si8_rattled, one_species_file(si), 32, 0.1, true, kpt_grid_points(n, half));
+    ASSERT_EQ(kpt.n_k, 4);
+    check(2e-5, "Si 8 on 2 x 2 x 2 shifted, charges, sigma 0.1");
 }
 
 } // namespace

@@ -25,6 +25,33 @@ class DistributedRuns : public ::testing::Test {
     std::filesystem::path dir;
 };
 
+// The points of a k-point run are dealt to the processes: the same energy, forces
+// and stress on 2 and 3 processes (smeared copper on a 3 x 3 x 3 grid of 14 points).
+TEST_F(DistributedRuns, KPointRunsAgreeOverProcessCounts) {
+    const std::string pos = poslyrt(cube(3.61), shaken(fcc(3.61, 1), 0.04), 1);
+    const std::string input = "n_steps = 0\ncalc_forces = T\ncalc_stress = T\nsigma = 0.1\n";
+    run_result runs[3];
+    for (const int np : {1, 2, 3}) {
+        const auto d = dir / ("np" + std::to_string(np));
+        std::filesystem::create_directories(d);
+        write_text(d / "KPTS", "grid = 3 3 3\n");
+        runs[np - 1] = run_case(d, pos, input, tbparam("Cu"), np);
+        ASSERT_EQ(runs[np - 1].status, 0) << np;
+        ASSERT_EQ(runs[np - 1].force.size(), 4u);
+        EXPECT_NE(runs[np - 1].report.find("BRILLOUIN ZONE SAMPLED"), std::string::npos);
+    }
+    for (const int np : {2, 3}) {
+        const run_result& r = runs[np - 1];
+        EXPECT_NEAR(r.e_pot, runs[0].e_pot, 1e-10 * std::fabs(runs[0].e_pot)) << np;
+        for (std::size_t i = 0; i < 4; ++i)
+            for (std::size_t x = 0; x < 3; ++x)
+                EXPECT_NEAR(r.force[i][x], runs[0].force[i][x], 1e-9) << np;
+        EXPECT_NEAR(last_value(r.report, "Pressure:"), last_value(runs[0].report, "Pressure:"),
+                    1e-9)
+            << np;
+    }
+}
+
 TEST_F(DistributedRuns, StaticPointAndDynamicsAgreeOverProcessCounts) {
     // A static point of non-orthogonal Si 64 with forces and stress.
     const std::string pos = poslyrt(cube(10.862), shaken(diamond(5.431, 2), 0.03), 1);

@@ -125,7 +125,11 @@ void gamma_point(kpt_type& kpt, double sigma) {
 void electronic_records_init(electronic_records& r, model_system& s, double sigma, bool charges,
                              int n_states) {
     ions_type& ions = s.box.ions;
-    gamma_point(r.kpt, sigma);
+    // Points set beforehand (a k-point test) stay; otherwise the gamma point.
+    if (r.kpt.n_k == 0)
+        gamma_point(r.kpt, sigma);
+    else
+        r.kpt.sigma = sigma;
     scc_model_init(r.scc, ions, charges, false);
     const int n_dim = s.ham.desc.n_row;
     if (n_states == 0) n_states = sigma > 0.0 ? n_dim : static_cast<int>(r.scc.q_total) / 2;

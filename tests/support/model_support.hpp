@@ -65,10 +65,10 @@ struct electronic_records {
     lyrt::elec_algo_type ea;
     lyrt::ions_state_type st;
 };
-// Gamma with smearing sigma; n_states states (0: half the electrons without smearing,
-// every basis function with it) for the neutral electron count; the charge record,
-// with the charge loop (multisecant mixer, tight tolerances, charges from zero)
-// when `charges`; the ion state on the system.
+// Gamma (or the points already in r.kpt) with smearing sigma; n_states states (0: half the
+// electrons without smearing, every basis function with it) for the neutral electron count; the
+// charge record, with the charge loop (multisecant mixer, tight tolerances, charges from zero) when
+// `charges`; the ion state on the system.
 void electronic_records_init(electronic_records& r, model_system& s, double sigma,
                              bool charges = false, int n_states = 0);
 void electronic_records_free(electronic_records& r);
