@@ -9,6 +9,17 @@ Each calculation writes POSLYRT, INLYRT and TBPARAM into `directory`, runs
 are the program's INLYRT keywords by name. Results are in ASE's units and signs:
 eV, eV/A, and the stress in eV/A^3, positive under tension, Voigt order xx yy zz
 yz xz xy.
+
+`kpts` samples the Brillouin zone (the file KPTS): a grid (4, 4, 4) read as
+Monkhorst-Pack, {"size": (4, 4, 4), "gamma": True}, {"density": 3.5}, a list of
+points in cell units, or a band path (atoms.cell.bandpath(...) or {"path": "LGX",
+"npoints": 60}), which gives levels but no forces:
+
+    calc = Lyrt("Si.tbparam", kpts={"path": "LGXUG", "npoints": 80})
+    atoms.calc = calc; atoms.get_potential_energy(); calc.band_structure().plot()
+
+The Fermi level of a path run is that of the path's own points; take the grid's
+(get_fermi_level of a grid run) as the reference of the plot.
 """
 import os
 import shutil
@@ -26,12 +37,14 @@ class Lyrt(FileIOCalculator):
     implemented_properties = ["energy", "free_energy", "forces", "stress"]
     discard_results_on_any_change = True
 
-    def __init__(self, tbparam, command="lyrt", directory=".", **keywords):
+    def __init__(self, tbparam, command="lyrt", directory=".", kpts=None, **keywords):
         Calculator.__init__(self, directory=directory)
         self.tbparam = os.path.abspath(tbparam)
         self.command = command
         self.species = io.tbparam_species(self.tbparam)
         self.parameters.update(keywords)
+        self.kpts = kpts
+        self.kpts_kind = None
         self.last_results = {}
 
     def write_input(self, atoms, properties=None, system_changes=None):
@@ -41,16 +54,28 @@ class Lyrt(FileIOCalculator):
         keywords = dict(self.parameters)
         keywords.setdefault("system_name", "ASE calculator")
         keywords["n_steps"] = 0
-        keywords["calc_forces"] = True
-        if properties is not None and "stress" in properties:
-            keywords["calc_stress"] = True
+        kpts_file = os.path.join(self.directory, "KPTS")
+        if self.kpts is None:
+            if os.path.exists(kpts_file):
+                os.remove(kpts_file)
+        else:
+            self.kpts_kind = io.write_kpts(kpts_file, self.kpts, atoms)
+        if self.kpts_kind != "path":
+            keywords["calc_forces"] = True
+            if properties is not None and "stress" in properties:
+                keywords["calc_stress"] = True
         io.write_inlyrt(os.path.join(self.directory, "INLYRT"), **keywords)
 
     def calculate(self, atoms=None, properties=("energy",), system_changes=all_changes):
         # The stress costs little beside the forces: it is computed whenever the
         # cell is periodic, so that a later get_stress needs no second run.
         properties = list(properties)
-        if "stress" not in properties and atoms is not None and all(atoms.pbc):
+        if self.kpts is not None and (isinstance(self.kpts, dict) and "path" in self.kpts
+                                      or type(self.kpts).__name__ == "BandPath"):
+            self.kpts_kind = "path"
+            if any(p in properties for p in ("forces", "stress")):
+                raise CalculationFailed("a band path gives levels, not forces or stress")
+        elif "stress" not in properties and atoms is not None and all(atoms.pbc):
             properties.append("stress")
         Calculator.calculate(self, atoms, properties, system_changes)
         self.write_input(self.atoms, properties, system_changes)
@@ -65,7 +90,33 @@ class Lyrt(FileIOCalculator):
     def read_results(self):
         res = io.read_results(self.directory)
         self.last_results = res
-        self.results = {"energy": res["energy"], "free_energy": res["free_energy"],
-                        "forces": res["forces"]}
-        if "stress" in res:
-            self.results["stress"] = res["stress"]
+        self.results = {"energy": res["energy"], "free_energy": res["free_energy"]}
+        for name in ("forces", "stress"):
+            if name in res:
+                self.results[name] = res[name]
+
+    # The levels of the last run, for ASE's band structures and densities of states
+    # (one spin channel: the program is spin-degenerate).
+    def get_ibz_k_points(self):
+        return self.last_results["kpoints"].copy()
+
+    def get_k_point_weights(self):
+        return self.last_results["kpoint_weights"].copy()
+
+    def get_eigenvalues(self, kpt=0, spin=0):
+        return self.last_results["eigenvalues"][kpt].copy()
+
+    def get_fermi_level(self):
+        return self.last_results.get("fermi_level")
+
+    def get_number_of_spins(self):
+        return 1
+
+    def get_spin_polarized(self):
+        return False
+
+    def get_number_of_bands(self):
+        return len(self.last_results["eigenvalues"][0])
+
+    def get_occupation_numbers(self, kpt=0, spin=0):
+        raise NotImplementedError("the report lists levels, not occupations")

@@ -13,7 +13,7 @@ from ase.constraints import FixAtoms, FixCartesian
 from ase.data import atomic_masses, chemical_symbols
 
 __all__ = ["tbparam_species", "write_poslyrt", "read_poslyrt", "write_inlyrt",
-           "read_results"]
+           "write_kpts", "read_results"]
 
 
 def tbparam_species(path):
@@ -241,6 +241,72 @@ def write_inlyrt(path, **keywords):
         f.write("\n".join(out) + "\n")
 
 
+def write_kpts(path, kpts, atoms=None):
+    """Writes KPTS from ASE's forms of `kpts`: a grid (n1, n2, n3), Monkhorst-Pack as
+    ASE reads it (no gamma for even n); a dict {"size": ..., "gamma": True} or
+    {"density": points per 1/A, "gamma": ...} (needs atoms); a BandPath, or a dict
+    {"path": "GXWK", "npoints": n} (needs atoms), for a band-structure run; or an
+    array of points in cell units (equal weights). Returns the kind: "grid",
+    "points" or "path"."""
+    from ase.calculators.calculator import kpts2sizeandoffsets
+    from ase.dft.kpoints import BandPath
+    if isinstance(kpts, dict) and "path" in kpts:
+        kpts = atoms.cell.bandpath(kpts["path"], npoints=kpts.get("npoints", 50))
+    if isinstance(kpts, BandPath):
+        pts = np.asarray(kpts.kpts)
+        names = {}
+        for name, k in kpts.special_points.items():
+            for i, p in enumerate(pts):
+                if np.allclose(p, k, atol=1e-10):
+                    names.setdefault(i, "G" if name == "G" else name)
+        lines = ["path = %d" % len(pts)]
+        for i, p in enumerate(pts):
+            count = "" if i == len(pts) - 1 else " 1"
+            lines.append("%s %.15g %.15g %.15g%s" % (names.get(i, "-"), p[0], p[1], p[2], count))
+        kind = "path"
+    elif isinstance(kpts, dict) or (np.ndim(kpts) == 1 and len(kpts) == 3):
+        if isinstance(kpts, dict):
+            size, offsets = kpts2sizeandoffsets(atoms=atoms, **kpts)
+        else:
+            size, offsets = [int(n) for n in kpts], (0.0, 0.0, 0.0)
+        # Gamma-centred grid shifted by s steps: Monkhorst-Pack is s = 1/2 for even n.
+        shift = [n * o + (0.5 if n % 2 == 0 else 0.0) for n, o in zip(size, offsets)]
+        lines = ["grid = %d %d %d" % tuple(size), "shift = %.15g %.15g %.15g" % tuple(shift)]
+        kind = "grid"
+    else:
+        pts = np.atleast_2d(np.asarray(kpts, dtype=float))
+        lines = ["points = %d" % len(pts)]
+        lines += ["%.15g %.15g %.15g 1" % tuple(p) for p in pts]
+        kind = "points"
+    with open(path, "w") as f:
+        f.write("\n".join(lines) + "\n")
+    return kind
+
+
+def _kpoints(lines):
+    """The k-point block of a report: points in cell units and their weights; the
+    gamma point alone when the report says so."""
+    starts = [i for i, line in enumerate(lines) if line.strip() == "k-points:"]
+    if not starts:
+        return np.zeros((1, 3)), np.ones(1)
+    pts, weights = [], []
+    for line in lines[starts[-1] + 2:]:
+        parts = line.split()
+        if "GAMMA POINT ASSUMED" in line:
+            return np.zeros((1, 3)), np.ones(1)
+        if parts and parts[0] == "grid":
+            continue
+        try:
+            values = [float(x) for x in parts[:7]]
+        except ValueError:
+            break
+        if len(values) < 7:
+            break
+        pts.append(values[:3])
+        weights.append(values[3])
+    return np.array(pts), np.array(weights)
+
+
 _ENERGIES = {
     "energy": r"Potential\s+Energy",
     "atomic_energy": r"Atomic\s+Energy",
@@ -260,8 +326,9 @@ def read_results(folder="."):
     forces are), 'fermi_level', 'energy_gap', 'forces' (eV/A, one row per ion), the
     stress when computed ('stress_tensor': 3 x 3 in the program's sign, eV/A^3,
     positive under compression; 'stress': ASE's Voigt form and sign, xx yy zz yz xz
-    xy, positive under tension), and 'eigenvalues' (one array per k-point; the file
-    EIG is read when the report has none)."""
+    xy, positive under tension), 'eigenvalues' (one array per k-point; the file
+    EIG is read when the report has none), and 'kpoints' (cell units) with
+    'kpoint_weights'."""
     with open(os.path.join(folder, "OUTLYRT")) as f:
         text = f.read()
     lines = text.splitlines()
@@ -297,6 +364,7 @@ def read_results(folder="."):
             eig = _eigenvalues(f.read().splitlines())
     if eig:
         res["eigenvalues"] = eig
+    res["kpoints"], res["kpoint_weights"] = _kpoints(lines)
     return res
 
 

@@ -2,6 +2,8 @@
 
     python3 -m lyrt.plot ENE -o energy.png    energies and temperature against time
     python3 -m lyrt.plot EIG -o spectrum.png  eigenvalues of each listing, Fermi level
+    python3 -m lyrt.plot BANDS -o bands.png   levels along the path of KPTS, corners labelled
+    python3 -m lyrt.plot DOS -o dos.png       density of states, total and per species and shell
 
 ENE of a relaxation (change of the energy and largest force per step) is drawn
 against the step.
@@ -45,6 +47,90 @@ def read_eig(path):
     if fermi is not None:
         listings.append((fermi, np.array(values)))
     return listings
+
+
+def read_bands(path):
+    """BANDS: (Fermi level, distances, labels, levels with one row per point)."""
+    fermi, x, labels, levels = None, [], [], []
+    with open(path) as f:
+        for line in f:
+            if line.startswith("#"):
+                if "Fermi level" in line:
+                    fermi = float(line.split("(eV)")[-1])
+                continue
+            parts = line.split()
+            if len(parts) >= 3:
+                x.append(float(parts[0]))
+                labels.append(parts[1])
+                levels.append([float(v) for v in parts[2:]])
+    return fermi, np.array(x), labels, np.array(levels)
+
+
+def read_dos(path):
+    """DOS: (Fermi level, column names, data with the energy in column 0)."""
+    fermi, names, rows = None, [], []
+    with open(path) as f:
+        for line in f:
+            if line.startswith("# E (eV)"):
+                names = line[len("# E (eV)"):].split()
+            elif line.startswith("#"):
+                if "Fermi level (eV)" in line:
+                    fermi = float(line.split("Fermi level (eV)")[1])
+            elif line.strip():
+                rows.append([float(v) for v in line.split()])
+    return fermi, names, np.array(rows)
+
+
+def _pyplot():
+    import matplotlib
+    matplotlib.use("Agg")
+    import matplotlib.pyplot as plt
+    return plt
+
+
+def plot_bands(path, out):
+    plt = _pyplot()
+    fermi, x, labels, levels = read_bands(path)
+    if levels.size == 0:
+        raise SystemExit("%s has no points" % path)
+    fig, ax = plt.subplots(figsize=(7, 6))
+    zero = fermi if fermi is not None else 0.0
+    ax.plot(x, levels - zero, color="tab:blue", linewidth=1.2)
+    corners = [(xi, lab) for xi, lab in zip(x, labels) if lab != "-"]
+    for xi, _ in corners:
+        ax.axvline(xi, color="0.7", linewidth=0.8)
+    ax.set_xticks([xi for xi, _ in corners])
+    ax.set_xticklabels(["\u0393" if lab in ("G", "Gamma", "GAMMA") else lab for _, lab in corners])
+    ax.set_xlim(x[0], x[-1])
+    ax.axhline(0.0, linestyle="--", color="tab:red", linewidth=0.8)
+    ax.set_ylabel("E - E_F (eV)" if fermi is not None else "E (eV)")
+    fig.suptitle(path)
+    fig.tight_layout()
+    fig.savefig(out, dpi=100)
+    plt.close(fig)
+
+
+def plot_dos(path, out):
+    plt = _pyplot()
+    fermi, names, d = read_dos(path)
+    if d.size == 0:
+        raise SystemExit("%s has no data lines" % path)
+    fig, ax = plt.subplots(figsize=(7, 5))
+    zero = fermi if fermi is not None else 0.0
+    e = d[:, 0] - zero
+    ax.fill_between(e, d[:, 1], color="0.85", label=names[0] if names else "total")
+    for c, name in enumerate(names[1:], start=2):
+        ax.plot(e, d[:, c], linewidth=1.2, label=name)
+    ax.axvline(0.0, linestyle="--", color="tab:red", linewidth=0.8)
+    ax.set_xlabel("E - E_F (eV)" if fermi is not None else "E (eV)")
+    ax.set_ylabel("states / eV per cell")
+    ax.set_xlim(e[0], e[-1])
+    ax.set_ylim(bottom=0.0)
+    ax.legend()
+    fig.suptitle(path)
+    fig.tight_layout()
+    fig.savefig(out, dpi=100)
+    plt.close(fig)
 
 
 def plot_ene(path, out):
@@ -106,14 +192,18 @@ def plot_eig(path, out):
 
 def main(argv=None):
     p = argparse.ArgumentParser(prog="python3 -m lyrt.plot",
-                                description="Plot the ENE or EIG data file of a lyrt run.")
-    p.add_argument("file", help="ENE or EIG (the kind is read from the file)")
+                                description="Plot a data file of a lyrt run.")
+    p.add_argument("file", help="ENE, EIG, BANDS or DOS (the kind is read from the file)")
     p.add_argument("-o", "--output", help="image file (default: FILE.png)")
     a = p.parse_args(argv)
     out = a.output or a.file + ".png"
     with open(a.file) as f:
         text = f.read(4096)
-    if "fermi level :" in text:
+    if text.startswith("# levels along the path"):
+        plot_bands(a.file, out)
+    elif text.startswith("# density of states"):
+        plot_dos(a.file, out)
+    elif "fermi level :" in text:
         plot_eig(a.file, out)
     else:
         plot_ene(a.file, out)

@@ -57,7 +57,8 @@ constexpr int save_vel = 4;
 constexpr int save_for = 8;
 constexpr int save_eig = 16;
 constexpr int save_eloc = 32;
-constexpr int save_xyz = 64; // extended-XYZ trajectory
+constexpr int save_xyz = 64;  // extended-XYZ trajectory
+constexpr int save_dos = 128; // density of states of a run without ionic steps
 
 struct elec_algo_type {
     int algo = 2;             // solver code in use now (set by the ion loops)

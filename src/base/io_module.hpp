@@ -51,6 +51,7 @@ struct data_file_names_type {
     std::string eig;
     std::string eloc;
     std::string xyz;
+    std::string dos;
 };
 extern data_file_names_type data_file_names;
 

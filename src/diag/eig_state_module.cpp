@@ -471,9 +471,11 @@ void eig_write_bands(const eig_state_type& eig, std::string_view file) {
     const kpt_type& kpt = *eig.kpt;
     const int unit = next_free_unit();
     unit_open(unit, std::string(file), "replace");
-    write_free(unit, {"# levels along the path of KPTS:", kpt.n_k, "points,", eig.n_states,
-                      "levels each; Fermi level of the path's own filling (eV):", eig.e_fermi});
-    write_free(unit, {"# x (1/Angstrom)  label  levels (eV)"});
+    unit_write(unit, "# levels along the path of KPTS: " + std::to_string(kpt.n_k) + " points, " +
+                         std::to_string(eig.n_states) +
+                         " levels each; Fermi level of the path's own filling (eV)" +
+                         format_items("(F12.5)", {eig.e_fermi}));
+    unit_write(unit, "# x (1/Angstrom)  label  levels (eV)");
     for (int k = 1; k <= kpt.n_k; ++k) {
         const std::string& l = kpt.label[static_cast<std::size_t>(k - 1)];
         std::string line =

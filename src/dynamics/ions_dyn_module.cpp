@@ -172,6 +172,7 @@ void ions_static(box_type& box, ions_state_type& ions_state, i_algo_type& i_algo
     elec_state_type& e = electrons_or_none(elec);
     gs_calc(box, ions_state, e, elec_algo, ham, i_algo.calc_elocal);
     if (i_algo.calc_forces) forces_calc(ham, box.ions, box, i_algo, e, elec_algo);
+    if ((i_algo.save_to_file & save_dos) != 0) save_dos_file(box, elec, elec_algo, ham);
     ions_calc_energies(ions_state, i_algo);
     print_system_status(box, ions_state, i_algo, elec, elec_algo, *ham.tb_model, report_unit);
 }

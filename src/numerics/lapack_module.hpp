@@ -17,6 +17,10 @@ void dsyrk_(const char* uplo, const char* trans, const int* n, const int* k, con
 void dtrsm_(const char* side, const char* uplo, const char* transa, const char* diag, const int* m,
             const int* n, const double* alpha, const double* a, const int* lda, double* b,
             const int* ldb);
+void zgemm_(const char* transa, const char* transb, const int* m, const int* n, const int* k,
+            const std::complex<double>* alpha, const std::complex<double>* a, const int* lda,
+            const std::complex<double>* b, const int* ldb, const std::complex<double>* beta,
+            std::complex<double>* c, const int* ldc);
 void zherk_(const char* uplo, const char* trans, const int* n, const int* k, const double* alpha,
             const std::complex<double>* a, const int* lda, const double* beta,
             std::complex<double>* c, const int* ldc);

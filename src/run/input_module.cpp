@@ -119,6 +119,7 @@ const data_file_kind data_file_kinds[] = {
     {"EIG", save_eig, "EIG", &data_file_names_type::eig},
     {"ELO", save_eloc, "ELOC", &data_file_names_type::eloc},
     {"XYZ", save_xyz, "trajectory.xyz", &data_file_names_type::xyz},
+    {"DOS", save_dos, "DOS", &data_file_names_type::dos},
 };
 
 // A code the program does not have stops the run, naming the keyword, the value and
@@ -200,7 +201,7 @@ void save_to_file(int unit, std::string_view file_name, i_algo_type& i_algo) {
             if (!known) {
                 const std::string text = "unknown save_to_file name " +
                                          value.substr(0, static_cast<std::size_t>(length(value))) +
-                                         " is ignored (known: POS ENE VEL FOR EIG ELO XYZ)";
+                                         " is ignored (known: POS ENE VEL FOR EIG ELO XYZ DOS)";
                 warning_error(text, "save_to_file", mod);
                 write_free(stdout_unit, {"WARNING: " + text});
             }
@@ -251,6 +252,9 @@ void read_input(std::string_view file_name, elec_algo_type& elec_algo, i_algo_ty
     read_int(f, "min_elec_iter", elec_algo.min_iter, de.min_iter);
     read_real(f, "sigma", kpt.sigma, kpt_type{}.sigma);
     check_range("sigma", kpt.sigma, kpt.sigma >= 0.0, "the smearing width must be 0 or more");
+    read_real(f, "dos_sigma", kpt.dos_sigma, kpt_type{}.dos_sigma);
+    check_range("dos_sigma", kpt.dos_sigma, kpt.dos_sigma > 0.0,
+                "the width of the density of states must be above 0");
     read_int(f, "cg_restart_freq", i_algo.cg_restart_freq, di.cg_restart_freq);
     read_int(f, "elec_start", elec_algo.start, de.start);
     check_code("elec_start", elec_algo.start, elec_start_codes);
@@ -359,6 +363,18 @@ void read_input(std::string_view file_name, elec_algo_type& elec_algo, i_algo_ty
     if (i_algo.thermostat == thermostat_nose && i_algo.q_nose_ions == 0.0)
         fatal_error("Nose mass for the ions is zero.Set q_nose_ions.", -1, "read_input", mod);
     save_to_file(f.unit, f.name, i_algo);
+    // The density of states is that of one structure, from its states.
+    if ((i_algo.save_to_file & save_dos) != 0) {
+        if (i_algo.n_steps > 0) {
+            i_algo.save_to_file &= ~save_dos;
+            const std::string text = "save_to_file = DOS is written by a run without ionic steps "
+                                     "(n_steps = 0): no DOS in this run";
+            warning_error(text, "read_input", mod);
+            write_free(stdout_unit, {"WARNING: " + text});
+        } else {
+            elec_algo.eigen_vect = true;
+        }
+    }
     read_real(f, "emass", elec_algo.emass, de.emass);
     check_range("emass", elec_algo.emass, elec_algo.emass >= 0.0,
                 "an orbital mass must be 0 or more");

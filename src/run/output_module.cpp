@@ -2,6 +2,7 @@
 
 #include "base/error_module.hpp"
 #include "base/io_module.hpp"
+#include "diag/dos_module.hpp"
 #include "parallel/mpi_module.hpp"
 #include "run/system_def_module.hpp"
 
@@ -41,6 +42,27 @@ const char* md_word(int code) {
 bool uses_diag(const elec_algo_type& e) {
     return e.gs == 2 || e.gs == 3 || e.md == 2 || e.md == 3;
 }
+
+} // namespace
+
+void save_dos_file(const box_type& box, elec_state_type* elec, const elec_algo_type& elec_algo,
+                   hamiltonian_type& ham) {
+    std::string why;
+    if (elec == nullptr || elec->eig == nullptr || !uses_diag(elec_algo))
+        why = "the density of states needs the levels of the diagonalisation (elec_gs_algo 2 or 3)";
+    else if (elec->eig->kpt->mode == kpt_mode_path)
+        why = "the density of states needs a grid or points in KPTS, not a path";
+    if (!why.empty()) {
+        warning_error(why + ": no DOS in this run", "save_dos_file", mod);
+        if (i_am_master) write_free(stdout_unit, {"WARNING: " + why + ": no DOS in this run"});
+        return;
+    }
+    dos_type dos;
+    dos_calc(dos, ham, box.ions, box, *elec->eig, elec->eig->kpt->dos_sigma);
+    if (i_am_master) dos_write(dos, *elec->eig, data_file_names.dos);
+}
+
+namespace {
 
 int report_flags(const i_algo_type& i_algo, bool with_forces) {
     int flags = ions_print_nn | ions_print_cell;

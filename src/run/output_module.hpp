@@ -20,6 +20,10 @@ void print_ene(const ions_state_type& ions_state, const i_algo_type& i_algo,
                const elec_state_type* elec, const elec_algo_type& elec_algo,
                const tb_model_type& tb_model, int unit);
 void energy_summary(const ions_state_type& ions_state, const i_algo_type& i_algo);
+// The density of states of the solved structure into its data file (all processes
+// take part, the master writes); a solver without levels or a band path writes none.
+void save_dos_file(const box_type& box, elec_state_type* elec, const elec_algo_type& elec_algo,
+                   hamiltonian_type& ham);
 // Numbered copies name.001, name.002, ... of a file, the newest as .001.
 void archive_file(std::string_view name, int n);
 

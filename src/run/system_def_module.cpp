@@ -8,6 +8,7 @@
 #include "system/constants_module.hpp"
 
 #include <cstdlib>
+#include <limits>
 
 namespace lyrt {
 
@@ -109,6 +110,11 @@ void init_system_elec() {
         return;
     }
     sys.elec_state = &sys.elec_state_record;
+    // A density of states and a band structure cover every band unless the input
+    // limits the states.
+    if (((sys.i_algo.save_to_file & save_dos) != 0 || sys.kpt.mode == kpt_mode_path) &&
+        sys.n_states < 0)
+        sys.n_states = std::numeric_limits<int>::max();
     init_elec_dim(*sys.ions, sys.kpt, sys.tb_model, sys.n_basis, sys.n_states, sys.n_electrons);
     elec_state_init(*sys.elec_state, sys.n_basis, sys.n_states, sys.n_electrons, sys.kpt);
     pdist_init(sys.states_pdist, sys.n_states, 1, n_proc, my_proc, "bc");

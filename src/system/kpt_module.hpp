@@ -36,6 +36,7 @@ struct kpt_type {
     farray<double, 2> k_cell; // 3 x n_k, cell units
     farray<double, 1> weight; // normalised weights, sum 1
     double sigma = 0.0;       // smearing width kT, eV; 0 or less means none
+    double dos_sigma = 0.1;   // Gaussian width of the density of states, eV
     std::vector<kpt_phase_type> phase;
     int mode = kpt_mode_gamma;
     std::vector<int> real_point;       // 1 where H(k) is real

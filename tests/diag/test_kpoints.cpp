@@ -3,6 +3,7 @@
 // under reciprocal-lattice shifts and time reversal, and the KPTS file.
 #include "base/error_module.hpp"
 #include "base/io_module.hpp"
+#include "diag/dos_module.hpp"
 #include "diag/forces_module.hpp"
 #include "diag/gs_module.hpp"
 #include "model_support.hpp"
@@ -84,7 +85,8 @@ class KPoints : public program_test {};
 
 // The n^3 cells of a supercell at the gamma point are the cell on the grid of
 // n x n x n points that includes gamma: equal energies per atom, forces of equal
-// ions, stress, and levels as sets (each point's levels counted by its weight).
+// ions, stress, levels as sets (each point's levels counted by its weight), and
+// densities of states per cell, projections included, which add up to the total.
 TEST_F(KPoints, SupercellAtGammaEqualsItsCellOnTheFoldedPoints) {
     const double f = 3.82; // Cu3Au
     const cell3 prim = {{{0.0, 2.715, 2.715}, {2.715, 0.0, 2.715}, {2.715, 2.715, 0.0}}};
@@ -140,6 +142,17 @@ TEST_F(KPoints, SupercellAtGammaEqualsItsCellOnTheFoldedPoints) {
         ASSERT_EQ(folded.size(), levels.size()) << c.name;
         for (std::size_t i = 0; i < levels.size(); ++i)
             EXPECT_NEAR(folded[i], levels[i], 1e-9) << c.name << " level " << i;
+        dos_type d_small, d_big;
+        dos_calc(d_small, small->s.ham, small->s.box.ions, small->s.box, small->eig, 0.2);
+        dos_calc(d_big, big->s.ham, big->s.box.ions, big->s.box, big->eig, 0.2);
+        ASSERT_EQ(d_small.value.size(), d_big.value.size()) << c.name;
+        const std::size_t nc = d_small.column.size();
+        for (std::size_t i = 0; i < d_small.value.size(); ++i) {
+            EXPECT_NEAR(d_small.value[i] * n_copies, d_big.value[i], 1e-6) << c.name << i;
+            if (i % nc == 0) {
+                EXPECT_NEAR(d_small.value[i + 1] + d_small.value[i + 2], d_small.value[i], 1e-12);
+            }
+        }
     }
 }
 
@@ -271,24 +284,35 @@ TEST_F(KPoints, WholeRuns) {
         return run_case(dir / name, pos, in, tbparam("Si"));
     };
     const run_result path =
-        run("path", "path = 3\nL 0.5 0.5 0.5 4\nG 0 0 0 3\nX 0.5 0 0.5\n", "n_states = 6\n");
+        run("path", "path = 3\nL 0.5 0.5 0.5 4\nG 0 0 0 3\nX 0.5 0 0.5\n", ""); // every band
     ASSERT_EQ(path.status, 0);
     EXPECT_NE(path.report.find("BRILLOUIN ZONE SAMPLED AT THE POINTS OF KPTS"), std::string::npos);
     EXPECT_EQ(path.report.find("GAMMA POINT ONLY"), std::string::npos);
     const auto bands = read_lines(dir / "path" / "BANDS");
     ASSERT_EQ(bands.size(), 2u + 8u);
-    const run_result at_x = run("list", "points = 1\n0.5 0 0.5 1\n", "n_states = 6\n");
+    const run_result at_x = run("list", "points = 1\n0.5 0 0.5 1\n", "n_states = 8\n");
     ASSERT_EQ(at_x.status, 0);
     std::istringstream x_row(bands.back());
     double x;
     std::string label;
     x_row >> x >> label;
     EXPECT_EQ(label, "X");
-    for (std::size_t i = 0; i < 6; ++i) {
-        double e;
+    for (std::size_t i = 0; i < 8; ++i) {
+        double e = 0.0;
         x_row >> e;
         EXPECT_NEAR(e, at_x.eigenvalues.at(i), 2e-6) << i;
     }
+    // DOS of every state (the input limits none): its integral is twice the basis.
+    ASSERT_EQ(run("dos", "grid = 3 3 3\n", "save_to_file = DOS\ndos_sigma = 0.2\n").status, 0);
+    const auto dos = read_lines(dir / "dos" / "DOS");
+    EXPECT_EQ(dos.at(1), "# E (eV)  total  Si_s  Si_p");
+    double e0 = 0.0, e1 = 0.0, integral = 0.0, v = 0.0;
+    for (std::size_t i = 2; i < dos.size(); ++i) {
+        std::istringstream row(dos[i]);
+        row >> (i == 2 ? e0 : e1) >> v;
+        integral += v;
+    }
+    EXPECT_NEAR(integral * (e1 - e0) / static_cast<double>(dos.size() - 3), 16.0, 1e-6);
     const run_result kpm = run("kpm", "grid = 2 2 2\n", "elec_gs_algo = 4\n");
     EXPECT_EQ(kpm.status, 1);
     EXPECT_NE(kpm.report.find("which only the diagonalisation"), std::string::npos);

@@ -1,5 +1,6 @@
 """The ASE calculator against ASE's finite differences of itself (Si 8; strained, smeared
-Cu 4); POSLYRT through the program and back; the results read from a report."""
+Cu 4); k-points against a supercell and ASE's own grids, band structures; POSLYRT
+through the program and back; the results read from a report."""
 import os
 import shutil
 import unittest
@@ -9,9 +10,11 @@ from ase import units
 from ase.build import bulk
 from ase.calculators.calculator import CalculationFailed
 from ase.constraints import FixAtoms, FixCartesian
+from ase.dft.kpoints import monkhorst_pack
 
 from lyrt import io
 from lyrt.calculator import Lyrt
+from lyrt.plot import read_bands, read_dos
 from lyrt_test_support import DATA, LYRT, FolderTest
 
 
@@ -39,6 +42,47 @@ class Calculator(FolderTest):
         si.calc = Lyrt(os.path.join(DATA, "Si.tbparam"), command=LYRT, directory=self.path("bad"))
         with self.assertRaises(CalculationFailed):
             si.get_potential_energy()
+
+    def test_kpoints(self):
+        # A 2 x 2 x 2 grid with gamma is the supercell of 2 x 2 x 2 cells at gamma.
+        si = bulk("Si", "diamond", a=5.43)
+        si.rattle(0.03, seed=5)
+        big = si * (2, 2, 2)
+        tb = os.path.join(DATA, "Si.tbparam")
+        si.calc = Lyrt(tb, command=LYRT, directory=self.path("k"), kpts={"size": (2, 2, 2),
+                                                                         "gamma": True})
+        big.calc = Lyrt(tb, command=LYRT, directory=self.path("g"))
+        self.assertAlmostEqual(si.get_potential_energy() * 8, big.get_potential_energy(), 6)
+        np.testing.assert_allclose(np.tile(si.get_forces(), (8, 1)), big.get_forces(), atol=1e-5)
+        # ASE's Monkhorst-Pack grid: each point of the run is one of it or its inverse.
+        si.calc = Lyrt(tb, command=LYRT, directory=self.path("mp"), kpts=(4, 4, 4),
+                       save_to_file="DOS")
+        si.get_potential_energy()
+        k, mp = si.calc.get_ibz_k_points(), monkhorst_pack((4, 4, 4))
+        self.assertEqual(len(k), 32)
+        self.assertAlmostEqual(si.calc.get_k_point_weights().sum(), 1.0, 9)
+        d = k[:, None, :] - mp[None, :, :]
+        e = k[:, None, :] + mp[None, :, :]
+        gap = np.minimum(np.abs(d - np.round(d)).max(axis=2), np.abs(e - np.round(e)).max(axis=2))
+        self.assertLess(gap.min(axis=1).max(), 1e-6)
+        # A band path: ASE's band structure, starting at gamma with gamma's levels.
+        si.calc = Lyrt(tb, command=LYRT, directory=self.path("path"),
+                       kpts={"path": "GX", "npoints": 5})
+        si.get_potential_energy()
+        bs = si.calc.band_structure()
+        self.assertEqual(bs.energies.shape, (1, 5, 8))
+        np.testing.assert_allclose(read_bands(self.path("path", "BANDS"))[3], bs.energies[0],
+                                   atol=1e-6)
+        fermi, names, dos = read_dos(self.path("mp", "DOS"))
+        self.assertEqual(names, ["total", "Si_s", "Si_p"])
+        np.testing.assert_allclose(dos[:, 2] + dos[:, 3], dos[:, 1], atol=1e-5)
+        for data in ("path/BANDS", "mp/DOS"):
+            self.module("lyrt.plot", data, "-o", "plot.png")
+            with open(self.path("plot.png"), "rb") as f:
+                self.assertEqual(f.read(8), b"\x89PNG\r\n\x1a\n", data)
+        si.calc = Lyrt(tb, command=LYRT, directory=self.path("gamma"), n_states=8)
+        si.get_potential_energy()
+        np.testing.assert_allclose(bs.energies[0, 0], si.calc.get_eigenvalues(0), atol=1e-6)
 
     def test_positions_through_the_program_and_the_report(self):
         atoms = bulk("Cu", "fcc", a=3.7, cubic=True) * (2, 1, 1)

@@ -189,7 +189,7 @@ TEST_F(ReadInput, UnknownCodesAndValuesOutOfRangeStop) {
     bool warned = false;
     for (const auto& l : errors())
         warned |= l.find("unknown save_to_file name TRAJ is ignored (known: POS ENE VEL FOR EIG "
-                         "ELO XYZ)") != std::string::npos;
+                         "ELO XYZ DOS)") != std::string::npos;
     EXPECT_TRUE(warned);
 }
 
