@@ -74,10 +74,11 @@ mutate: deps
 # Time of one static run of diamond Si cells of 64, 216 and 512 atoms, split by phase;
 # then one dynamics step of Si 512 against a bare dsygvd of the same order.
 bench: build-release
-	cmake --build build/release -j $(JOBS) --target lyrt_bench lyrt_bench_md lyrt_bench_kpm
+	cmake --build build/release -j $(JOBS) --target lyrt_bench lyrt_bench_md lyrt_bench_kpm lyrt_bench_kpt
 	build/release/lyrt_bench $(BENCH_SIZES)
 	build/release/lyrt_bench_md
 	build/release/lyrt_bench_kpm
+	build/release/lyrt_bench_kpt
 
 # The distributed build on 1 and 2 processes: Si 1000 static point (dense path) and
 # Si 512 kernel polynomial point, whole runs under mpirun, and the speed-up.

@@ -35,59 +35,10 @@
 
 namespace {
 
+using lyrt_bench::bench_case;
 using lyrt_bench::now;
-
-struct bench_case {
-    bool copper = false;
-    int cells = 0; // conventional cells per edge
-    int atoms = 0;
-};
-
-bool parse_case(const std::string& name, bench_case& c) {
-    if (name.size() < 3) return false;
-    const std::string kind = name.substr(0, 2);
-    if (kind != "Si" && kind != "Cu") return false;
-    c.copper = kind == "Cu";
-    c.atoms = std::atoi(name.c_str() + 2);
-    const int per_cell = c.copper ? 4 : 8;
-    c.cells = static_cast<int>(std::lround(std::cbrt(c.atoms / static_cast<double>(per_cell))));
-    return c.cells >= 1 && per_cell * c.cells * c.cells * c.cells == c.atoms;
-}
-
-// The whole cell written out atom by atom, each displaced by up to 0.05 A by a
-// fixed pseudo-random sequence: the displacements lift the degeneracies of the
-// perfect crystal, which the divide-and-conquer solver would deflate cheaply.
-void write_case_inputs(const std::filesystem::path& dir, const bench_case& c) {
-    static const double si[8][3] = {{0, 0, 0},          {0, 0.5, 0.5},      {0.5, 0, 0.5},
-                                    {0.5, 0.5, 0},      {0.25, 0.25, 0.25}, {0.25, 0.75, 0.75},
-                                    {0.75, 0.25, 0.75}, {0.75, 0.75, 0.25}};
-    static const double cu[4][3] = {{0, 0, 0}, {0, 0.5, 0.5}, {0.5, 0, 0.5}, {0.5, 0.5, 0}};
-    const double a0 = c.copper ? 3.61 : 5.431;
-    const int per_cell = c.copper ? 4 : 8;
-    const double edge = a0 * c.cells;
-    unsigned long long seed = 12345;
-    auto jitter = [&] {
-        seed = seed * 6364136223846793005ULL + 1442695040888963407ULL;
-        return (static_cast<double>(seed >> 11) / 9007199254740992.0 - 0.5) * 0.1 / edge;
-    };
-    std::ofstream pos(dir / "POSLYRT");
-    pos << "number_of_ions = " << c.atoms << "\na0 = " << edge
-        << "\na_1 = 1 0 0\na_2 = 0 1 0\na_3 = 0 0 1\npositions\n";
-    pos.precision(12);
-    for (int i = 0; i < c.cells; ++i)
-        for (int j = 0; j < c.cells; ++j)
-            for (int k = 0; k < c.cells; ++k)
-                for (int b = 0; b < per_cell; ++b) {
-                    const double* f = c.copper ? cu[b] : si[b];
-                    pos << (i + f[0]) / c.cells + jitter() << " " << (j + f[1]) / c.cells + jitter()
-                        << " " << (k + f[2]) / c.cells + jitter() << "\n";
-                }
-    std::ofstream in(dir / "INLYRT");
-    in << "system_name = benchmark\n" << (c.copper ? "sigma = 0.1\n" : "");
-    const auto data = std::filesystem::path(LYRT_SOURCE_DIR) / "tests/data";
-    std::filesystem::copy_file(data / (c.copper ? "Cu.tbparam" : "Si.tbparam"), dir / "TBPARAM",
-                               std::filesystem::copy_options::overwrite_existing);
-}
+using lyrt_bench::parse_case;
+using lyrt_bench::write_case_inputs;
 
 // Flops per second of dgemm C(n, n) = A(n, k) A(n, k)^T, the product that forms a
 // density matrix from k weighted states; the best of three.

@@ -41,9 +41,12 @@ bool allocation_allowed(long long bytes) {
 
 void count_bytes(long long bytes) {
     // A 32-bit count that wraps like the integer it models, without overflow in C++.
-    std::uint32_t sum =
-        static_cast<std::uint32_t>(allocated_bytes) + static_cast<std::uint32_t>(bytes);
-    allocated_bytes = static_cast<std::int32_t>(sum);
+#pragma omp critical(lyrt_count_bytes)
+    {
+        std::uint32_t sum =
+            static_cast<std::uint32_t>(allocated_bytes) + static_cast<std::uint32_t>(bytes);
+        allocated_bytes = static_cast<std::int32_t>(sum);
+    }
 }
 
 void allocate_error(std::string_view name, long long bytes, std::string_view procedure,

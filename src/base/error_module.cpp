@@ -4,6 +4,10 @@
 
 #include <exception>
 
+#if defined(_OPENMP)
+#include <omp.h>
+#endif
+
 namespace lyrt {
 
 namespace {
@@ -39,8 +43,22 @@ void trace_line(const char* verb, std::string_view procedure, std::string_view m
 
 } // namespace
 
+bool in_thread_team() {
+#if defined(_OPENMP)
+    return omp_in_parallel() != 0;
+#else
+    return false;
+#endif
+}
+
 void fatal_error(std::string_view message, long long number, std::string_view procedure,
                  std::string_view module) {
+    if (in_thread_team()) {
+        fatal_stop stop;
+        stop.message = std::string(message);
+        stop.number = number;
+        throw stop;
+    }
     write_free(error_unit, {"FATAL ERROR No ", number});
     unit_write(error_unit,
                "Occured in procedure " + trimmed(procedure) + " in module " + trimmed(module));
@@ -125,7 +143,7 @@ void trace_out(std::string_view procedure, std::string_view module) {
 }
 
 trace_guard::trace_guard(std::string_view procedure_in, std::string_view module_in)
-    : procedure(procedure_in), module(module_in), active(debug > 0),
+    : procedure(procedure_in), module(module_in), active(debug > 0 && !in_thread_team()),
       exceptions_at_entry(std::uncaught_exceptions()) {
     if (active) trace_in(procedure, module);
 }

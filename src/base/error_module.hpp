@@ -27,8 +27,15 @@ struct fatal_stop : std::exception {
     const char* what() const noexcept override { return message.c_str(); }
 };
 
+// Inside a team of threads (a loop over k-points) the stop is thrown without its
+// records: the loop catches it and repeats the failing work outside the team,
+// where the stop reports as usual.
 [[noreturn]] void fatal_error(std::string_view message, long long number,
                               std::string_view procedure, std::string_view module);
+// True inside an OpenMP parallel region: the records kept for the whole process
+// (call trace, phase clocks, allocation count, reports) are then left alone or
+// guarded.
+bool in_thread_team();
 void warning_error(std::string_view message, std::string_view procedure, std::string_view module);
 
 // A stop with its own text and no trace ("fit too poor, reduce dt" and the like):

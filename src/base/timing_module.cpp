@@ -78,7 +78,8 @@ void phase_reset() {
 }
 
 phase_timer::~phase_timer() {
-    if (phase >= 1 && phase <= n_phases)
+    // A clock in a team of threads is read by the clock around the team.
+    if (phase >= 1 && phase <= n_phases && !in_thread_team())
         phase_wall[static_cast<std::size_t>(phase)] += timeofday() - start;
 }
 

@@ -14,6 +14,7 @@
 #include "operators/acum_delem_module_2.hpp"
 #include "operators/hs_psi_module.hpp"
 #include "parallel/mpi_module.hpp"
+#include "parallel/threads_module.hpp"
 #include "system/constants_module.hpp"
 
 #include <algorithm>
@@ -174,6 +175,16 @@ void eig_state_deallocate(eig_state_type& eig) {
     for (auto& p : eig.zpsi_k)
         if (p.allocated()) cd_complex_2d(p, "eig_state%zpsi_k", proc, mod);
     eig.zpsi_k.clear();
+    for (kpt_work_type& w : eig.kwork) {
+        for (auto* a : {&w.h_ij, &w.s_ij, &w.x, &w.dm})
+            if (a->allocated()) cd_real_2d(*a, "kpt_work%array", proc, mod);
+        for (auto* a : {&w.zh, &w.zs, &w.zx})
+            if (a->allocated()) cd_complex_2d(*a, "kpt_work%complex", proc, mod);
+        for (auto* a : {&w.ework, &w.dm_diag})
+            if (a->allocated()) cd_real_1d(*a, "kpt_work%vector", proc, mod);
+        reset_blacs_distr(w.d);
+    }
+    eig.kwork.clear();
     reset_blacs_distr(eig.d);
     pdist_deallocate(eig.row_pdist);
     pdist_deallocate(eig.col_pdist);
@@ -566,22 +577,76 @@ bool eig_kpt_mine(const eig_state_type& /*eig*/, int k) {
     return (k - 1) % n_proc == my_proc;
 }
 
+int eig_kpt_threads(eig_state_type& eig, int n_points, bool non_orth) {
+    const char* proc = "eig_kpt_threads";
+    const int nt = std::min(thread_count(), n_points), n = eig.n_dim;
+    if (nt <= 1 || n > 2048) return 1;
+    bool any_real = false, any_complex = false;
+    for (int k = 1; k <= n_kpt(eig); ++k)
+        (eig.kpt->real_point[static_cast<std::size_t>(k - 1)] != 0 ? any_real : any_complex) = true;
+    while (static_cast<int>(eig.kwork.size()) < nt - 1) {
+        kpt_work_type& w = eig.kwork.emplace_back();
+        if (any_real) {
+            ca_real_2d(w.h_ij, 1, n, 1, n, "kpt_work%h_ij", proc, mod);
+            if (non_orth) ca_real_2d(w.s_ij, 1, n, 1, n, "kpt_work%s_ij", proc, mod);
+            ca_real_2d(w.x, 1, n, 1, n, "kpt_work%x", proc, mod);
+        }
+        // zh and zx are also the density loop's workspace.
+        ca_complex_2d(w.zh, 1, n, 1, n, "kpt_work%zh", proc, mod);
+        if (non_orth && any_complex) ca_complex_2d(w.zs, 1, n, 1, n, "kpt_work%zs", proc, mod);
+        ca_complex_2d(w.zx, 1, n, 1, n, "kpt_work%zx", proc, mod);
+        ca_real_1d(w.ework, 1, n, "kpt_work%ework", proc, mod);
+        init_blacs_distr(w.d, n, n, 1, 1);
+        allocate_work_arrays(w.d, "R");
+    }
+    for (kpt_work_type& w : eig.kwork) {
+        w.d.n_vectors = eig.d.n_vectors;
+        w.d.failure_hint = eig.d.failure_hint;
+    }
+    return nt;
+}
+
 void eig_kpt_density(const hamiltonian_type& ham, const ions_type& ions, eig_state_type& eig,
                      const farray<double, 2>& w, farray<double, 2>& dm,
                      farray<double, 1>* dm_diag) {
+    const char* proc = "eig_kpt_density";
     const phase_timer wall(phase_density);
     const sparse_1d_matrix_desc_type& sd = ham.desc;
     const pdist_type& pd = *sd.row_pdist;
     const int n_dim = eig.n_dim, ns = eig.n_states;
     const long rows = dm.extent(0);
-    for (int il = 1; il <= pd.l_n; ++il) std::fill(&dm(1, il), &dm(1, il) + rows, 0.0);
-    if (dm_diag != nullptr) dm_diag->fill(0.0);
-    // D_k = sum_s w_s psi_s psi_s^H as two Hermitian rank-k updates (weights of
-    // either sign), in zh; the scaled states in zx.
-    farray<dcomplex, 2>& d = eig.zh;
-    farray<dcomplex, 2>& a = eig.zx;
-    for (int k = 1; k <= n_kpt(eig); ++k) {
-        if (!eig_kpt_mine(eig, k)) continue;
+    std::vector<int> mine;
+    for (int k = 1; k <= n_kpt(eig); ++k)
+        if (eig_kpt_mine(eig, k)) mine.push_back(k);
+    const int nt =
+        eig_kpt_threads(eig, static_cast<int>(mine.size()), ham.tb_model->non_orthogonal);
+    // Thread t adds its points into its own copy (t = 0: dm itself); the copies are
+    // summed at the end.
+    for (int t = 0; t < nt; ++t) {
+        if (t > 0) {
+            kpt_work_type& kw = eig.kwork[static_cast<std::size_t>(t - 1)];
+            if (!kw.dm.allocated() || kw.dm.extent(0) != rows || kw.dm.extent(1) != dm.extent(1)) {
+                if (kw.dm.allocated()) cd_real_2d(kw.dm, "kpt_work%dm", proc, mod);
+                ca_real_2d(kw.dm, 1, rows, 1, dm.extent(1), "kpt_work%dm", proc, mod);
+            }
+            if (dm_diag != nullptr && !kw.dm_diag.allocated())
+                ca_real_1d(kw.dm_diag, 1, n_dim, "kpt_work%dm_diag", proc, mod);
+        }
+        farray<double, 2>& out = t == 0 ? dm : eig.kwork[static_cast<std::size_t>(t - 1)].dm;
+        for (int il = 1; il <= pd.l_n; ++il) std::fill(&out(1, il), &out(1, il) + rows, 0.0);
+        if (dm_diag != nullptr)
+            (t == 0 ? *dm_diag : eig.kwork[static_cast<std::size_t>(t - 1)].dm_diag).fill(0.0);
+    }
+    const auto one_point = [&](int k, int t) {
+        kpt_work_type* kw = t == 0 ? nullptr : &eig.kwork[static_cast<std::size_t>(t - 1)];
+        // D_k = sum_s w_s psi_s psi_s^H as two Hermitian rank-k updates (weights of
+        // either sign), in zh; the scaled states in zx.
+        farray<dcomplex, 2>& d = kw == nullptr ? eig.zh : kw->zh;
+        farray<dcomplex, 2>& a = kw == nullptr ? eig.zx : kw->zx;
+        farray<double, 2>& dm_t = kw == nullptr ? dm : kw->dm;
+        farray<double, 1>* diag_t = dm_diag == nullptr ? nullptr
+                                    : kw == nullptr    ? dm_diag
+                                                       : &kw->dm_diag;
         const farray<dcomplex, 2>& psi = eig.zpsi_k[static_cast<std::size_t>(k - 1)];
         bool first = true;
         for (const double sign : {1.0, -1.0}) {
@@ -597,9 +662,9 @@ void eig_kpt_density(const hamiltonian_type& ham, const ions_type& ions, eig_sta
             zherk_("U", "N", &n_dim, &c, &sign, a.data(), &n_dim, &beta, d.data(), &n_dim);
             first = false;
         }
-        if (first) continue; // no state carries weight
-        if (dm_diag != nullptr)
-            for (int r = 1; r <= n_dim; ++r) (*dm_diag)(r) += d(r, r).real();
+        if (first) return; // no state carries weight
+        if (diag_t != nullptr)
+            for (int r = 1; r <= n_dim; ++r) (*diag_t)(r) += d(r, r).real();
                 // D(y, x) of row x of ion i and column y of its entry, from the upper triangle.
 #pragma omp parallel for schedule(dynamic, 4)
         for (int il = 1; il <= pd.l_n; ++il) {
@@ -616,10 +681,26 @@ void eig_kpt_density(const hamiltonian_type& ham, const ions_type& ions, eig_sta
                     for (int r = 0; r < no; ++r, ++l) {
                         const int x = r0 + r, y = c0 + b;
                         const dcomplex dyx = x <= y ? std::conj(d(x, y)) : d(y, x);
-                        dm(l, il) += (dyx * ph).real();
+                        dm_t(l, il) += (dyx * ph).real();
                     }
             }
         }
+    };
+    if (nt > 1) {
+        const int blas = blas_thread_count();
+        set_blas_thread_count(1);
+#pragma omp parallel for num_threads(nt) schedule(dynamic, 1)
+        for (std::size_t m = 0; m < mine.size(); ++m) one_point(mine[m], thread_index());
+        set_blas_thread_count(blas);
+        for (int t = 1; t < nt; ++t) {
+            const kpt_work_type& kw = eig.kwork[static_cast<std::size_t>(t - 1)];
+            for (int il = 1; il <= pd.l_n; ++il)
+                for (long l = 1; l <= rows; ++l) dm(l, il) += kw.dm(l, il);
+            if (dm_diag != nullptr)
+                for (int r = 1; r <= n_dim; ++r) (*dm_diag)(r) += kw.dm_diag(r);
+        }
+    } else {
+        for (const int k : mine) one_point(k, 0);
     }
     if (n_proc > 1) {
         gsum_real_ptr(dm.data(), rows * pd.l_n);

@@ -19,6 +19,18 @@
 
 namespace lyrt {
 
+// The arrays of one extra thread of a k-point loop: H and S of a point (real or
+// complex), the solver's vectors, eigenvalues and workspace, and the thread's
+// share of the real-space density matrix. Thread 0 uses those of eig_state_type.
+struct kpt_work_type {
+    farray<double, 2> h_ij, s_ij, x;
+    farray<double, 1> ework;
+    farray<dcomplex, 2> zh, zs, zx;
+    blacs_distr_type d;
+    farray<double, 2> dm;
+    farray<double, 1> dm_diag;
+};
+
 struct eig_state_type {
     int n_dim = 0;                 // order of the matrices
     int n_states = 0;              // states kept per k-point
@@ -52,6 +64,7 @@ struct eig_state_type {
     // states of every point (complex, n_dim x n_states) that this process solves.
     farray<dcomplex, 2> zh, zs, zx;
     std::vector<farray<dcomplex, 2>> zpsi_k;
+    std::vector<kpt_work_type> kwork; // threads 1, 2, ... of the k-point loops
 };
 
 void eig_state_allocate(eig_state_type& eig, int n_dim, int n_states, double n_el, int block_row,
@@ -90,6 +103,12 @@ void eig_print_eigen_energies(const eig_state_type& eig, int unit,
 // with D_k = sum_s w(s, k) psi_s psi_s^H, summed over the processes; dm_diag the
 // diagonal of the ion's own block. The weights w hold the k weights.
 bool eig_kpt_mine(const eig_state_type& eig, int k);
+// Threads that the loops over the n_points points of this process use: one per
+// point up to the threads there are, when the matrices are small enough to hold a
+// copy per thread (each thread then solves whole points with a serial BLAS: many
+// small solvers side by side outrun one threaded solver); else 1. Sets up the
+// arrays of the extra threads (complex ones only when the run has complex points).
+int eig_kpt_threads(eig_state_type& eig, int n_points, bool non_orth);
 void eig_kpt_density(const hamiltonian_type& ham, const ions_type& ions, eig_state_type& eig,
                      const farray<double, 2>& w, farray<double, 2>& dm, farray<double, 1>* dm_diag);
 // Mulliken projection of a real-space density matrix on the ions, added into out:

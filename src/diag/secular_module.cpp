@@ -2,12 +2,14 @@
 
 #include "base/error_module.hpp"
 #include "base/io_module.hpp"
+#include "base/timing_module.hpp"
 #include "diag/diag_module.hpp"
 #include "diag/pdiag_module.hpp"
 #include "model/tb_hs_module.hpp"
 #include "neighbours/pbc_module.hpp"
 #include "numerics/fitpoly.hpp"
 #include "parallel/mpi_module.hpp"
+#include "parallel/threads_module.hpp"
 
 #include <algorithm>
 #include <cmath>
@@ -157,45 +159,93 @@ void solve_point(hamiltonian_type& ham, ions_type& ions, const box_type& box, ei
 
 // The levels and states of point k of a k-point run from the blocks (built once
 // per pass): the real solver where H(k) is real, the complex one elsewhere. The
-// states are kept as complex columns either way.
+// states are kept as complex columns either way. The arrays are eig's own, or
+// those of an extra thread (kw).
 void solve_point_k(hamiltonian_type& ham, const ions_type& ions, eig_state_type& eig,
-                   const scc_type* scc_arg, int k, bool vectors) {
+                   kpt_work_type* kw, const scc_type* scc_arg, int k, bool vectors) {
     const int n_dim = eig.n_dim, n_states = eig.n_states;
     const kpt_type& kpt = *eig.kpt;
     const bool non_orth = ham.tb_model->non_orthogonal;
+    farray<double, 2>& h = kw == nullptr ? eig.h_ij : kw->h_ij;
+    farray<double, 2>& s = kw == nullptr ? eig.s_ij : kw->s_ij;
+    farray<double, 2>& x = kw == nullptr ? eig.x : kw->x;
+    farray<double, 1>& en = kw == nullptr ? eig.ework : kw->ework;
+    farray<dcomplex, 2>& zh = kw == nullptr ? eig.zh : kw->zh;
+    farray<dcomplex, 2>& zs = kw == nullptr ? eig.zs : kw->zs;
+    farray<dcomplex, 2>& zx = kw == nullptr ? eig.zx : kw->zx;
+    blacs_distr_type& d = kw == nullptr ? eig.d : kw->d;
     farray<dcomplex, 2>& psi = eig.zpsi_k[static_cast<std::size_t>(k - 1)];
     if (kpt.real_point[static_cast<std::size_t>(k - 1)] != 0) {
-        get_hs_ij_kreal(ham, ions, kpt, k, &eig.h_ij, non_orth ? &eig.s_ij : nullptr, scc_arg);
-        check_finite(eig.h_ij, "the Hamiltonian");
-        if (non_orth) check_finite(eig.s_ij, "the overlap");
+        get_hs_ij_kreal(ham, ions, kpt, k, &h, non_orth ? &s : nullptr, scc_arg);
+        check_finite(h, "the Hamiltonian");
+        if (non_orth) check_finite(s, "the overlap");
         if (vectors && non_orth)
-            calc_gen_eigen_vectors_real(eig.h_ij, eig.s_ij, n_dim, eig.ework, eig.x, eig.d);
+            calc_gen_eigen_vectors_real(h, s, n_dim, en, x, d);
         else if (vectors)
-            calc_eigen_vectors_real(eig.h_ij, n_dim, eig.ework, eig.x, eig.d);
+            calc_eigen_vectors_real(h, n_dim, en, x, d);
         else if (non_orth)
-            calc_gen_eigen_values_real(eig.h_ij, eig.s_ij, n_dim, eig.ework, eig.d);
+            calc_gen_eigen_values_real(h, s, n_dim, en, d);
         else
-            calc_eigen_values_real(eig.h_ij, n_dim, eig.ework, eig.d);
+            calc_eigen_values_real(h, n_dim, en, d);
         if (vectors)
             for (int j = 1; j <= n_states; ++j)
-                for (int r = 1; r <= n_dim; ++r) psi(r, j) = eig.x(r, j);
+                for (int r = 1; r <= n_dim; ++r) psi(r, j) = x(r, j);
     } else {
-        get_hs_ij_complex(ham, ions, kpt, k, &eig.zh, non_orth ? &eig.zs : nullptr, scc_arg);
-        check_finite(eig.zh, "the Hamiltonian");
-        if (non_orth) check_finite(eig.zs, "the overlap");
+        get_hs_ij_complex(ham, ions, kpt, k, &zh, non_orth ? &zs : nullptr, scc_arg);
+        check_finite(zh, "the Hamiltonian");
+        if (non_orth) check_finite(zs, "the overlap");
         if (vectors && non_orth)
-            calc_gen_eigen_vectors_complex(eig.zh, eig.zs, n_dim, eig.ework, eig.zx, eig.d);
+            calc_gen_eigen_vectors_complex(zh, zs, n_dim, en, zx, d);
         else if (vectors)
-            calc_eigen_vectors_complex(eig.zh, n_dim, eig.ework, eig.zx, eig.d);
+            calc_eigen_vectors_complex(zh, n_dim, en, zx, d);
         else if (non_orth)
-            calc_gen_eigen_values_complex(eig.zh, eig.zs, n_dim, eig.ework, eig.d);
+            calc_gen_eigen_values_complex(zh, zs, n_dim, en, d);
         else
-            calc_eigen_values_complex(eig.zh, n_dim, eig.ework, eig.d);
+            calc_eigen_values_complex(zh, n_dim, en, d);
         if (vectors)
             for (int j = 1; j <= n_states; ++j)
-                for (int r = 1; r <= n_dim; ++r) psi(r, j) = eig.zx(r, j);
+                for (int r = 1; r <= n_dim; ++r) psi(r, j) = zx(r, j);
     }
-    for (int i = 1; i <= n_states; ++i) eig.en_i(i, k) = eig.ework(i);
+    for (int i = 1; i <= n_states; ++i) eig.en_i(i, k) = en(i);
+}
+
+// The points of this process, in threads of their own when eig_kpt_threads allows:
+// a point that fails in a thread (a stop there reports nothing) is solved again
+// outside the team, where its stop reports as usual.
+void solve_points_k(hamiltonian_type& ham, const ions_type& ions, eig_state_type& eig,
+                    const scc_type* scc_arg, bool vectors) {
+    std::vector<int> mine;
+    for (int k = 1; k <= eig.kpt->n_k; ++k)
+        if (eig_kpt_mine(eig, k)) mine.push_back(k);
+    const int nt =
+        eig_kpt_threads(eig, static_cast<int>(mine.size()), ham.tb_model->non_orthogonal);
+    if (nt <= 1) {
+        for (const int k : mine) solve_point_k(ham, ions, eig, nullptr, scc_arg, k, vectors);
+        return;
+    }
+    // The clocks inside the team stand still: the team counts as solver time.
+    const phase_timer wall(phase_eigen);
+    int failed = 0;
+    const int blas = blas_thread_count();
+    set_blas_thread_count(1);
+#pragma omp parallel for num_threads(nt) schedule(dynamic, 1)
+    for (std::size_t m = 0; m < mine.size(); ++m) {
+        const int t = thread_index();
+        try {
+            solve_point_k(ham, ions, eig,
+                          t == 0 ? nullptr : &eig.kwork[static_cast<std::size_t>(t - 1)], scc_arg,
+                          mine[m], vectors);
+        } catch (const fatal_stop&) {
+#pragma omp critical(lyrt_failed_point)
+            if (failed == 0 || mine[m] < failed) failed = mine[m];
+        }
+    }
+    set_blas_thread_count(blas);
+    if (failed > 0) {
+        solve_point_k(ham, ions, eig, nullptr, scc_arg, failed, vectors);
+        fatal_error("k-point " + std::to_string(failed) + " failed in a thread only", failed,
+                    "solve_secular_eqn", mod);
+    }
 }
 
 // The k-point run's Mulliken charges and band energies per ion, from the real-space
@@ -307,10 +357,7 @@ void solve_secular_eqn(hamiltonian_type& ham, ions_type& ions, const box_type& b
             // process; the levels of the others come from them.
             if (iter == 0) calc_hs_real(ham, ions, box);
             eig.en_i.fill(0.0);
-            for (int k = 1; k <= eig.kpt->n_k; ++k) {
-                if (debug > 0) std::fputs(".", stdout);
-                if (eig_kpt_mine(eig, k)) solve_point_k(ham, ions, eig, scc_arg, k, vectors);
-            }
+            solve_points_k(ham, ions, eig, scc_arg, vectors);
             if (n_proc > 1) gsum_real_mat(eig.en_i);
         } else {
             for (int k = 1; k <= eig.kpt->n_k; ++k) {

@@ -4,7 +4,20 @@
 #include <omp.h>
 #endif
 
+extern "C" {
+int openblas_get_num_threads();
+void openblas_set_num_threads(int n);
+}
+
 namespace lyrt {
+
+int blas_thread_count() {
+    return openblas_get_num_threads();
+}
+
+void set_blas_thread_count(int n) {
+    if (n >= 1) openblas_set_num_threads(n);
+}
 
 int thread_count() {
 #if defined(_OPENMP)
