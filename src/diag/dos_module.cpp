@@ -74,7 +74,7 @@ void project_states(dos_type& dos, hamiltonian_type& ham, const ions_type& ions,
         y.allocate({1, 1}, {n_dim, ns});
         for (int k = 1; k <= nk; ++k) {
             if (!eig_kpt_mine(eig, k)) continue;
-            const farray<dcomplex, 2>& psi = eig.zpsi_k[static_cast<std::size_t>(k - 1)];
+            const farray<dcomplex, 2>& psi = eig_kpt_states(eig, k);
             if (non_orth) {
                 get_hs_ij_complex(ham, ions, *eig.kpt, k, nullptr, &eig.zs, nullptr);
                 const dcomplex one(1.0, 0.0), zero(0.0, 0.0);

@@ -147,15 +147,26 @@ void eig_state_allocate(eig_state_type& eig, int n_dim, int n_states, double n_e
         ca_complex_2d(eig.zh, 1, n_dim, 1, n_dim, "eig_state%zh", proc, mod);
         if (non_orth) ca_complex_2d(eig.zs, 1, n_dim, 1, n_dim, "eig_state%zs", proc, mod);
         ca_complex_2d(eig.zx, 1, n_dim, 1, n_dim, "eig_state%zx", proc, mod);
-        // Only the points of this process keep states; the real arrays above serve
-        // the points where H(k) is real.
+        // Only the points of this process keep states, in memory when it holds them
+        // (beside as much again for the rest of the run), else in the scratch file;
+        // the real arrays above serve the points where H(k) is real.
         eig.zpsi_k.clear();
         eig.zpsi_k.resize(static_cast<std::size_t>(nk));
-        if (jobz == 'v' || jobz == 'V')
+        long long own = 0;
+        for (int k = 1; k <= nk; ++k) own += eig_kpt_mine(eig, k) ? 1 : 0;
+        const long long bytes = own * n_dim * static_cast<long long>(n_states) * 16;
+        eig.zpsi_on_file = own > 1 && !allocation_possible(2 * bytes);
+        if (eig.zpsi_on_file) {
+            ca_complex_2d(eig.zpsi_buf, 1, n_dim, 1, n_states, "eig_state%zpsi_buf", proc, mod);
+            const std::string text = "the states of the k-points (" + std::to_string(bytes >> 20) +
+                                     " MiB) go to the scratch file WFS: memory would not hold them";
+            warning_error(text, proc, mod);
+        } else if (jobz == 'v' || jobz == 'V') {
             for (int k = 1; k <= nk; ++k)
                 if (eig_kpt_mine(eig, k))
                     ca_complex_2d(eig.zpsi_k[static_cast<std::size_t>(k - 1)], 1, n_dim, 1,
                                   n_states, "eig_state%zpsi_k", proc, mod);
+        }
     }
     eig_set_psi(eig, 1);
 }
@@ -175,6 +186,7 @@ void eig_state_deallocate(eig_state_type& eig) {
     for (auto& p : eig.zpsi_k)
         if (p.allocated()) cd_complex_2d(p, "eig_state%zpsi_k", proc, mod);
     eig.zpsi_k.clear();
+    if (eig.zpsi_buf.allocated()) cd_complex_2d(eig.zpsi_buf, "eig_state%zpsi_buf", proc, mod);
     for (kpt_work_type& w : eig.kwork) {
         for (auto* a : {&w.h_ij, &w.s_ij, &w.x, &w.dm})
             if (a->allocated()) cd_real_2d(*a, "kpt_work%array", proc, mod);
@@ -577,10 +589,55 @@ bool eig_kpt_mine(const eig_state_type& /*eig*/, int k) {
     return (k - 1) % n_proc == my_proc;
 }
 
+namespace {
+
+// The scratch file of the states of this process's points: records of one state
+// (n_dim complex numbers), state i of point k at (k - 1) n_states + i.
+std::string kpt_scratch_name() {
+    return n_proc > 1 ? "WFS." + std::to_string(my_proc) : std::string("WFS");
+}
+
+void kpt_scratch(eig_state_type& eig, int k, bool write) {
+    const char* proc = write ? "eig_kpt_keep" : "eig_kpt_states";
+    const std::string name = kpt_scratch_name();
+    const std::size_t bytes = static_cast<std::size_t>(eig.n_dim) * 16;
+    if (unit_open(wfs_unit, name, write ? "unknown" : "old", "asis", "direct",
+                  static_cast<int>(bytes)) != 0)
+        fatal_error("problem opening the scratch file " + name, k, proc, mod);
+    for (int i = 1; i <= eig.n_states; ++i) {
+        const long rec = static_cast<long>(k - 1) * eig.n_states + i;
+        const int ios = write ? unit_write_direct(wfs_unit, rec, &eig.zpsi_buf(1, i), bytes)
+                              : unit_read_direct(wfs_unit, rec, &eig.zpsi_buf(1, i), bytes);
+        if (ios != 0) {
+            unit_close(wfs_unit);
+            fatal_error("problem " + std::string(write ? "writing" : "reading") +
+                            " the scratch file " + name,
+                        k, proc, mod);
+        }
+    }
+    unit_close(wfs_unit);
+}
+
+} // namespace
+
+const farray<dcomplex, 2>& eig_kpt_states(eig_state_type& eig, int k) {
+    if (!eig.zpsi_on_file) return eig.zpsi_k[static_cast<std::size_t>(k - 1)];
+    kpt_scratch(eig, k, false);
+    return eig.zpsi_buf;
+}
+
+farray<dcomplex, 2>& eig_kpt_slot(eig_state_type& eig, int k) {
+    return eig.zpsi_on_file ? eig.zpsi_buf : eig.zpsi_k[static_cast<std::size_t>(k - 1)];
+}
+
+void eig_kpt_keep(eig_state_type& eig, int k) {
+    if (eig.zpsi_on_file) kpt_scratch(eig, k, true);
+}
+
 int eig_kpt_threads(eig_state_type& eig, int n_points, bool non_orth) {
     const char* proc = "eig_kpt_threads";
     const int nt = std::min(thread_count(), n_points), n = eig.n_dim;
-    if (nt <= 1 || n > 2048) return 1;
+    if (nt <= 1 || n > 2048 || eig.zpsi_on_file) return 1;
     bool any_real = false, any_complex = false;
     for (int k = 1; k <= n_kpt(eig); ++k)
         (eig.kpt->real_point[static_cast<std::size_t>(k - 1)] != 0 ? any_real : any_complex) = true;
@@ -647,7 +704,7 @@ void eig_kpt_density(const hamiltonian_type& ham, const ions_type& ions, eig_sta
         farray<double, 1>* diag_t = dm_diag == nullptr ? nullptr
                                     : kw == nullptr    ? dm_diag
                                                        : &kw->dm_diag;
-        const farray<dcomplex, 2>& psi = eig.zpsi_k[static_cast<std::size_t>(k - 1)];
+        const farray<dcomplex, 2>& psi = eig_kpt_states(eig, k);
         bool first = true;
         for (const double sign : {1.0, -1.0}) {
             int c = 0;

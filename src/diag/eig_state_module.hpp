@@ -64,6 +64,11 @@ struct eig_state_type {
     // states of every point (complex, n_dim x n_states) that this process solves.
     farray<dcomplex, 2> zh, zs, zx;
     std::vector<farray<dcomplex, 2>> zpsi_k;
+    // When memory would not hold the states of all points of this process, they
+    // live in the scratch file WFS (WFS.<process> beside others), one point at a
+    // time in zpsi_buf; the loops over points then run in one thread.
+    bool zpsi_on_file = false;
+    farray<dcomplex, 2> zpsi_buf;
     std::vector<kpt_work_type> kwork; // threads 1, 2, ... of the k-point loops
 };
 
@@ -103,6 +108,12 @@ void eig_print_eigen_energies(const eig_state_type& eig, int unit,
 // with D_k = sum_s w(s, k) psi_s psi_s^H, summed over the processes; dm_diag the
 // diagonal of the ion's own block. The weights w hold the k weights.
 bool eig_kpt_mine(const eig_state_type& eig, int k);
+// The states of point k (of this process): in memory, or read from the scratch
+// file into the buffer. eig_kpt_slot is the array that point k is solved into, and
+// eig_kpt_keep puts it in the file when the states live there.
+const farray<dcomplex, 2>& eig_kpt_states(eig_state_type& eig, int k);
+farray<dcomplex, 2>& eig_kpt_slot(eig_state_type& eig, int k);
+void eig_kpt_keep(eig_state_type& eig, int k);
 // Threads that the loops over the n_points points of this process use: one per
 // point up to the threads there are, when the matrices are small enough to hold a
 // copy per thread (each thread then solves whole points with a serial BLAS: many

@@ -174,7 +174,7 @@ void solve_point_k(hamiltonian_type& ham, const ions_type& ions, eig_state_type&
     farray<dcomplex, 2>& zs = kw == nullptr ? eig.zs : kw->zs;
     farray<dcomplex, 2>& zx = kw == nullptr ? eig.zx : kw->zx;
     blacs_distr_type& d = kw == nullptr ? eig.d : kw->d;
-    farray<dcomplex, 2>& psi = eig.zpsi_k[static_cast<std::size_t>(k - 1)];
+    farray<dcomplex, 2>& psi = eig_kpt_slot(eig, k);
     if (kpt.real_point[static_cast<std::size_t>(k - 1)] != 0) {
         get_hs_ij_kreal(ham, ions, kpt, k, &h, non_orth ? &s : nullptr, scc_arg);
         check_finite(h, "the Hamiltonian");
@@ -206,6 +206,7 @@ void solve_point_k(hamiltonian_type& ham, const ions_type& ions, eig_state_type&
             for (int j = 1; j <= n_states; ++j)
                 for (int r = 1; r <= n_dim; ++r) psi(r, j) = zx(r, j);
     }
+    if (vectors) eig_kpt_keep(eig, k);
     for (int i = 1; i <= n_states; ++i) eig.en_i(i, k) = en(i);
 }
 

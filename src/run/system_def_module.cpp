@@ -138,6 +138,15 @@ void init_system_elec() {
                             "and elec_md_algo 2 or 3) samples: the kernel polynomial and orbital "
                             "solvers work at the gamma point; remove KPTS or choose 2 or 3",
                             code, proc, mod);
+    // Each process solves whole points: beyond one process per point the rest wait.
+    if (kpt_general(sys.kpt) && n_proc > sys.kpt.n_k) {
+        const std::string text =
+            std::to_string(n_proc) + " processes share " + std::to_string(sys.kpt.n_k) +
+            " k-points (each solves whole points): " + std::to_string(n_proc - sys.kpt.n_k) +
+            " of them have no work";
+        warning_error(text, proc, mod);
+        if (i_am_master) write_free(stdout_unit, {"WARNING: " + text});
+    }
     if (uses(elec_algo_diag) || uses(elec_algo_diag_b)) {
         eig_state_allocate(sys.eig_state, sys.n_basis, sys.n_states, sys.n_electrons, 1, 1,
                            sys.tb_model.non_orthogonal, sys.elec_algo.eigen_vect ? 'V' : 'N',

@@ -192,7 +192,8 @@ TEST_F(KPoints, ForcesAreMinusTheEnergyGradient) {
 }
 
 // A point moved by a reciprocal lattice vector is the same point, and k and -k
-// give the same levels: the reduced grid equals the full one.
+// give the same levels: the reduced grid equals the full one. States kept in the
+// scratch file (memory too small for them) change nothing either.
 TEST_F(KPoints, ReciprocalShiftsAndTimeReversalChangeNothing) {
     const cell3 tri = {{{0.1, 2.7, 2.75}, {2.68, 0.05, 2.72}, {2.71, 2.74, -0.08}}};
     const std::string pos = poslyrt(tri, shaken({{1, 0, 0, 0}, {1, 1.36, 1.35, 1.37}}, 0.03), 1);
@@ -213,6 +214,16 @@ TEST_F(KPoints, ReciprocalShiftsAndTimeReversalChangeNothing) {
     for (int i = 1; i <= 2; ++i)
         for (int x = 1; x <= 3; ++x)
             EXPECT_NEAR(reduced->s.box.ions.f(x, i), full->s.box.ions.f(x, i), 1e-10);
+    auto in_memory = make(dir / "memory", pos, tbparam("Si"), 0.1, grid(6, 6, 6));
+    allocate_set_test_limit(150000); // the states of the 112 points take 100 kB
+    auto on_file = make(dir / "file", pos, tbparam("Si"), 0.1, grid(6, 6, 6));
+    allocate_set_test_limit(-1);
+    ASSERT_TRUE(on_file->eig.zpsi_on_file && !in_memory->eig.zpsi_on_file);
+    EXPECT_NEAR(on_file->energy(), in_memory->energy(), 1e-12);
+    on_file->forces_and_stress();
+    in_memory->forces_and_stress();
+    EXPECT_NEAR(on_file->s.box.ions.f(1, 2), in_memory->s.box.ions.f(1, 2), 1e-12);
+    EXPECT_NEAR(on_file->s.box.cell.sig(1, 2), in_memory->s.box.cell.sig(1, 2), 1e-12);
 }
 
 // The file KPTS: a grid with its shift, a list with weights, a path; bad files

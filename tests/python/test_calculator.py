@@ -84,6 +84,25 @@ class Calculator(FolderTest):
         si.get_potential_energy()
         np.testing.assert_allclose(bs.energies[0, 0], si.calc.get_eigenvalues(0), atol=1e-6)
 
+    def test_supercell_against_its_folded_points(self):
+        # Cu 108 (3 x 3 x 3 strained cubic cells) at gamma against the 1-atom cell on
+        # the 108 points k with k.A integer for the supercell vectors A.
+        strain = np.array([[1, 0.01, 0], [0, 0.995, 0.02], [0.005, 0, 1.01]])
+        prim, conv = bulk("Cu", "fcc", a=3.61), bulk("Cu", "fcc", a=3.61, cubic=True)
+        for atoms in (prim, conv):
+            atoms.set_cell(atoms.cell @ strain, scale_atoms=True)
+        big = conv * (3, 3, 3)
+        n = np.array(list(np.ndindex(6, 6, 6)), dtype=float)
+        k = np.round(n @ np.linalg.inv(big.cell).T @ np.array(prim.cell).T, 12) % 1.0
+        k = np.unique(np.round(k, 10) % 1.0, axis=0)
+        self.assertEqual(len(k), 108)
+        tb = os.path.join(DATA, "Cu.tbparam")
+        prim.calc = Lyrt(tb, command=LYRT, directory=self.path("k"), kpts=k, sigma=0.1)
+        big.calc = Lyrt(tb, command=LYRT, directory=self.path("g"), sigma=0.1)
+        self.assertAlmostEqual(prim.get_potential_energy(), big.get_potential_energy() / 108, 9)
+        np.testing.assert_allclose(prim.get_stress(), big.get_stress(), atol=1e-8)
+        self.assertAlmostEqual(prim.calc.get_fermi_level(), big.calc.get_fermi_level(), 9)
+
     def test_positions_through_the_program_and_the_report(self):
         atoms = bulk("Cu", "fcc", a=3.7, cubic=True) * (2, 1, 1)
         symbols = atoms.get_chemical_symbols()
