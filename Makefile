@@ -3,7 +3,7 @@
 #   make test   build with bounds checking and warnings as errors, then run the tests
 PACKAGES := g++ cmake make libopenblas-dev libgtest-dev googletest clang-format python3-ase python3-numpy python3-matplotlib
 # The distributed build (make test builds it; make run does not need it).
-MPI_PACKAGES := libopenmpi-dev openmpi-bin libscalapack-openmpi-dev libelpa-dev
+MPI_PACKAGES := libopenmpi-dev openmpi-bin libscalapack-openmpi-dev libelpa-dev libdbcsr-dev gfortran
 EXAMPLE ?= si8
 JOBS ?= 2
 

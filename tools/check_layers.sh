@@ -5,7 +5,7 @@
 # tools/layer_allow.txt ("file -> header  # reason") are exceptions.
 set -euo pipefail
 cd "$(dirname "$0")/.."
-LAYERS=(base parallel numerics system neighbours model operators orbital kpm diag run dynamics main)
+LAYERS=(base parallel numerics system neighbours model operators orbital kpm linear diag run dynamics main)
 declare -A rank
 for i in "${!LAYERS[@]}"; do rank[${LAYERS[$i]}]=$i; done
 allow=tools/layer_allow.txt

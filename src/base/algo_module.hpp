@@ -13,6 +13,7 @@ constexpr int elec_algo_cg = 1;   // conjugate gradient
 constexpr int elec_algo_diag = 2; // diagonalisation (3 too)
 constexpr int elec_algo_diag_b = 3;
 constexpr int elec_algo_kpm = 4; // kernel polynomial method
+constexpr int elec_algo_ls = 5;  // density matrix of block-sparse products (distributed build)
 
 // Mixers of the charge loop (keyword scc_mixer).
 constexpr int scc_mixer_linear = 0;  // "linear"
@@ -40,7 +41,7 @@ struct code_range {
     int first;
     int last;
 };
-constexpr code_range elec_algo_codes{elec_algo_sd, elec_algo_kpm};
+constexpr code_range elec_algo_codes{elec_algo_sd, elec_algo_ls};
 constexpr code_range ions_algo_codes{ions_algo_md, ions_algo_test_stress};
 constexpr code_range eom_codes{eom_verlet, eom_velocity_verlet};
 constexpr code_range thermostat_codes{thermostat_none, thermostat_langevin};
@@ -69,7 +70,8 @@ struct elec_algo_type {
     int max_iter = 200;       // passes of the charge loop (iterations of the orbital solver)
     int min_iter = 3;
     int output_level = 1;
-    bool eigen_vect = true; // eigenvectors wanted
+    double ls_eps_filter = 1e-6; // linear-scaling solver: blocks below this norm are dropped
+    bool eigen_vect = true;      // eigenvectors wanted
     int save_wfs = 0;
     int start = 0;     // 1: load orbitals from WFS
     int ns_extra = 0;  // extra states

@@ -12,6 +12,7 @@ namespace lyrt {
 
 struct cg_state_type;  // orbital minimiser
 struct kpm_state_type; // kernel polynomial method
+struct ls_state_type;  // block-sparse density matrix
 
 struct elec_state_type {
     int n_dim = 0;     // total orbitals
@@ -22,6 +23,7 @@ struct elec_state_type {
     cg_state_type* cg = nullptr;   // solver codes 0 and 1
     scc_type* scc = nullptr;       // charge self-consistency
     kpm_state_type* kpm = nullptr; // solver code 4
+    ls_state_type* ls = nullptr;   // solver code 5
     const kpt_type* kpt = nullptr;
 };
 

@@ -4,6 +4,7 @@
 #include "base/io_module.hpp"
 #include "base/timing_module.hpp"
 #include "kpm/kpm_module.hpp"
+#include "linear/ls_module.hpp"
 #include "model/tb_hs_module.hpp"
 #include "neighbours/pbc_module.hpp"
 #include "orbital/unconst_ftn_module.hpp"
@@ -79,7 +80,7 @@ void forces_calc(hamiltonian_type& ham, ions_type& ions, box_type& box, const i_
     // The kernel polynomial method has no eigenvectors and needs none; the orbital
     // solver has its orbitals.
     const bool own_states = elec_algo.algo == elec_algo_kpm || elec_algo.algo == elec_algo_sd ||
-                            elec_algo.algo == elec_algo_cg;
+                            elec_algo.algo == elec_algo_cg || elec_algo.algo == elec_algo_ls;
     if (!elec_algo.eigen_vect && !(own_states && !model.classical))
         fatal_error("The eigenvectors have not been calculated cannot compute forces", -1, proc,
                     mod);
@@ -103,6 +104,7 @@ void forces_calc(hamiltonian_type& ham, ions_type& ions, box_type& box, const i_
             // terms' alone.
             if (i_algo.calc_stress) box.cell.sig.fill(0.0);
             break;
+        case elec_algo_ls: ls_forces(*elec.ls, ham, ions, box, boost); break;
         default: break; // a guard: read_input refuses codes outside elec_algo_codes
         }
     }

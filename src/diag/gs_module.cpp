@@ -1,5 +1,7 @@
 #include "diag/gs_module.hpp"
 
+#include "linear/ls_module.hpp"
+
 #include "base/error_module.hpp"
 #include "base/io_module.hpp"
 #include "base/timing_module.hpp"
@@ -61,6 +63,11 @@ void gs_calc(box_type& box, ions_state_type& ions_state, elec_state_type& elec,
             }
             break;
         }
+        case elec_algo_ls:
+            calc_hs_real(ham, ions, box);
+            ls_calc(*elec.ls, ham);
+            elec.e = elec.ls->e_band;
+            break;
         default: break; // a guard: read_input refuses codes outside elec_algo_codes
         }
         ions_state.e_atoms = ham.e_atoms;

@@ -252,6 +252,10 @@ void read_input(std::string_view file_name, elec_algo_type& elec_algo, i_algo_ty
     read_int(f, "min_elec_iter", elec_algo.min_iter, de.min_iter);
     read_real(f, "sigma", kpt.sigma, kpt_type{}.sigma);
     check_range("sigma", kpt.sigma, kpt.sigma >= 0.0, "the smearing width must be 0 or more");
+    read_real(f, "ls_eps_filter", elec_algo.ls_eps_filter, de.ls_eps_filter);
+    check_range("ls_eps_filter", elec_algo.ls_eps_filter,
+                elec_algo.ls_eps_filter > 0.0 && elec_algo.ls_eps_filter < 1.0,
+                "the filter of the block products must lie between 0 and 1");
     read_real(f, "dos_sigma", kpt.dos_sigma, kpt_type{}.dos_sigma);
     check_range("dos_sigma", kpt.dos_sigma, kpt.dos_sigma > 0.0,
                 "the width of the density of states must be above 0");

@@ -3,6 +3,7 @@
 #include "base/error_module.hpp"
 #include "base/io_module.hpp"
 #include "diag/dos_module.hpp"
+#include "linear/ls_module.hpp"
 #include "parallel/mpi_module.hpp"
 #include "run/system_def_module.hpp"
 
@@ -24,6 +25,7 @@ const char* gs_word(int code) {
     case 2:
     case 3: return "diagonalization.";
     case 4: return "KPM.";
+    case 5: return "block-sparse density matrix.";
     default: return "unknown method.";
     }
 }
@@ -35,6 +37,7 @@ const char* md_word(int code) {
     case 2:
     case 3: return "diagonalization.";
     case 4: return "KPM.";
+    case 5: return "block-sparse density matrix.";
     default: return "unknown method.";
     }
 }
@@ -297,6 +300,13 @@ void print_ene(const ions_state_type& st, const i_algo_type& i_algo, const elec_
         // With charges and smearing the potential energy is the free energy E - T S.
         line(" Electronic -TS       = ", -elec->eig->e_ts);
         line(" Energy without -TS   = ", st.e_pot + elec->eig->e_ts);
+    }
+    if (electrons && elec->ls != nullptr &&
+        (elec_algo.gs == elec_algo_ls || elec_algo.md == elec_algo_ls)) {
+        // What tells how well the purification converged and how sparse P is.
+        write_free(unit, {" Idempotency error    = ", elec->ls->idempotency});
+        write_free(unit, {" Electron count error = ", elec->ls->n_found - elec->ls->n_el});
+        write_free(unit, {" Fill of P            = ", elec->ls->fill});
     }
     if (electrons && elec->eig != nullptr && uses_diag(elec_algo)) {
         line(" Fermi         Energy = ", elec->eig->e_fermi);

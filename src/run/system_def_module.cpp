@@ -162,6 +162,24 @@ void init_system_elec() {
                        sys.elec_algo.kpm_emax);
         sys.elec_state->kpm = &sys.kpm_state;
     }
+    if (uses(elec_algo_ls)) {
+        // The purification finds the occupied subspace of an insulator: smearing,
+        // charges, k-points and the stress are not part of it yet.
+        const char* what = sys.kpt.sigma > 0.0      ? "smearing (sigma > 0)"
+                           : sys.elec_algo.scc_used ? "self-consistent charges"
+                           : kpt_general(sys.kpt)   ? "k-points (KPTS)"
+                           : sys.i_algo.calc_stress ? "the stress (calc_stress)"
+                           : sys.i_algo.calc_elocal ? "local energies (calc_elocal)"
+                                                    : nullptr;
+        if (what != nullptr)
+            fatal_error(std::string("the linear-scaling solver (elec_gs_algo or elec_md_algo 5) "
+                                    "does not take ") +
+                            what + " yet: choose the diagonalisation (2) for this run",
+                        elec_algo_ls, proc, mod);
+        sys.ls_state.eps_filter = sys.elec_algo.ls_eps_filter;
+        ls_init(sys.ls_state, sys.ham, sys.n_electrons);
+        sys.elec_state->ls = &sys.ls_state;
+    }
     if (uses(elec_algo_sd) || uses(elec_algo_cg)) {
         cg_state_allocate(sys.cg_state, sys.ham, sys.n_states, sys.elec_algo.lo_rad,
                           sys.elec_algo.nh, sys.elec_algo.start);

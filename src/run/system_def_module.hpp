@@ -4,6 +4,7 @@
 
 #include "diag/electrons_module.hpp"
 #include "kpm/kpm_module.hpp"
+#include "linear/ls_module.hpp"
 #include "model/hamiltonian_module.hpp"
 #include "model/tb_model_module.hpp"
 #include "orbital/cg_state_module.hpp"
@@ -28,6 +29,7 @@ struct system_def_type {
     hamiltonian_type ham;
     eig_state_type eig_state;
     kpm_state_type kpm_state;
+    ls_state_type ls_state;
     cg_state_type cg_state;
     scc_type scc;
     kpt_type kpt;

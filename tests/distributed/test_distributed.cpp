@@ -9,6 +9,8 @@
 #include "diag/pdiag_module.hpp"
 #include "kpm/kpm_module.hpp"
 #include "kpm/moments_module.hpp"
+#include "linear/ls_module.hpp"
+#include "model/tb_hs_module.hpp"
 #include "model/tb_model_module.hpp"
 #include "model_support.hpp"
 #include "numerics/random_module.hpp"
@@ -190,6 +192,46 @@ TEST_F(Distributed, DensePathEqualsTheOneProcessPath) {
             // The results are not empty: forces and stress are there to compare.
             EXPECT_GT(std::fabs(ref.forces[0]) + std::fabs(ref.forces[1]), 1e-4) << c.name;
         }
+    }
+}
+
+// The density matrix of the block-sparse purification against the dense states:
+// band energy and the electronic forces of Si 64 (non-orthogonal model, on-site
+// terms) and of the orthogonal model, over the processes as on one.
+TEST_F(Distributed, LinearScalingMatchesTheDenseState) {
+    for (const char* model : {"Si", "Si_orth"}) {
+        const std::string pos = rattled(true, 2, 5.43, 0.02);
+        // The dense reference on each process alone.
+        mpi_use_self(true);
+        model_system d;
+        build_system(d, dir, pos, tbparam(model));
+        electronic_records dense;
+        electronic_records_init(dense, d, 0.0);
+        gs_calc(d.box, dense.st, dense.elec, dense.ea, d.ham, false);
+        eig_forces_dm(d.ham, d.box.ions, d.box, dense.eig, false, 1.0, nullptr);
+        const std::vector<double> f_dense(d.box.ions.f.begin(), d.box.ions.f.end());
+        const double e_dense = dense.eig.e_band, n_el = dense.eig.n_el;
+        electronic_records_free(dense);
+        mpi_use_self(false);
+        model_system s;
+        build_system(s, dir, pos, tbparam(model));
+        ions_type& ions = s.box.ions;
+        ls_state_type ls;
+        ls.eps_filter = 1e-9;
+        ls_init(ls, s.ham, n_el);
+        calc_hs_real(s.ham, ions, s.box);
+        ls_calc(ls, s.ham);
+        ls_forces(ls, s.ham, ions, s.box, 1.0);
+        double df = 0.0;
+        for (std::size_t k = 0; k < f_dense.size(); ++k)
+            df = std::max(df, std::fabs(f_dense[k] - ions.f.data()[k]));
+        const double de = std::fabs(ls.e_band - e_dense) / ions.total_n_ions;
+        EXPECT_TRUE(all_true(de < 1e-7 && df < 1e-5))
+            << model << ": energy " << de << " eV/atom, forces " << df << " eV/A; steps "
+            << ls.ns_steps << " " << ls.sp2_steps << " idempotency " << ls.idempotency;
+        EXPECT_NEAR(ls.n_found, n_el, 1e-6) << model;
+        EXPECT_GT(std::fabs(f_dense[0]) + std::fabs(f_dense[1]), 1e-3) << model;
+        ls_free(ls);
     }
 }
 

@@ -153,9 +153,9 @@ TEST_F(ReadInput, UnknownCodesAndValuesOutOfRangeStop) {
     const std::string code = " is not a code of the program: its codes are ";
     const std::string range = " is out of range: ";
     const std::pair<const char*, std::string> refused[] = {
-        {"elec_gs_algo = 7", code + "0 to 4"},
-        {"elec_gs_algo = -1", code + "0 to 4"},
-        {"elec_md_algo = 8", code + "0 to 4"},
+        {"elec_gs_algo = 7", code + "0 to 5"},
+        {"elec_gs_algo = -1", code + "0 to 5"},
+        {"elec_md_algo = 8", code + "0 to 5"},
         {"ions_algo = 7", code + "0 to 5"},
         {"ions_eom_algo = 5", code + "1 to 2"},
         {"thermostat = 9", code + "0 to 2"},
@@ -163,6 +163,8 @@ TEST_F(ReadInput, UnknownCodesAndValuesOutOfRangeStop) {
         {"elec_start = 2", code + "0 to 1"},
         {"temperature = -5", range + "a temperature must be 0 K or more"},
         {"sigma = -0.1", range + "the smearing width must be 0 or more"},
+        {"ls_eps_filter = 0", range + "the filter of the block products must lie between 0 and 1"},
+        {"dos_sigma = 0", range + "the width of the density of states must be above 0"},
         {"friction = -0.01", range + "a friction must be 0 or more"},
         {"q_nose_ions = -3", range + "a thermostat mass must be 0 or more"},
         {"emass = -1", range + "an orbital mass must be 0 or more"},

@@ -1,0 +1,49 @@
+// The linear-scaling ground state: the density matrix from block-sparse products
+// without eigenvectors. S^-1/2 by Newton-Schulz iterations, the orthogonalised
+// Hamiltonian Z H Z purified (second-order spectral projection, SP2) to the
+// occupied subspace of n_el / 2 states, then P = Z P~ Z and the energy-weighted
+// W = Z P~ H~ P~ Z, whose blocks on the neighbour pattern give forces by the
+// contractions of the dense path. Products drop blocks below eps_filter.
+#pragma once
+
+#include "model/hamiltonian_module.hpp"
+#include "parallel/bsm_module.hpp"
+#include "system/box_module.hpp"
+
+namespace lyrt {
+
+struct ls_state_type {
+    double eps_filter = 1e-6; // Frobenius norm below which a product's block is dropped
+    double ns_tol = 1e-9;     // Newton-Schulz stops when |I - Z S Z| (Frobenius, per row) is below
+    double sp2_tol = 1e-9;    // purification stops when Tr(X - X^2) per row is below
+    int max_iter = 200;       // steps of either iteration at most
+    bsm_layout_type lay;
+    bsm_type s, z, h, p, w; // S, S^-1/2, Z H Z, P~ (orthogonal basis), work
+    bool have_z = false;    // z holds S^-1/2 of the last call (the start of the next)
+    // What the last call found.
+    double e_band = 0.0;      // 2 Tr[P H], eV
+    double n_found = 0.0;     // 2 Tr[P S]
+    double idempotency = 0.0; // |Tr(P~ - P~^2)|
+    double fill = 0.0;        // share of P~'s blocks present
+    int ns_steps = 0, sp2_steps = 0;
+    double n_el = 0.0;         // electrons of the system
+    farray<double, 2> dm;      // block density matrix of the forces, ham's layout
+    farray<double, 1> dm_diag; // its diagonal (on-site terms)
+};
+
+// Builds the layout (one block per ion) for the ions of ham and takes the arrays
+// of the forces; call again when the ion count changes.
+void ls_init(ls_state_type& ls, const hamiltonian_type& ham, double n_el);
+void ls_free(ls_state_type& ls);
+// The ground state of the blocks of ham (calc_hs_real done) for ls.n_el electrons.
+void ls_calc(ls_state_type& ls, const hamiltonian_type& ham);
+// The block density matrix 2 P (energy_weighted: -2 W) in ham's layout, on every
+// process; dm_diag, when given, the diagonal of 2 P.
+void ls_density_blocks(ls_state_type& ls, const hamiltonian_type& ham, bool energy_weighted,
+                       farray<double, 2>& dm, farray<double, 1>* dm_diag);
+// Forces (into ions.f) from the last ls_calc: the gradient blocks contracted with
+// 2 P and -2 W.
+void ls_forces(ls_state_type& ls, hamiltonian_type& ham, ions_type& ions, const box_type& box,
+               double fboost);
+
+} // namespace lyrt
