@@ -45,28 +45,61 @@ pattern_type block_pattern(const hamiltonian_type& ham) {
     return p;
 }
 
-// A block-sparse copy of ham's H or S blocks (the images of one ion summed).
-void blocks_to_bsm(bsm_type& a, const bsm_layout_type& lay, const hamiltonian_type& ham,
+// The group pairs (I, J) with at least one neighbour block between their ions.
+void group_pairs(const ls_state_type& ls, const pattern_type& pat, std::vector<int>& rows,
+                 std::vector<int>& cols) {
+    std::vector<std::pair<int, int>> pairs;
+    for (std::size_t i = 0; i < pat.nbr.size(); ++i)
+        for (const int j : pat.nbr[i])
+            pairs.emplace_back(ls.group[i], ls.group[static_cast<std::size_t>(j)]);
+    std::sort(pairs.begin(), pairs.end());
+    pairs.erase(std::unique(pairs.begin(), pairs.end()), pairs.end());
+    rows.clear();
+    cols.clear();
+    for (const auto& [a, b] : pairs) {
+        rows.push_back(a);
+        cols.push_back(b);
+    }
+}
+
+// Calls f(i, jb, l0, r0, c0) for each neighbour block jb of each ion i of group I
+// whose ion lies in group J: l0 the block's first element in ham's layout, (r0, c0)
+// its place in the group block (I, J).
+template <class F>
+void for_ion_blocks(const ls_state_type& ls, const hamiltonian_type& ham, const pattern_type& pat,
+                    int gi, int gj, F&& f) {
+    const sparse_1d_matrix_desc_type& sd = ham.desc;
+    for (const int i : ls.members[static_cast<std::size_t>(gi)]) {
+        const auto& nb = pat.nbr[static_cast<std::size_t>(i)];
+        for (std::size_t k = 0; k < nb.size(); ++k) {
+            const int j = nb[k];
+            if (ls.group[static_cast<std::size_t>(j)] != gj) continue;
+            for (const int jb : pat.places[static_cast<std::size_t>(i)][k])
+                f(i, jb, sd.ublock_offset(jb, i + 1), ls.offset[static_cast<std::size_t>(i)],
+                  ls.offset[static_cast<std::size_t>(j)]);
+        }
+    }
+}
+
+// A block-sparse copy of ham's H or S blocks (the images of one ion summed) in the
+// groups' blocks.
+void blocks_to_bsm(bsm_type& a, const ls_state_type& ls, const hamiltonian_type& ham,
                    const pattern_type& pat, bool overlap, const char* name) {
     const sparse_1d_matrix_desc_type& sd = ham.desc;
     const pdist_type& pd = *sd.row_pdist;
     std::vector<int> rows, cols;
-    for (std::size_t i = 0; i < pat.nbr.size(); ++i)
-        for (const int j : pat.nbr[i]) {
-            rows.push_back(static_cast<int>(i));
-            cols.push_back(j);
-        }
-    bsm_create(a, lay, name);
+    group_pairs(ls, pat, rows, cols);
+    bsm_create(a, ls.lay, name);
     const farray<double, 2>& x = overlap ? ham.s_ab : ham.h_ab;
-    bsm_fill(a, rows, cols, [&](int i, int j, double* blk, int nr, int nc) {
+    bsm_fill(a, rows, cols, [&](int gi, int gj, double* blk, int nr, int nc) {
         std::fill(blk, blk + static_cast<long>(nr) * nc, 0.0);
-        const int ig = i + 1, il = pd.g2l(ig);
-        const auto& nb = pat.nbr[static_cast<std::size_t>(i)];
-        const auto at = std::lower_bound(nb.begin(), nb.end(), j) - nb.begin();
-        for (const int jb : pat.places[static_cast<std::size_t>(i)][static_cast<std::size_t>(at)]) {
-            const int l0 = sd.ublock_offset(jb, ig);
-            for (int e = 0; e < nr * nc; ++e) blk[e] += x(l0 + e, il);
-        }
+        for_ion_blocks(ls, ham, pat, gi, gj, [&](int i, int jb, int l0, int r0, int c0) {
+            const int ig = i + 1, il = pd.g2l(ig);
+            const int no = sd.row_block_dim(ig), no2 = sd.pblock_dim(jb, ig);
+            for (int b = 0; b < no2; ++b)
+                for (int r = 0; r < no; ++r)
+                    blk[(r0 + r) + nr * (c0 + b)] += x(l0 + r + no * b, il);
+        });
     });
 }
 
@@ -132,15 +165,47 @@ int newton_schulz(ls_state_type& ls) {
 
 } // namespace
 
-void ls_init(ls_state_type& ls, const hamiltonian_type& ham, double n_el) {
+void ls_init(ls_state_type& ls, const hamiltonian_type& ham, const box_type& box, double n_el) {
     const sparse_1d_matrix_desc_type& sd = ham.desc;
-    std::vector<int> dims(static_cast<std::size_t>(sd.row_pdist->n));
+    const int n_ions = sd.row_pdist->n;
     int n = 0;
-    for (int ig = 1; ig <= sd.row_pdist->n; ++ig) {
-        dims[static_cast<std::size_t>(ig - 1)] = sd.row_block_dim(ig);
-        n += sd.row_block_dim(ig);
+    for (int ig = 1; ig <= n_ions; ++ig) n += sd.row_block_dim(ig);
+    // Cells of the simulation cell, m along each vector, about 48 orbitals each.
+    const double per_ion = static_cast<double>(n) / n_ions;
+    const double target = std::max(1.0, std::round(ls.block_orbitals / per_ion));
+    const int m = std::max(1, static_cast<int>(std::floor(std::cbrt(n_ions / target))));
+    std::vector<int> cell_of(static_cast<std::size_t>(n_ions));
+    for (int i = 1; i <= n_ions; ++i) {
+        int c[3];
+        for (int k = 1; k <= 3; ++k) {
+            double f = 0.0;
+            for (int x = 1; x <= 3; ++x) f += box.cell.b(k, x) * box.ions.r(x, i);
+            f -= std::floor(f);
+            c[k - 1] = std::min(m - 1, static_cast<int>(f * m));
+        }
+        cell_of[static_cast<std::size_t>(i - 1)] = (c[0] * m + c[1]) * m + c[2];
     }
+    // Empty cells make no group; the groups keep the cells' order.
+    std::vector<int> group_of_cell(static_cast<std::size_t>(m * m * m), -1);
     ls_free(ls);
+    ls.group.assign(static_cast<std::size_t>(n_ions), 0);
+    ls.offset.assign(static_cast<std::size_t>(n_ions), 0);
+    ls.members.clear();
+    std::vector<int> dims;
+    for (int cell = 0; cell < m * m * m; ++cell)
+        for (int i = 0; i < n_ions; ++i) {
+            if (cell_of[static_cast<std::size_t>(i)] != cell) continue;
+            int& g = group_of_cell[static_cast<std::size_t>(cell)];
+            if (g < 0) {
+                g = static_cast<int>(ls.members.size());
+                ls.members.emplace_back();
+                dims.push_back(0);
+            }
+            ls.group[static_cast<std::size_t>(i)] = g;
+            ls.offset[static_cast<std::size_t>(i)] = dims[static_cast<std::size_t>(g)];
+            dims[static_cast<std::size_t>(g)] += sd.row_block_dim(i + 1);
+            ls.members[static_cast<std::size_t>(g)].push_back(i);
+        }
     bsm_layout_init(ls.lay, dims);
     ls.n_el = n_el;
     ls.dm.allocate({1, 1}, {sd.u_n_dim, sd.row_pdist->max_l_n});
@@ -163,10 +228,10 @@ void ls_calc(ls_state_type& ls, const hamiltonian_type& ham) {
     const pattern_type pat = block_pattern(ham);
     const int n = n_rows(ls.lay);
     bsm_type h, t;
-    blocks_to_bsm(h, ls.lay, ham, pat, false, "H");
+    blocks_to_bsm(h, ls, ham, pat, false, "H");
     bsm_create(t, ls.lay, "T");
     if (non_orth) {
-        blocks_to_bsm(ls.s, ls.lay, ham, pat, true, "S");
+        blocks_to_bsm(ls.s, ls, ham, pat, true, "S");
         ls.ns_steps = newton_schulz(ls);
         // H~ = Z^T H Z.
         bsm_multiply('N', 'N', 1.0, h, ls.z, 0.0, t, eps);
@@ -249,18 +314,20 @@ void ls_density_blocks(ls_state_type& ls, const hamiltonian_type& ham, bool ener
     const long rows = dm.extent(0);
     for (int il = 1; il <= pd.l_n; ++il) std::fill(&dm(1, il), &dm(1, il) + rows, 0.0);
     if (dm_diag != nullptr) dm_diag->fill(0.0);
-    bsm_for_each(out, [&](int i, int j, const double* blk, int nr, int nc) {
-        const int ig = i + 1, il = pd.g2l(ig);
-        const auto& nb = pat.nbr[static_cast<std::size_t>(i)];
-        const auto at = std::lower_bound(nb.begin(), nb.end(), j) - nb.begin();
-        if (at == static_cast<long>(nb.size()) || nb[static_cast<std::size_t>(at)] != j) return;
-        for (const int jb : pat.places[static_cast<std::size_t>(i)][static_cast<std::size_t>(at)]) {
-            const int l0 = sd.ublock_offset(jb, ig);
-            for (int e = 0; e < nr * nc; ++e) dm(l0 + e, il) = factor * blk[e];
-        }
-        if (dm_diag != nullptr && i == j)
-            for (int r = 0; r < nr; ++r)
-                (*dm_diag)(sd.row_block_offset(ig) + r) = factor * blk[r + nr * r];
+    bsm_for_each(out, [&](int gi, int gj, const double* blk, int nr, int) {
+        for_ion_blocks(ls, ham, pat, gi, gj, [&](int i, int jb, int l0, int r0, int c0) {
+            const int ig = i + 1, il = pd.g2l(ig);
+            const int no = sd.row_block_dim(ig), no2 = sd.pblock_dim(jb, ig);
+            for (int b = 0; b < no2; ++b)
+                for (int r = 0; r < no; ++r)
+                    dm(l0 + r + no * b, il) = factor * blk[(r0 + r) + nr * (c0 + b)];
+        });
+        if (dm_diag != nullptr && gi == gj)
+            for (const int i : ls.members[static_cast<std::size_t>(gi)]) {
+                const int r0 = ls.offset[static_cast<std::size_t>(i)];
+                for (int r = 0; r < sd.row_block_dim(i + 1); ++r)
+                    (*dm_diag)(sd.row_block_offset(i + 1) + r) = factor * blk[(r0 + r) * (1 + nr)];
+            }
     });
     if (n_proc > 1) {
         gsum_real_ptr(dm.data(), rows * pd.l_n);

@@ -177,7 +177,7 @@ void init_system_elec() {
                             what + " yet: choose the diagonalisation (2) for this run",
                         elec_algo_ls, proc, mod);
         sys.ls_state.eps_filter = sys.elec_algo.ls_eps_filter;
-        ls_init(sys.ls_state, sys.ham, sys.n_electrons);
+        ls_init(sys.ls_state, sys.ham, sys.box, sys.n_electrons);
         sys.elec_state->ls = &sys.ls_state;
     }
     if (uses(elec_algo_sd) || uses(elec_algo_cg)) {

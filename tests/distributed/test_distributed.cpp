@@ -218,7 +218,9 @@ TEST_F(Distributed, LinearScalingMatchesTheDenseState) {
         ions_type& ions = s.box.ions;
         ls_state_type ls;
         ls.eps_filter = 1e-9;
-        ls_init(ls, s.ham, n_el);
+        ls.block_orbitals = 8; // 27 groups of about two ions
+        ls_init(ls, s.ham, s.box, n_el);
+        ASSERT_EQ(ls.members.size(), 27u);
         calc_hs_real(s.ham, ions, s.box);
         ls_calc(ls, s.ham);
         ls_forces(ls, s.ham, ions, s.box, 1.0);
