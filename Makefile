@@ -83,8 +83,9 @@ bench: build-release
 # The distributed build on 1 and 2 processes: Si 1000 static point (dense path) and
 # Si 512 kernel polynomial point, whole runs under mpirun, and the speed-up.
 bench-mpi: build-mpi
-	cmake --build build/mpi -j $(JOBS) --target lyrt_bench_mpi
+	cmake --build build/mpi -j $(JOBS) --target lyrt_bench_mpi lyrt_bench_ls
 	build/mpi/lyrt_bench_mpi $(BENCH_MPI_CASES)
+	build/mpi/lyrt_bench_ls
 
 # Fuzzing of the three input readers with libFuzzer (clang, address and undefined
 # behaviour sanitizers), FUZZ_SECONDS each, seeded with the examples and the

@@ -103,6 +103,14 @@ void blocks_to_bsm(bsm_type& a, const ls_state_type& ls, const hamiltonian_type&
     });
 }
 
+// A block product, its flops and time counted in ls.
+void product(ls_state_type& ls, char ta, char tb, double alpha, const bsm_type& a,
+             const bsm_type& b, double beta, bsm_type& c, double eps) {
+    const double t0 = timeofday();
+    ls.flops += bsm_multiply(ta, tb, alpha, a, b, beta, c, eps);
+    ls.product_seconds += timeofday() - t0;
+}
+
 int n_rows(const bsm_layout_type& lay) {
     int n = 0;
     for (const int d : lay.block_dim) n += d;
@@ -119,9 +127,9 @@ int newton_schulz(ls_state_type& ls) {
     if (ls.have_z) {
         bsm_type sz;
         bsm_create(sz, ls.lay, "S Z0");
-        bsm_multiply('N', 'N', 1.0, ls.s, ls.z, 0.0, sz, eps);
+        product(ls, 'N', 'N', 1.0, ls.s, ls.z, 0.0, sz, eps);
         bsm_create(x, ls.lay, "Z0 S Z0");
-        bsm_multiply('T', 'N', 1.0, ls.z, sz, 0.0, x, eps);
+        product(ls, 'T', 'N', 1.0, ls.z, sz, 0.0, x, eps);
         bsm_release(sz);
     } else {
         bsm_copy(x, ls.s, "X");
@@ -134,7 +142,7 @@ int newton_schulz(ls_state_type& ls) {
     bsm_create(u, ls.lay, "U");
     int step = 0;
     for (step = 1; step <= ls.max_iter; ++step) {
-        bsm_multiply('N', 'N', -0.5, zz, y, 0.0, t, eps);
+        product(ls, 'N', 'N', -0.5, zz, y, 0.0, t, eps);
         bsm_add_on_diag(t, ls.lay, 1.5);
         // The residual I - Z Y = 2 T - 2 I, measured before the step.
         bsm_copy(u, t, "U");
@@ -142,9 +150,9 @@ int newton_schulz(ls_state_type& ls) {
         bsm_add_on_diag(u, ls.lay, -2.0);
         const double res = bsm_frobenius(u) / std::sqrt(static_cast<double>(n));
         if (res < ls.ns_tol) break;
-        bsm_multiply('N', 'N', 1.0, y, t, 0.0, u, eps);
+        product(ls, 'N', 'N', 1.0, y, t, 0.0, u, eps);
         bsm_copy(y, u, "Y");
-        bsm_multiply('N', 'N', 1.0, t, zz, 0.0, u, eps);
+        product(ls, 'N', 'N', 1.0, t, zz, 0.0, u, eps);
         bsm_copy(zz, u, "Z");
     }
     if (step > ls.max_iter)
@@ -153,7 +161,7 @@ int newton_schulz(ls_state_type& ls) {
                     ls.max_iter, "ls_calc", mod);
     bsm_scale(zz, std::sqrt(c));
     if (ls.have_z) {
-        bsm_multiply('N', 'N', 1.0, ls.z, zz, 0.0, u, eps);
+        product(ls, 'N', 'N', 1.0, ls.z, zz, 0.0, u, eps);
         bsm_copy(ls.z, u, "S^-1/2");
     } else {
         bsm_copy(ls.z, zz, "S^-1/2");
@@ -234,9 +242,9 @@ void ls_calc(ls_state_type& ls, const hamiltonian_type& ham) {
         blocks_to_bsm(ls.s, ls, ham, pat, true, "S");
         ls.ns_steps = newton_schulz(ls);
         // H~ = Z^T H Z.
-        bsm_multiply('N', 'N', 1.0, h, ls.z, 0.0, t, eps);
+        product(ls, 'N', 'N', 1.0, h, ls.z, 0.0, t, eps);
         bsm_create(ls.h, ls.lay, "H~");
-        bsm_multiply('T', 'N', 1.0, ls.z, t, 0.0, ls.h, eps);
+        product(ls, 'T', 'N', 1.0, ls.z, t, 0.0, ls.h, eps);
     } else {
         bsm_copy(ls.h, h, "H~");
         ls.ns_steps = 0;
@@ -256,7 +264,7 @@ void ls_calc(ls_state_type& ls, const hamiltonian_type& ham) {
     double idem = 0.0, best = 1e300;
     int step = 0, rising = 0;
     for (step = 1; step <= ls.max_iter; ++step) {
-        bsm_multiply('N', 'N', 1.0, ls.p, ls.p, 0.0, x2, eps);
+        product(ls, 'N', 'N', 1.0, ls.p, ls.p, 0.0, x2, eps);
         const double tr = bsm_trace(ls.p), tr2 = bsm_trace(x2);
         idem = std::fabs(tr - tr2);
         if (idem < ls.sp2_tol * n) break;
@@ -295,17 +303,17 @@ void ls_density_blocks(ls_state_type& ls, const hamiltonian_type& ham, bool ener
     if (energy_weighted) {
         // W~ = P~ H~ P~.
         bsm_create(t, ls.lay, "T");
-        bsm_multiply('N', 'N', 1.0, ls.p, ls.h, 0.0, t, eps);
+        product(ls, 'N', 'N', 1.0, ls.p, ls.h, 0.0, t, eps);
         bsm_create(m, ls.lay, "W~");
-        bsm_multiply('N', 'N', 1.0, t, ls.p, 0.0, m, eps);
+        product(ls, 'N', 'N', 1.0, t, ls.p, 0.0, m, eps);
     } else {
         bsm_copy(m, ls.p, "P~");
     }
     if (non_orth) {
         bsm_create(t, ls.lay, "T");
-        bsm_multiply('N', 'T', 1.0, m, ls.z, 0.0, t, eps);
+        product(ls, 'N', 'T', 1.0, m, ls.z, 0.0, t, eps);
         bsm_create(out, ls.lay, "P");
-        bsm_multiply('N', 'N', 1.0, ls.z, t, 0.0, out, 0.0);
+        product(ls, 'N', 'N', 1.0, ls.z, t, 0.0, out, 0.0);
     } else {
         bsm_copy(out, m, "P");
     }

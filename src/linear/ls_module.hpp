@@ -35,9 +35,11 @@ struct ls_state_type {
     double idempotency = 0.0; // |Tr(P~ - P~^2)|
     double fill = 0.0;        // share of P~'s blocks present
     int ns_steps = 0, sp2_steps = 0;
-    double n_el = 0.0;         // electrons of the system
-    farray<double, 2> dm;      // block density matrix of the forces, ham's layout
-    farray<double, 1> dm_diag; // its diagonal (on-site terms)
+    long long flops = 0;        // flops of the block products of this process, summed over calls
+    double product_seconds = 0; // their wall time
+    double n_el = 0.0;          // electrons of the system
+    farray<double, 2> dm;       // block density matrix of the forces, ham's layout
+    farray<double, 1> dm_diag;  // its diagonal (on-site terms)
 };
 
 // Groups the ions by their place in the cell (box), builds the layout of the groups'
