@@ -3,6 +3,7 @@
 #include "base/error_module.hpp"
 #include "base/timing_module.hpp"
 #include "model/tb_hs_module.hpp"
+#include "operators/acum_delem_module_1.hpp"
 #include "operators/acum_delem_module_2.hpp"
 #include "parallel/mpi_module.hpp"
 
@@ -359,6 +360,32 @@ void ls_forces(ls_state_type& ls, hamiltonian_type& ham, ions_type& ions, const 
         ls_density_blocks(ls, ham, true, dm, nullptr);
         acum_dm_boost_r(ham, 1.0, ions.f, dm, ham.ds_ab, fboost, &ions.boost, nullptr, nullptr);
     }
+}
+
+void ls_stress(ls_state_type& ls, hamiltonian_type& ham, ions_type& ions, box_type& box) {
+    const bool non_orth = ham.tb_model->non_orthogonal;
+    const bool on_site = ham.tb_model->on_site_env;
+    farray<double, 2> dm_w;
+    ls_density_blocks(ls, ham, false, ls.dm, on_site ? &ls.dm_diag : nullptr);
+    if (non_orth) {
+        dm_w.allocate({1, 1}, {ls.dm.extent(0), ls.dm.extent(1)});
+        ls_density_blocks(ls, ham, true, dm_w, nullptr);
+    }
+    // Diagonal strains (xx, yy, zz), then the off-diagonal ones (xy, yz, xz).
+    double sig[6] = {0, 0, 0, 0, 0, 0};
+    for (const int c : {1, 4}) {
+        calc_hs_grad_real(ham, ions, box, "B", c == 1 ? "D" : "O");
+        const phase_timer wall(phase_contract);
+        stress_dm_r(ham, ls.dm, on_site ? &ls.dm_diag : nullptr, ham.dh_ab,
+                    on_site ? &ham.dh_aa : nullptr, &sig[c - 1]);
+        if (non_orth) stress_dm_r(ham, dm_w, nullptr, ham.ds_ab, nullptr, &sig[c - 1]);
+    }
+    const double vol = cell_vol(box.cell);
+    farray<double, 2>& cs = box.cell.sig;
+    for (int i = 1; i <= 3; ++i) cs(i, i) = sig[i - 1] / vol;
+    cs(1, 2) = cs(2, 1) = sig[3] / vol;
+    cs(2, 3) = cs(3, 2) = sig[4] / vol;
+    cs(1, 3) = cs(3, 1) = sig[5] / vol;
 }
 
 } // namespace lyrt

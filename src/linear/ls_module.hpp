@@ -57,4 +57,8 @@ void ls_density_blocks(ls_state_type& ls, const hamiltonian_type& ham, bool ener
 void ls_forces(ls_state_type& ls, hamiltonian_type& ham, ions_type& ions, const box_type& box,
                double fboost);
 
+// The electronic stress (into box.cell.sig, eV/Angstrom^3) from the last ls_calc:
+// the strain gradients of H and S contracted with 2 P and -2 W.
+void ls_stress(ls_state_type& ls, hamiltonian_type& ham, ions_type& ions, box_type& box);
+
 } // namespace lyrt

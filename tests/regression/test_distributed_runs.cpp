@@ -53,15 +53,17 @@ TEST_F(DistributedRuns, KPointRunsAgreeOverProcessCounts) {
 }
 
 // The linear-scaling solver in whole runs: rattled Si 64 at the default filter
-// against the dense run (energy per atom and forces), on 1 and 2 processes; a run
+// against the dense run (energy per atom, forces, pressure), on 1 and 2 processes; a run
 // with smearing is refused with its message.
 TEST_F(DistributedRuns, LinearScalingRunsMatchTheDenseRun) {
     const std::string pos = poslyrt(cube(10.862), shaken(diamond(5.431, 2), 0.03), 1);
-    const run_result dense = run_case(dir / "dense", pos, "n_steps = 0\n", tbparam("Si"));
+    const run_result dense =
+        run_case(dir / "dense", pos, "n_steps = 0\ncalc_stress = T\n", tbparam("Si"));
     ASSERT_EQ(dense.status, 0);
     for (const int np : {1, 2}) {
-        const run_result r = run_case(dir / ("ls" + std::to_string(np)), pos,
-                                      "n_steps = 0\nelec_gs_algo = 5\n", tbparam("Si"), np);
+        const run_result r =
+            run_case(dir / ("ls" + std::to_string(np)), pos,
+                     "n_steps = 0\nelec_gs_algo = 5\ncalc_stress = T\n", tbparam("Si"), np);
         ASSERT_EQ(r.status, 0) << np;
         EXPECT_NEAR(r.e_pot / 64, dense.e_pot / 64, 1e-5) << np;
         ASSERT_EQ(r.force.size(), 64u);
@@ -69,6 +71,8 @@ TEST_F(DistributedRuns, LinearScalingRunsMatchTheDenseRun) {
             for (std::size_t x = 0; x < 3; ++x)
                 EXPECT_NEAR(r.force[i][x], dense.force[i][x], 1e-4) << np << " ion " << i;
         EXPECT_LT(std::fabs(last_value(r.report, "Electron count error =")), 1e-6) << np;
+        EXPECT_NEAR(last_value(r.report, "Pressure:"), last_value(dense.report, "Pressure:"), 1e-6)
+            << np;
     }
     const run_result smeared = run_case(
         dir / "smeared", pos, "n_steps = 0\nelec_gs_algo = 5\nsigma = 0.1\n", tbparam("Si"));
