@@ -307,6 +307,8 @@ void print_ene(const ions_state_type& st, const i_algo_type& i_algo, const elec_
         write_free(unit, {" Idempotency error    = ", elec->ls->idempotency});
         write_free(unit, {" Electron count error = ", elec->ls->n_found - elec->ls->n_el});
         write_free(unit, {" Fill of P            = ", elec->ls->fill});
+        write_free(unit, {" Newton-Schulz steps  = ", elec->ls->ns_steps});
+        write_free(unit, {" Purification steps   = ", elec->ls->sp2_steps});
     }
     if (electrons && elec->eig != nullptr && uses_diag(elec_algo)) {
         line(" Fermi         Energy = ", elec->eig->e_fermi);
