@@ -105,8 +105,8 @@ void forces_calc(hamiltonian_type& ham, ions_type& ions, box_type& box, const i_
             if (i_algo.calc_stress) box.cell.sig.fill(0.0);
             break;
         case elec_algo_ls:
-            ls_forces(*elec.ls, ham, ions, box, boost);
-            if (i_algo.calc_stress) ls_stress(*elec.ls, ham, ions, box);
+            ls_forces(*elec.ls, ham, ions, box, boost, elec.scc);
+            if (i_algo.calc_stress) ls_stress(*elec.ls, ham, ions, box, elec.scc);
             break;
         default: break; // a guard: read_input refuses codes outside elec_algo_codes
         }

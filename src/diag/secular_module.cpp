@@ -39,63 +39,6 @@ void check_finite(const farray<T, 2>& m, const char* name) {
                             -1, "solve_secular_eqn", mod);
 }
 
-// Anderson's multisecant mixing of the charges (Broyden's second method): the
-// next input charges x + beta r - sum_j g_j (dx_j + beta dr_j), with r = q_out - q_in
-// the residual and g the least-squares fit of r by the residual changes dr_j of
-// the last passes. Linear mixing is the case without history. Sums of charges are
-// kept: every residual sums to zero.
-struct charge_mixer {
-    static constexpr std::size_t depth = 8;
-    double beta = 0.1;
-    std::vector<double> x_prev, r_prev;
-    std::vector<std::vector<double>> dx, dr;
-
-    void mix(std::vector<double>& x, const std::vector<double>& r) {
-        const std::size_t n = x.size();
-        if (!x_prev.empty()) {
-            std::vector<double> a(n), b(n);
-            for (std::size_t i = 0; i < n; ++i) {
-                a[i] = x[i] - x_prev[i];
-                b[i] = r[i] - r_prev[i];
-            }
-            dx.push_back(std::move(a));
-            dr.push_back(std::move(b));
-            if (dx.size() > depth) {
-                dx.erase(dx.begin());
-                dr.erase(dr.begin());
-            }
-        }
-        x_prev = x;
-        r_prev = r;
-        const std::size_t m = dr.size();
-        std::vector<double> g(m, 0.0);
-        if (m > 0) {
-            // Normal equations of the fit (symmetric), slightly regularised.
-            std::vector<double> a(m * m), rhs(m);
-            double trace = 0.0;
-            for (std::size_t p = 0; p < m; ++p) {
-                for (std::size_t q = 0; q < m; ++q) {
-                    double d = 0.0;
-                    for (std::size_t i = 0; i < n; ++i) d += dr[p][i] * dr[q][i];
-                    a[p * m + q] = d;
-                }
-                double d = 0.0;
-                for (std::size_t i = 0; i < n; ++i) d += dr[p][i] * r[i];
-                rhs[p] = d;
-                trace += a[p * m + p];
-            }
-            for (std::size_t p = 0; p < m; ++p) a[p * m + p] += 1e-12 * trace + 1e-300;
-            // A singular fit falls back to the plain step.
-            if (gaussj(a, static_cast<int>(m), rhs, 1)) g = rhs;
-        }
-        for (std::size_t i = 0; i < n; ++i) {
-            double v = x[i] + beta * r[i];
-            for (std::size_t j = 0; j < m; ++j) v -= g[j] * (dx[j][i] + beta * dr[j][i]);
-            x[i] = v;
-        }
-    }
-};
-
 } // namespace
 
 namespace {
@@ -288,30 +231,6 @@ void project_on_ions(hamiltonian_type& ham, ions_type& ions, eig_state_type& eig
     }
 }
 
-// The net charges of the output against those of the input, then the input of the
-// next pass by the chosen mixer; returns the largest change.
-double mix_charges(ions_type& ions, scc_type& scc, const elec_algo_type& elec_algo,
-                   charge_mixer& mixer) {
-    const int n = ions.total_n_ions;
-    std::vector<double> q_in(static_cast<std::size_t>(n)), q_res(static_cast<std::size_t>(n));
-    double dq_max = 0.0;
-    for (int i = 1; i <= n; ++i) {
-        scc.qi_1(i) -= scc.qi0(i);
-        q_in[static_cast<std::size_t>(i - 1)] = ions.qion(i);
-        q_res[static_cast<std::size_t>(i - 1)] = scc.qi_1(i) - ions.qion(i);
-        dq_max = std::max(dq_max, std::fabs(scc.qi_1(i) - ions.qion(i)));
-    }
-    if (elec_algo.scc_mixer == scc_mixer_broyden) {
-        mixer.mix(q_in, q_res);
-        for (int i = 1; i <= n; ++i) ions.qion(i) = q_in[static_cast<std::size_t>(i - 1)];
-    } else {
-        const double mix = elec_algo.charge_mixing;
-        for (int i = 1; i <= n; ++i) ions.qion(i) = (1.0 - mix) * ions.qion(i) + mix * scc.qi_1(i);
-    }
-    cal_charge_aux(scc, ions.qion, scc.qaux);
-    return dq_max;
-}
-
 } // namespace
 
 void solve_secular_eqn(hamiltonian_type& ham, ions_type& ions, const box_type& box,
@@ -321,7 +240,7 @@ void solve_secular_eqn(hamiltonian_type& ham, ions_type& ions, const box_type& b
     const trace_guard trace(proc, mod);
     const double tol = elec_algo.energy_tol;
     double e_new = 0.0, e_old = 0.0, rel = 1.0, dq_max = 0.0;
-    charge_mixer mixer;
+    scc_mixer_type mixer;
     mixer.beta = elec_algo.charge_mixing;
     bool converged = false;
     const bool non_orth = ham.tb_model->non_orthogonal;
@@ -372,7 +291,7 @@ void solve_secular_eqn(hamiltonian_type& ham, ions_type& ions, const box_type& b
             project_on_ions_k(ham, ions, eig, scc, scc_used, elocal);
         else if (!general)
             project_on_ions(ham, ions, eig, scc, scc_used, calc_elocal, elocal);
-        if (scc_used) dq_max = mix_charges(ions, scc, elec_algo, mixer);
+        if (scc_used) dq_max = scc_mix_charges(ions, scc, elec_algo, mixer);
         e_old = e_new;
         if (scc_used) {
             // With smearing the energy is the free energy E - T S: the quantity that

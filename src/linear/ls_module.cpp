@@ -85,7 +85,12 @@ void for_ion_blocks(const ls_state_type& ls, const hamiltonian_type& ham, const 
 // A block-sparse copy of ham's H or S blocks (the images of one ion summed) in the
 // groups' blocks.
 void blocks_to_bsm(bsm_type& a, const ls_state_type& ls, const hamiltonian_type& ham,
-                   const pattern_type& pat, bool overlap, const char* name) {
+                   const pattern_type& pat, bool overlap, const char* name,
+                   const scc_type* scc = nullptr) {
+    // The charge terms of H: 0.5 (qaux(i) + qaux(j)) S on the block of ions i and j
+    // (non-orthogonal), or qaux(i) on the diagonal of ion i (orthogonal).
+    const bool charges = !overlap && scc != nullptr && scc->used;
+    const bool non_orth = ham.tb_model->non_orthogonal;
     const sparse_1d_matrix_desc_type& sd = ham.desc;
     const pdist_type& pd = *sd.row_pdist;
     std::vector<int> rows, cols;
@@ -97,10 +102,23 @@ void blocks_to_bsm(bsm_type& a, const ls_state_type& ls, const hamiltonian_type&
         for_ion_blocks(ls, ham, pat, gi, gj, [&](int i, int jb, int l0, int r0, int c0) {
             const int ig = i + 1, il = pd.g2l(ig);
             const int no = sd.row_block_dim(ig), no2 = sd.pblock_dim(jb, ig);
+            const double f = charges && non_orth
+                                 ? 0.5 * (scc->qaux(ig) + scc->qaux(sd.block_index(jb, ig)))
+                                 : 0.0;
             for (int b = 0; b < no2; ++b)
-                for (int r = 0; r < no; ++r)
-                    blk[(r0 + r) + nr * (c0 + b)] += x(l0 + r + no * b, il);
+                for (int r = 0; r < no; ++r) {
+                    const int l = l0 + r + no * b;
+                    // S is read only where it exists (a non-orthogonal model).
+                    blk[(r0 + r) + nr * (c0 + b)] +=
+                        x(l, il) + (charges && non_orth ? f * ham.s_ab(l, il) : 0.0);
+                }
         });
+        if (charges && !non_orth && gi == gj)
+            for (const int i : ls.members[static_cast<std::size_t>(gi)]) {
+                const int r0 = ls.offset[static_cast<std::size_t>(i)];
+                for (int r = 0; r < sd.row_block_dim(i + 1); ++r)
+                    blk[(r0 + r) * (1 + nr)] += scc->qaux(i + 1);
+            }
     });
 }
 
@@ -227,7 +245,7 @@ void ls_free(ls_state_type& ls) {
     bsm_layout_free(ls.lay);
 }
 
-void ls_calc(ls_state_type& ls, const hamiltonian_type& ham) {
+void ls_calc(ls_state_type& ls, const hamiltonian_type& ham, const scc_type* scc) {
     const double n_el = ls.n_el;
     const char* proc = "ls_calc";
     const trace_guard trace(proc, mod);
@@ -237,7 +255,7 @@ void ls_calc(ls_state_type& ls, const hamiltonian_type& ham) {
     const pattern_type pat = block_pattern(ham);
     const int n = n_rows(ls.lay);
     bsm_type h, t;
-    blocks_to_bsm(h, ls, ham, pat, false, "H");
+    blocks_to_bsm(h, ls, ham, pat, false, "H", scc);
     bsm_create(t, ls.lay, "T");
     if (non_orth) {
         blocks_to_bsm(ls.s, ls, ham, pat, true, "S");
@@ -346,13 +364,15 @@ void ls_density_blocks(ls_state_type& ls, const hamiltonian_type& ham, bool ener
 }
 
 void ls_forces(ls_state_type& ls, hamiltonian_type& ham, ions_type& ions, const box_type& box,
-               double fboost) {
+               double fboost, const scc_type* scc) {
+    const bool charges = scc != nullptr && scc->used;
     farray<double, 2>& dm = ls.dm;
     farray<double, 1>& dm_diag = ls.dm_diag;
     const bool non_orth = ham.tb_model->non_orthogonal;
     const bool on_site = ham.tb_model->on_site_env;
     ions.f.fill(0.0);
     calc_hs_grad_real(ham, ions, box);
+    if (charges && ham.tb_model->non_orthogonal) modify_dh_ab(ham, *scc, 0.0);
     ls_density_blocks(ls, ham, false, dm, on_site ? &dm_diag : nullptr);
     acum_dm_boost_r(ham, 1.0, ions.f, dm, ham.dh_ab, fboost, &ions.boost,
                     on_site ? &dm_diag : nullptr, on_site ? &ham.dh_aa : nullptr);
@@ -360,9 +380,12 @@ void ls_forces(ls_state_type& ls, hamiltonian_type& ham, ions_type& ions, const 
         ls_density_blocks(ls, ham, true, dm, nullptr);
         acum_dm_boost_r(ham, 1.0, ions.f, dm, ham.ds_ab, fboost, &ions.boost, nullptr, nullptr);
     }
+    if (charges) add_forces_scc(*scc);
 }
 
-void ls_stress(ls_state_type& ls, hamiltonian_type& ham, ions_type& ions, box_type& box) {
+void ls_stress(ls_state_type& ls, hamiltonian_type& ham, ions_type& ions, box_type& box,
+               const scc_type* scc) {
+    const bool charges = scc != nullptr && scc->used;
     const bool non_orth = ham.tb_model->non_orthogonal;
     const bool on_site = ham.tb_model->on_site_env;
     farray<double, 2> dm_w;
@@ -375,6 +398,7 @@ void ls_stress(ls_state_type& ls, hamiltonian_type& ham, ions_type& ions, box_ty
     double sig[6] = {0, 0, 0, 0, 0, 0};
     for (const int c : {1, 4}) {
         calc_hs_grad_real(ham, ions, box, "B", c == 1 ? "D" : "O");
+        if (charges && non_orth) modify_dh_ab(ham, *scc, 0.0);
         const phase_timer wall(phase_contract);
         stress_dm_r(ham, ls.dm, on_site ? &ls.dm_diag : nullptr, ham.dh_ab,
                     on_site ? &ham.dh_aa : nullptr, &sig[c - 1]);
@@ -386,6 +410,58 @@ void ls_stress(ls_state_type& ls, hamiltonian_type& ham, ions_type& ions, box_ty
     cs(1, 2) = cs(2, 1) = sig[3] / vol;
     cs(2, 3) = cs(3, 2) = sig[4] / vol;
     cs(1, 3) = cs(3, 1) = sig[5] / vol;
+}
+
+double ls_ground_state(ls_state_type& ls, const hamiltonian_type& ham, ions_type& ions,
+                       scc_type& scc, const elec_algo_type& elec_algo) {
+    const char* proc = "ls_ground_state";
+    if (!scc.used) {
+        ls_calc(ls, ham);
+        return ls.e_band;
+    }
+    const sparse_1d_matrix_desc_type& sd = ham.desc;
+    const pdist_type& pd = *sd.row_pdist;
+    const bool non_orth = ham.tb_model->non_orthogonal;
+    calc_gamma(scc);
+    cal_charge_aux(scc, ions.qion, scc.qaux);
+    scc_mixer_type mixer;
+    mixer.beta = elec_algo.charge_mixing;
+    double e_new = 0.0, e_old = 0.0, dq_max = 0.0;
+    bool converged = false;
+    int iter = 0;
+    for (;; ++iter) {
+        ls_calc(ls, ham, &scc);
+        // Mulliken populations of 2P: its blocks against those of S (the diagonal in
+        // an orthogonal model).
+        ls_density_blocks(ls, ham, false, ls.dm, nullptr);
+        scc.qi_1.fill(0.0);
+        for (int il = 1; il <= pd.l_n; ++il) {
+            const int ig = pd.l2g(il), l0 = sd.ublock_offset(1, ig);
+            double q = 0.0;
+            if (non_orth) {
+                const int nb = sd.n_blocks(ig);
+                for (int l = l0; l < sd.ublock_offset(nb, ig) + sd.ublock_dim(nb, ig); ++l)
+                    q += ls.dm(l, il) * ham.s_ab(l, il);
+            } else {
+                const int no = sd.row_block_dim(ig);
+                for (int a = 0; a < no; ++a) q += ls.dm(l0 + a * (no + 1), il);
+            }
+            scc.qi_1(ig) = q;
+        }
+        dq_max = scc_mix_charges(ions, scc, elec_algo, mixer);
+        e_old = e_new;
+        e_new = get_scc_detot(scc, 0.0, ions.qion) + ls.e_band;
+        converged = iter > 0 && std::fabs(e_new - e_old) < elec_algo.energy_tol &&
+                    dq_max < elec_algo.charge_tol;
+        if (iter >= elec_algo.min_iter && converged) break;
+        if (iter + 1 >= elec_algo.max_iter) break;
+    }
+    if (!converged) {
+        const std::string text = "the charges are not self-consistent after " +
+                                 std::to_string(iter + 1) + " passes (max_elec_iter)";
+        warning_error(text, proc, mod);
+    }
+    return e_new;
 }
 
 } // namespace lyrt

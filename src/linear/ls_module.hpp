@@ -8,7 +8,9 @@
 // contractions of the dense path. Products drop blocks below eps_filter.
 #pragma once
 
+#include "base/algo_module.hpp"
 #include "model/hamiltonian_module.hpp"
+#include "model/scc_model_module.hpp"
 #include "parallel/bsm_module.hpp"
 #include "system/box_module.hpp"
 
@@ -46,8 +48,15 @@ struct ls_state_type {
 // blocks and takes the arrays of the forces; call again when the ion count changes.
 void ls_init(ls_state_type& ls, const hamiltonian_type& ham, const box_type& box, double n_el);
 void ls_free(ls_state_type& ls);
-// The ground state of the blocks of ham (calc_hs_real done) for ls.n_el electrons.
-void ls_calc(ls_state_type& ls, const hamiltonian_type& ham);
+// The ground state of the blocks of ham (calc_hs_real done) for ls.n_el electrons;
+// with scc, H carries the charge terms of the present scc.qaux.
+void ls_calc(ls_state_type& ls, const hamiltonian_type& ham, const scc_type* scc = nullptr);
+// The ground state with the charge loop when scc is in use (as the dense path:
+// Mulliken populations of P, the chosen mixer, the tolerances and pass limits of
+// elec_algo); returns the electronic energy (band energy with the double-counting
+// term of the charges), eV.
+double ls_ground_state(ls_state_type& ls, const hamiltonian_type& ham, ions_type& ions,
+                       scc_type& scc, const elec_algo_type& elec_algo);
 // The block density matrix 2 P (energy_weighted: -2 W) in ham's layout, on every
 // process; dm_diag, when given, the diagonal of 2 P.
 void ls_density_blocks(ls_state_type& ls, const hamiltonian_type& ham, bool energy_weighted,
@@ -55,10 +64,11 @@ void ls_density_blocks(ls_state_type& ls, const hamiltonian_type& ham, bool ener
 // Forces (into ions.f) from the last ls_calc: the gradient blocks contracted with
 // 2 P and -2 W.
 void ls_forces(ls_state_type& ls, hamiltonian_type& ham, ions_type& ions, const box_type& box,
-               double fboost);
+               double fboost, const scc_type* scc = nullptr);
 
 // The electronic stress (into box.cell.sig, eV/Angstrom^3) from the last ls_calc:
 // the strain gradients of H and S contracted with 2 P and -2 W.
-void ls_stress(ls_state_type& ls, hamiltonian_type& ham, ions_type& ions, box_type& box);
+void ls_stress(ls_state_type& ls, hamiltonian_type& ham, ions_type& ions, box_type& box,
+               const scc_type* scc = nullptr);
 
 } // namespace lyrt

@@ -3,6 +3,10 @@
 #include "base/allocate_module.hpp"
 #include "base/error_module.hpp"
 #include "base/io_module.hpp"
+#include "numerics/fitpoly.hpp"
+
+#include <algorithm>
+#include <cmath>
 
 namespace lyrt {
 
@@ -140,5 +144,73 @@ void modify_dh_ab(hamiltonian_type& ham, const scc_type& scc, double eta) {
 
 void calc_gamma(scc_type& /*scc*/) {}
 void add_forces_scc(const scc_type& /*scc*/) {}
+
+void scc_mixer_mix(scc_mixer_type& m, std::vector<double>& x, const std::vector<double>& r) {
+    constexpr std::size_t depth = 8;
+    const std::size_t n = x.size();
+    if (!m.x_prev.empty()) {
+        std::vector<double> a(n), b(n);
+        for (std::size_t i = 0; i < n; ++i) {
+            a[i] = x[i] - m.x_prev[i];
+            b[i] = r[i] - m.r_prev[i];
+        }
+        m.dx.push_back(std::move(a));
+        m.dr.push_back(std::move(b));
+        if (m.dx.size() > depth) {
+            m.dx.erase(m.dx.begin());
+            m.dr.erase(m.dr.begin());
+        }
+    }
+    m.x_prev = x;
+    m.r_prev = r;
+    const std::size_t k = m.dr.size();
+    std::vector<double> g(k, 0.0);
+    if (k > 0) {
+        // Normal equations of the fit (symmetric), slightly regularised.
+        std::vector<double> a(k * k), rhs(k);
+        double trace = 0.0;
+        for (std::size_t p = 0; p < k; ++p) {
+            for (std::size_t q = 0; q < k; ++q) {
+                double d = 0.0;
+                for (std::size_t i = 0; i < n; ++i) d += m.dr[p][i] * m.dr[q][i];
+                a[p * k + q] = d;
+            }
+            double d = 0.0;
+            for (std::size_t i = 0; i < n; ++i) d += m.dr[p][i] * r[i];
+            rhs[p] = d;
+            trace += a[p * k + p];
+        }
+        for (std::size_t p = 0; p < k; ++p) a[p * k + p] += 1e-12 * trace + 1e-300;
+        // A singular fit falls back to the plain step.
+        if (gaussj(a, static_cast<int>(k), rhs, 1)) g = rhs;
+    }
+    for (std::size_t i = 0; i < n; ++i) {
+        double v = x[i] + m.beta * r[i];
+        for (std::size_t j = 0; j < k; ++j) v -= g[j] * (m.dx[j][i] + m.beta * m.dr[j][i]);
+        x[i] = v;
+    }
+}
+
+double scc_mix_charges(ions_type& ions, scc_type& scc, const elec_algo_type& elec_algo,
+                       scc_mixer_type& m) {
+    const int n = ions.total_n_ions;
+    std::vector<double> q_in(static_cast<std::size_t>(n)), q_res(static_cast<std::size_t>(n));
+    double dq_max = 0.0;
+    for (int i = 1; i <= n; ++i) {
+        scc.qi_1(i) -= scc.qi0(i);
+        q_in[static_cast<std::size_t>(i - 1)] = ions.qion(i);
+        q_res[static_cast<std::size_t>(i - 1)] = scc.qi_1(i) - ions.qion(i);
+        dq_max = std::max(dq_max, std::fabs(scc.qi_1(i) - ions.qion(i)));
+    }
+    if (elec_algo.scc_mixer == scc_mixer_broyden) {
+        scc_mixer_mix(m, q_in, q_res);
+        for (int i = 1; i <= n; ++i) ions.qion(i) = q_in[static_cast<std::size_t>(i - 1)];
+    } else {
+        const double mix = elec_algo.charge_mixing;
+        for (int i = 1; i <= n; ++i) ions.qion(i) = (1.0 - mix) * ions.qion(i) + mix * scc.qi_1(i);
+    }
+    cal_charge_aux(scc, ions.qion, scc.qaux);
+    return dq_max;
+}
 
 } // namespace lyrt

@@ -2,9 +2,12 @@
 // on-site energies by U q, and a double-counting term enters the energy.
 #pragma once
 
+#include "base/algo_module.hpp"
 #include "base/farray.hpp"
 #include "model/hamiltonian_module.hpp"
 #include "system/ions_module.hpp"
+
+#include <vector>
 
 namespace lyrt {
 
@@ -44,6 +47,23 @@ void setup_scc_heff(const hamiltonian_type& ham, scc_type& scc, double eta);
 // strained cell); the charges are held fixed, as
 // the energy is stationary in them at self-consistency.
 void modify_dh_ab(hamiltonian_type& ham, const scc_type& scc, double eta);
+// Anderson's multisecant mixing of the charges (Broyden's second method): the
+// next input charges x + beta r - sum_j g_j (dx_j + beta dr_j), with r = q_out - q_in
+// the residual and g the least-squares fit of r by the residual changes dr_j of
+// the last passes (at most 8). Linear mixing is the case without history. Sums of
+// charges are kept: every residual sums to zero.
+struct scc_mixer_type {
+    double beta = 0.1;
+    std::vector<double> x_prev, r_prev;
+    std::vector<std::vector<double>> dx, dr;
+};
+void scc_mixer_mix(scc_mixer_type& m, std::vector<double>& x, const std::vector<double>& r);
+// The net charges of the output (populations in scc.qi_1) against those of the
+// input (ions.qion), then the input of the next pass by the chosen mixer (linear,
+// or the multisecant one in m), and qaux; returns the largest change.
+double scc_mix_charges(ions_type& ions, scc_type& scc, const elec_algo_type& elec_algo,
+                       scc_mixer_type& m);
+
 // Hooks of a distance-dependent charge model; U stays on-site here.
 void calc_gamma(scc_type& scc);
 void add_forces_scc(const scc_type& scc);

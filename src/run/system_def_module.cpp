@@ -164,9 +164,8 @@ void init_system_elec() {
     }
     if (uses(elec_algo_ls)) {
         // The purification finds the occupied subspace of an insulator: smearing,
-        // charges, k-points and local energies are not part of it yet.
+        // k-points and local energies are not part of it yet.
         const char* what = sys.kpt.sigma > 0.0      ? "smearing (sigma > 0)"
-                           : sys.elec_algo.scc_used ? "self-consistent charges"
                            : kpt_general(sys.kpt)   ? "k-points (KPTS)"
                            : sys.i_algo.calc_elocal ? "local energies (calc_elocal)"
                                                     : nullptr;

@@ -53,8 +53,8 @@ TEST_F(DistributedRuns, KPointRunsAgreeOverProcessCounts) {
 }
 
 // The linear-scaling solver in whole runs: rattled Si 64 at the default filter
-// against the dense run (energy per atom, forces, pressure), on 1 and 2 processes; a run
-// with smearing is refused with its message.
+// against the dense run (energy per atom, forces, pressure), on 1 and 2 processes, and
+// with self-consistent charges; a run with smearing is refused with its message.
 TEST_F(DistributedRuns, LinearScalingRunsMatchTheDenseRun) {
     const std::string pos = poslyrt(cube(10.862), shaken(diamond(5.431, 2), 0.03), 1);
     const run_result dense =
@@ -74,6 +74,16 @@ TEST_F(DistributedRuns, LinearScalingRunsMatchTheDenseRun) {
         EXPECT_NEAR(last_value(r.report, "Pressure:"), last_value(dense.report, "Pressure:"), 1e-6)
             << np;
     }
+    // Self-consistent charges (U = 6 eV on Si): the charge loop over the purification.
+    const std::string q = "n_steps = 0\nscc_used = T\nscc_mixer = broyden\ncharge_mixing = 0.3\n";
+    const run_result dense_q = run_case(dir / "dense_q", pos, q, with_hubbard("Si", {6.0}));
+    const run_result ls_q =
+        run_case(dir / "ls_q", pos, q + "elec_gs_algo = 5\n", with_hubbard("Si", {6.0}), 1);
+    ASSERT_EQ(ls_q.status, 0);
+    EXPECT_NEAR(ls_q.e_pot / 64, dense_q.e_pot / 64, 1e-6);
+    ASSERT_EQ(ls_q.force.size(), 64u);
+    for (std::size_t i = 0; i < 64; ++i)
+        EXPECT_NEAR(ls_q.force[i][0], dense_q.force[i][0], 1e-4) << "ion " << i;
     const run_result smeared = run_case(
         dir / "smeared", pos, "n_steps = 0\nelec_gs_algo = 5\nsigma = 0.1\n", tbparam("Si"));
     EXPECT_EQ(smeared.status, 1);
