@@ -246,6 +246,7 @@ void ls_free(ls_state_type& ls) {
 }
 
 void ls_calc(ls_state_type& ls, const hamiltonian_type& ham, const scc_type* scc) {
+    ls.have_p = ls.have_w = false;
     const double n_el = ls.n_el;
     const char* proc = "ls_calc";
     const trace_guard trace(proc, mod);
@@ -363,6 +364,22 @@ void ls_density_blocks(ls_state_type& ls, const hamiltonian_type& ham, bool ener
     for (bsm_type* a : {&m, &t, &out}) bsm_release(*a);
 }
 
+namespace {
+
+// The blocks of 2P (with its diagonal) or of -2W of the last ls_calc, formed once.
+void ensure_blocks(ls_state_type& ls, const hamiltonian_type& ham, bool energy_weighted) {
+    if (energy_weighted && !ls.have_w) {
+        if (!ls.dm_w.allocated()) ls.dm_w.allocate({1, 1}, {ls.dm.extent(0), ls.dm.extent(1)});
+        ls_density_blocks(ls, ham, true, ls.dm_w, nullptr);
+        ls.have_w = true;
+    } else if (!energy_weighted && !ls.have_p) {
+        ls_density_blocks(ls, ham, false, ls.dm, &ls.dm_diag);
+        ls.have_p = true;
+    }
+}
+
+} // namespace
+
 void ls_forces(ls_state_type& ls, hamiltonian_type& ham, ions_type& ions, const box_type& box,
                double fboost, const scc_type* scc) {
     const bool charges = scc != nullptr && scc->used;
@@ -373,12 +390,13 @@ void ls_forces(ls_state_type& ls, hamiltonian_type& ham, ions_type& ions, const 
     ions.f.fill(0.0);
     calc_hs_grad_real(ham, ions, box);
     if (charges && ham.tb_model->non_orthogonal) modify_dh_ab(ham, *scc, 0.0);
-    ls_density_blocks(ls, ham, false, dm, on_site ? &dm_diag : nullptr);
+    ensure_blocks(ls, ham, false);
     acum_dm_boost_r(ham, 1.0, ions.f, dm, ham.dh_ab, fboost, &ions.boost,
                     on_site ? &dm_diag : nullptr, on_site ? &ham.dh_aa : nullptr);
     if (non_orth) {
-        ls_density_blocks(ls, ham, true, dm, nullptr);
-        acum_dm_boost_r(ham, 1.0, ions.f, dm, ham.ds_ab, fboost, &ions.boost, nullptr, nullptr);
+        ensure_blocks(ls, ham, true);
+        acum_dm_boost_r(ham, 1.0, ions.f, ls.dm_w, ham.ds_ab, fboost, &ions.boost, nullptr,
+                        nullptr);
     }
     if (charges) add_forces_scc(*scc);
 }
@@ -388,12 +406,9 @@ void ls_stress(ls_state_type& ls, hamiltonian_type& ham, ions_type& ions, box_ty
     const bool charges = scc != nullptr && scc->used;
     const bool non_orth = ham.tb_model->non_orthogonal;
     const bool on_site = ham.tb_model->on_site_env;
-    farray<double, 2> dm_w;
-    ls_density_blocks(ls, ham, false, ls.dm, on_site ? &ls.dm_diag : nullptr);
-    if (non_orth) {
-        dm_w.allocate({1, 1}, {ls.dm.extent(0), ls.dm.extent(1)});
-        ls_density_blocks(ls, ham, true, dm_w, nullptr);
-    }
+    ensure_blocks(ls, ham, false);
+    if (non_orth) ensure_blocks(ls, ham, true);
+    const farray<double, 2>& dm_w = ls.dm_w;
     // Diagonal strains (xx, yy, zz), then the off-diagonal ones (xy, yz, xz).
     double sig[6] = {0, 0, 0, 0, 0, 0};
     for (const int c : {1, 4}) {
@@ -433,7 +448,7 @@ double ls_ground_state(ls_state_type& ls, const hamiltonian_type& ham, ions_type
         ls_calc(ls, ham, &scc);
         // Mulliken populations of 2P: its blocks against those of S (the diagonal in
         // an orthogonal model).
-        ls_density_blocks(ls, ham, false, ls.dm, nullptr);
+        ensure_blocks(ls, ham, false);
         scc.qi_1.fill(0.0);
         for (int il = 1; il <= pd.l_n; ++il) {
             const int ig = pd.l2g(il), l0 = sd.ublock_offset(1, ig);

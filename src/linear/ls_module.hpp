@@ -42,6 +42,10 @@ struct ls_state_type {
     double n_el = 0.0;          // electrons of the system
     farray<double, 2> dm;       // block density matrix of the forces, ham's layout
     farray<double, 1> dm_diag;  // its diagonal (on-site terms)
+    farray<double, 2> dm_w;     // block energy-weighted matrix -2 W, ham's layout
+    // Whether dm (with dm_diag) and dm_w hold the blocks of the last ls_calc: the
+    // forces, the stress and the charge loop share them.
+    bool have_p = false, have_w = false;
 };
 
 // Groups the ions by their place in the cell (box), builds the layout of the groups'
