@@ -140,7 +140,9 @@ int n_rows(const bsm_layout_type& lay) {
 // start): Y = c X, Z = I; T = (3 I - Z Y) / 2, Y <- Y T, Z <- T Z; then X^-1/2 =
 // sqrt(c) Z. Returns the steps taken.
 int newton_schulz(ls_state_type& ls) {
-    const double eps = ls.eps_filter;
+    // An error d of Z^T S Z = I + d enters the energy at first order: the products
+    // of this iteration are filtered a thousand times more finely.
+    const double eps = 1e-3 * ls.eps_filter;
     const int n = n_rows(ls.lay);
     bsm_type x, y, zz, t, u;
     if (ls.have_z) {
