@@ -66,6 +66,7 @@ void gs_calc(box_type& box, ions_state_type& ions_state, elec_state_type& elec,
         case elec_algo_ls:
             calc_hs_real(ham, ions, box);
             elec.e = ls_ground_state(*elec.ls, ham, ions, *elec.scc, elec_algo);
+            if (calc_elocal) ls_local(*elec.ls, ham, *elec.scc, ions, ions.e_local);
             break;
         default: break; // a guard: read_input refuses codes outside elec_algo_codes
         }

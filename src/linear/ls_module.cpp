@@ -368,6 +368,29 @@ void ls_density_blocks(ls_state_type& ls, const hamiltonian_type& ham, bool ener
 
 namespace {
 
+// out(i) += factor times the Mulliken projection of the block matrix dm on ion i:
+// its blocks against those of S (the diagonal of the own block in an orthogonal
+// model).
+void mulliken(const hamiltonian_type& ham, const farray<double, 2>& dm, double factor,
+              farray<double, 1>& out) {
+    const sparse_1d_matrix_desc_type& sd = ham.desc;
+    const pdist_type& pd = *sd.row_pdist;
+    const bool non_orth = ham.tb_model->non_orthogonal;
+    for (int il = 1; il <= pd.l_n; ++il) {
+        const int ig = pd.l2g(il), l0 = sd.ublock_offset(1, ig);
+        double q = 0.0;
+        if (non_orth) {
+            const int nb = sd.n_blocks(ig);
+            for (int l = l0; l < sd.ublock_offset(nb, ig) + sd.ublock_dim(nb, ig); ++l)
+                q += dm(l, il) * ham.s_ab(l, il);
+        } else {
+            const int no = sd.row_block_dim(ig);
+            for (int a = 0; a < no; ++a) q += dm(l0 + a * (no + 1), il);
+        }
+        out(ig) += factor * q;
+    }
+}
+
 // The blocks of 2P (with its diagonal) or of -2W of the last ls_calc, formed once.
 void ensure_blocks(ls_state_type& ls, const hamiltonian_type& ham, bool energy_weighted) {
     if (energy_weighted && !ls.have_w) {
@@ -436,9 +459,6 @@ double ls_ground_state(ls_state_type& ls, const hamiltonian_type& ham, ions_type
         ls_calc(ls, ham);
         return ls.e_band;
     }
-    const sparse_1d_matrix_desc_type& sd = ham.desc;
-    const pdist_type& pd = *sd.row_pdist;
-    const bool non_orth = ham.tb_model->non_orthogonal;
     calc_gamma(scc);
     cal_charge_aux(scc, ions.qion, scc.qaux);
     scc_mixer_type mixer;
@@ -452,19 +472,7 @@ double ls_ground_state(ls_state_type& ls, const hamiltonian_type& ham, ions_type
         // an orthogonal model).
         ensure_blocks(ls, ham, false);
         scc.qi_1.fill(0.0);
-        for (int il = 1; il <= pd.l_n; ++il) {
-            const int ig = pd.l2g(il), l0 = sd.ublock_offset(1, ig);
-            double q = 0.0;
-            if (non_orth) {
-                const int nb = sd.n_blocks(ig);
-                for (int l = l0; l < sd.ublock_offset(nb, ig) + sd.ublock_dim(nb, ig); ++l)
-                    q += ls.dm(l, il) * ham.s_ab(l, il);
-            } else {
-                const int no = sd.row_block_dim(ig);
-                for (int a = 0; a < no; ++a) q += ls.dm(l0 + a * (no + 1), il);
-            }
-            scc.qi_1(ig) = q;
-        }
+        mulliken(ham, ls.dm, 1.0, scc.qi_1);
         dq_max = scc_mix_charges(ions, scc, elec_algo, mixer);
         e_old = e_new;
         e_new = get_scc_detot(scc, 0.0, ions.qion) + ls.e_band;
@@ -479,6 +487,17 @@ double ls_ground_state(ls_state_type& ls, const hamiltonian_type& ham, ions_type
         warning_error(text, proc, mod);
     }
     return e_new;
+}
+
+void ls_local(ls_state_type& ls, const hamiltonian_type& ham, const scc_type& scc, ions_type& ions,
+              farray<double, 1>& e_local) {
+    ensure_blocks(ls, ham, false);
+    ensure_blocks(ls, ham, true);
+    ions.qion.fill(0.0);
+    mulliken(ham, ls.dm, 1.0, ions.qion);
+    for (int i = 1; i <= ions.total_n_ions; ++i) ions.qion(i) -= scc.qi0(i);
+    // The band energy of ion i: the projection of 2W = -(-2W).
+    mulliken(ham, ls.dm_w, -1.0, e_local);
 }
 
 } // namespace lyrt

@@ -70,6 +70,11 @@ void ls_density_blocks(ls_state_type& ls, const hamiltonian_type& ham, bool ener
 void ls_forces(ls_state_type& ls, hamiltonian_type& ham, ions_type& ions, const box_type& box,
                double fboost, const scc_type* scc = nullptr);
 
+// Net Mulliken charges (into ions.qion) and band energies per ion (added into
+// e_local) of the last ground state without charges: the projections of 2P and
+// 2W with S.
+void ls_local(ls_state_type& ls, const hamiltonian_type& ham, const scc_type& scc, ions_type& ions,
+              farray<double, 1>& e_local);
 // The electronic stress (into box.cell.sig, eV/Angstrom^3) from the last ls_calc:
 // the strain gradients of H and S contracted with 2 P and -2 W.
 void ls_stress(ls_state_type& ls, hamiltonian_type& ham, ions_type& ions, box_type& box,

@@ -164,11 +164,12 @@ void init_system_elec() {
     }
     if (uses(elec_algo_ls)) {
         // The purification finds the occupied subspace of an insulator: smearing,
-        // k-points and local energies are not part of it yet.
-        const char* what = sys.kpt.sigma > 0.0      ? "smearing (sigma > 0)"
-                           : kpt_general(sys.kpt)   ? "k-points (KPTS)"
-                           : sys.i_algo.calc_elocal ? "local energies (calc_elocal)"
-                                                    : nullptr;
+        // k-points and local energies with charges are not part of it yet.
+        const char* what = sys.kpt.sigma > 0.0    ? "smearing (sigma > 0)"
+                           : kpt_general(sys.kpt) ? "k-points (KPTS)"
+                           : sys.i_algo.calc_elocal && sys.elec_algo.scc_used
+                               ? "local energies with charges (calc_elocal with scc_used)"
+                               : nullptr;
         if (what != nullptr)
             fatal_error(std::string("the linear-scaling solver (elec_gs_algo or elec_md_algo 5) "
                                     "does not take ") +

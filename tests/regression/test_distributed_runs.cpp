@@ -53,8 +53,9 @@ TEST_F(DistributedRuns, KPointRunsAgreeOverProcessCounts) {
 }
 
 // The linear-scaling solver in whole runs: rattled Si 64 at the default filter
-// against the dense run (energy per atom, forces, pressure), on 1 and 2 processes, and
-// with self-consistent charges; a run with smearing is refused with its message.
+// against the dense run (energy per atom, forces, pressure), on 1 and 2 processes, with
+// local energies and with self-consistent charges; a run with smearing is refused with
+// its message.
 TEST_F(DistributedRuns, LinearScalingRunsMatchTheDenseRun) {
     const std::string pos = poslyrt(cube(10.862), shaken(diamond(5.431, 2), 0.03), 1);
     const run_result dense =
@@ -74,6 +75,15 @@ TEST_F(DistributedRuns, LinearScalingRunsMatchTheDenseRun) {
         EXPECT_NEAR(last_value(r.report, "Pressure:"), last_value(dense.report, "Pressure:"), 1e-6)
             << np;
     }
+    // Local energies (and the charges beside them) as the dense run's.
+    const std::string loc = "n_steps = 0\ncalc_elocal = T\n";
+    const run_result dense_loc = run_case(dir / "dense_loc", pos, loc, tbparam("Si"));
+    const run_result ls_loc =
+        run_case(dir / "ls_loc", pos, loc + "elec_gs_algo = 5\n", tbparam("Si"), 1);
+    ASSERT_EQ(ls_loc.status, 0);
+    for (const char* what : {"Sum of local energy  :", "Maximum local energy :"})
+        EXPECT_NEAR(last_value(ls_loc.report, what), last_value(dense_loc.report, what), 1e-6)
+            << what;
     // Self-consistent charges (U = 6 eV on Si): the charge loop over the purification.
     const std::string q = "n_steps = 0\nscc_used = T\nscc_mixer = broyden\ncharge_mixing = 0.3\n";
     const run_result dense_q = run_case(dir / "dense_q", pos, q, with_hubbard("Si", {6.0}));
