@@ -303,7 +303,9 @@ void ls_calc(ls_state_type& ls, const hamiltonian_type& ham, const scc_type* scc
     }
     if (step > ls.max_iter)
         fatal_error("the purification did not become idempotent in " + std::to_string(ls.max_iter) +
-                        " steps",
+                        " steps: the occupied and the empty levels meet (a metal, or a gap "
+                        "closed); the diagonalisation (2) with smearing (sigma > 0) serves such "
+                        "a system",
                     ls.max_iter, proc, mod);
     ls.sp2_steps = step;
     ls.idempotency = idem;
