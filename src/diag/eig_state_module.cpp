@@ -765,28 +765,6 @@ void eig_kpt_density(const hamiltonian_type& ham, const ions_type& ions, eig_sta
     }
 }
 
-void eig_kpt_local_proj(const hamiltonian_type& ham, const farray<double, 2>& dm,
-                        farray<double, 1>& out) {
-    const sparse_1d_matrix_desc_type& sd = ham.desc;
-    const pdist_type& pd = *sd.row_pdist;
-    const bool non_orth = ham.tb_model->non_orthogonal;
-    for (int il = 1; il <= pd.l_n; ++il) {
-        const int ig = pd.l2g(il);
-        const int no = sd.row_block_dim(ig);
-        double q = 0.0;
-        if (non_orth) {
-            const int l0 = sd.ublock_offset(1, ig);
-            const int l1 =
-                sd.ublock_offset(sd.n_blocks(ig), ig) + sd.ublock_dim(sd.n_blocks(ig), ig);
-            for (int l = l0; l < l1; ++l) q += dm(l, il) * ham.s_ab(l, il);
-        } else {
-            const int l0 = sd.ublock_offset(1, ig);
-            for (int a = 0; a < no; ++a) q += dm(l0 + a * (no + 1), il);
-        }
-        out(ig) += q;
-    }
-}
-
 namespace {
 
 // The weight of state i at k-point k in the derivatives of the band energy: twice

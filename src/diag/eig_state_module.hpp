@@ -122,11 +122,6 @@ void eig_kpt_keep(eig_state_type& eig, int k);
 int eig_kpt_threads(eig_state_type& eig, int n_points, bool non_orth);
 void eig_kpt_density(const hamiltonian_type& ham, const ions_type& ions, eig_state_type& eig,
                      const farray<double, 2>& w, farray<double, 2>& dm, farray<double, 1>* dm_diag);
-// Mulliken projection of a real-space density matrix on the ions, added into out:
-// the trace of dm with the overlap blocks (the diagonal of the ion's own block
-// for an orthogonal model).
-void eig_kpt_local_proj(const hamiltonian_type& ham, const farray<double, 2>& dm,
-                        farray<double, 1>& out);
 
 // The levels along a path of k-points into the file `file`: a header, then per
 // point its distance along the path (1/Angstrom), its label ("-" between corners)

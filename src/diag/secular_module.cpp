@@ -8,6 +8,7 @@
 #include "model/tb_hs_module.hpp"
 #include "neighbours/pbc_module.hpp"
 #include "numerics/fitpoly.hpp"
+#include "operators/acum_delem_module_1.hpp"
 #include "parallel/mpi_module.hpp"
 #include "parallel/threads_module.hpp"
 
@@ -208,7 +209,7 @@ void project_on_ions_k(hamiltonian_type& ham, ions_type& ions, eig_state_type& e
         eig_kpt_density(ham, ions, eig, w, eig.dm, nullptr);
         farray<double, 1>& out =
             energies ? (scc_used ? scc.qi_2 : elocal) : (scc_used ? scc.qi_1 : ions.qion);
-        eig_kpt_local_proj(ham, eig.dm, out);
+        local_proj_dm_r(ham, eig.dm, 1.0, out);
     }
 }
 

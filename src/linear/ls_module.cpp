@@ -17,17 +17,10 @@ namespace {
 
 constexpr const char* mod = "ls_module";
 
-// For each ion (0-based) the distinct neighbour ions of its block list, sorted, and
-// for each the block places jb (an ion seen through several images has several).
-struct pattern_type {
-    std::vector<std::vector<int>> nbr;
-    std::vector<std::vector<std::vector<int>>> places;
-};
-
-pattern_type block_pattern(const hamiltonian_type& ham) {
+ls_pattern_type block_pattern(const hamiltonian_type& ham) {
     const sparse_1d_matrix_desc_type& sd = ham.desc;
     const pdist_type& pd = *sd.row_pdist;
-    pattern_type p;
+    ls_pattern_type p;
     p.nbr.resize(static_cast<std::size_t>(pd.n));
     p.places.resize(static_cast<std::size_t>(pd.n));
     for (int ig = 1; ig <= pd.n; ++ig) {
@@ -47,7 +40,7 @@ pattern_type block_pattern(const hamiltonian_type& ham) {
 }
 
 // The group pairs (I, J) with at least one neighbour block between their ions.
-void group_pairs(const ls_state_type& ls, const pattern_type& pat, std::vector<int>& rows,
+void group_pairs(const ls_state_type& ls, const ls_pattern_type& pat, std::vector<int>& rows,
                  std::vector<int>& cols) {
     std::vector<std::pair<int, int>> pairs;
     for (std::size_t i = 0; i < pat.nbr.size(); ++i)
@@ -67,8 +60,8 @@ void group_pairs(const ls_state_type& ls, const pattern_type& pat, std::vector<i
 // whose ion lies in group J: l0 the block's first element in ham's layout, (r0, c0)
 // its place in the group block (I, J).
 template <class F>
-void for_ion_blocks(const ls_state_type& ls, const hamiltonian_type& ham, const pattern_type& pat,
-                    int gi, int gj, F&& f) {
+void for_ion_blocks(const ls_state_type& ls, const hamiltonian_type& ham,
+                    const ls_pattern_type& pat, int gi, int gj, F&& f) {
     const sparse_1d_matrix_desc_type& sd = ham.desc;
     for (const int i : ls.members[static_cast<std::size_t>(gi)]) {
         const auto& nb = pat.nbr[static_cast<std::size_t>(i)];
@@ -85,7 +78,7 @@ void for_ion_blocks(const ls_state_type& ls, const hamiltonian_type& ham, const 
 // A block-sparse copy of ham's H or S blocks (the images of one ion summed) in the
 // groups' blocks.
 void blocks_to_bsm(bsm_type& a, const ls_state_type& ls, const hamiltonian_type& ham,
-                   const pattern_type& pat, bool overlap, const char* name,
+                   const ls_pattern_type& pat, bool overlap, const char* name,
                    const scc_type* scc = nullptr) {
     // The charge terms of H: 0.5 (qaux(i) + qaux(j)) S on the block of ions i and j
     // (non-orthogonal), or qaux(i) on the diagonal of ion i (orthogonal).
@@ -255,7 +248,8 @@ void ls_calc(ls_state_type& ls, const hamiltonian_type& ham, const scc_type* scc
     const phase_timer wall(phase_eigen);
     const double eps = ls.eps_filter;
     const bool non_orth = ham.tb_model->non_orthogonal;
-    const pattern_type pat = block_pattern(ham);
+    ls.pattern = block_pattern(ham);
+    const ls_pattern_type& pat = ls.pattern;
     const int n = n_rows(ls.lay);
     bsm_type h, t;
     blocks_to_bsm(h, ls, ham, pat, false, "H", scc);
@@ -342,7 +336,7 @@ void ls_density_blocks(ls_state_type& ls, const hamiltonian_type& ham, bool ener
         bsm_copy(out, m, "P");
     }
     const double factor = energy_weighted ? -2.0 : 2.0;
-    const pattern_type pat = block_pattern(ham);
+    const ls_pattern_type& pat = ls.pattern; // that of the ls_calc whose P this is
     const long rows = dm.extent(0);
     for (int il = 1; il <= pd.l_n; ++il) std::fill(&dm(1, il), &dm(1, il) + rows, 0.0);
     if (dm_diag != nullptr) dm_diag->fill(0.0);
@@ -369,29 +363,6 @@ void ls_density_blocks(ls_state_type& ls, const hamiltonian_type& ham, bool ener
 }
 
 namespace {
-
-// out(i) += factor times the Mulliken projection of the block matrix dm on ion i:
-// its blocks against those of S (the diagonal of the own block in an orthogonal
-// model).
-void mulliken(const hamiltonian_type& ham, const farray<double, 2>& dm, double factor,
-              farray<double, 1>& out) {
-    const sparse_1d_matrix_desc_type& sd = ham.desc;
-    const pdist_type& pd = *sd.row_pdist;
-    const bool non_orth = ham.tb_model->non_orthogonal;
-    for (int il = 1; il <= pd.l_n; ++il) {
-        const int ig = pd.l2g(il), l0 = sd.ublock_offset(1, ig);
-        double q = 0.0;
-        if (non_orth) {
-            const int nb = sd.n_blocks(ig);
-            for (int l = l0; l < sd.ublock_offset(nb, ig) + sd.ublock_dim(nb, ig); ++l)
-                q += dm(l, il) * ham.s_ab(l, il);
-        } else {
-            const int no = sd.row_block_dim(ig);
-            for (int a = 0; a < no; ++a) q += dm(l0 + a * (no + 1), il);
-        }
-        out(ig) += factor * q;
-    }
-}
 
 // The blocks of 2P (with its diagonal) or of -2W of the last ls_calc, formed once.
 void ensure_blocks(ls_state_type& ls, const hamiltonian_type& ham, bool energy_weighted) {
@@ -474,7 +445,7 @@ double ls_ground_state(ls_state_type& ls, const hamiltonian_type& ham, ions_type
         // an orthogonal model).
         ensure_blocks(ls, ham, false);
         scc.qi_1.fill(0.0);
-        mulliken(ham, ls.dm, 1.0, scc.qi_1);
+        local_proj_dm_r(ham, ls.dm, 1.0, scc.qi_1);
         dq_max = scc_mix_charges(ions, scc, elec_algo, mixer);
         e_old = e_new;
         e_new = get_scc_detot(scc, 0.0, ions.qion) + ls.e_band;
@@ -496,10 +467,10 @@ void ls_local(ls_state_type& ls, const hamiltonian_type& ham, const scc_type& sc
     ensure_blocks(ls, ham, false);
     ensure_blocks(ls, ham, true);
     ions.qion.fill(0.0);
-    mulliken(ham, ls.dm, 1.0, ions.qion);
+    local_proj_dm_r(ham, ls.dm, 1.0, ions.qion);
     for (int i = 1; i <= ions.total_n_ions; ++i) ions.qion(i) -= scc.qi0(i);
     // The band energy of ion i: the projection of 2W = -(-2W).
-    mulliken(ham, ls.dm_w, -1.0, e_local);
+    local_proj_dm_r(ham, ls.dm_w, -1.0, e_local);
 }
 
 } // namespace lyrt

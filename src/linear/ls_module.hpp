@@ -18,6 +18,13 @@
 
 namespace lyrt {
 
+// For each ion (0-based) the distinct neighbour ions of its block list, sorted, and
+// for each the block places jb (an ion seen through several images has several).
+struct ls_pattern_type {
+    std::vector<std::vector<int>> nbr;
+    std::vector<std::vector<std::vector<int>>> places;
+};
+
 struct ls_state_type {
     double eps_filter = 1e-6; // Frobenius norm below which a product's block is dropped
     double ns_tol = 1e-9;     // Newton-Schulz stops when |I - Z S Z| (Frobenius, per row) is below
@@ -29,6 +36,7 @@ struct ls_state_type {
     std::vector<int> group;                // group (block, 0-based) of each ion
     std::vector<int> offset;               // first row of each ion in its group's block
     std::vector<std::vector<int>> members; // ions (0-based) of each group
+    ls_pattern_type pattern;               // ham's block pattern at the last ls_calc
     bsm_type s, z, h, p, w;                // S, S^-1/2, Z H Z, P~ (orthogonal basis), work
     bool have_z = false; // z holds S^-1/2 of the last call (the start of the next)
     // What the last call found.

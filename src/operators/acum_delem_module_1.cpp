@@ -142,4 +142,24 @@ void stress_dm_r(const hamiltonian_type& ham, const farray<double, 2>& dm,
     }
 }
 
+void local_proj_dm_r(const hamiltonian_type& ham, const farray<double, 2>& dm, double factor,
+                     farray<double, 1>& out) {
+    const sparse_1d_matrix_desc_type& sd = ham.desc;
+    const pdist_type& pd = *sd.row_pdist;
+    const bool non_orth = ham.tb_model->non_orthogonal;
+    for (int il = 1; il <= pd.l_n; ++il) {
+        const int ig = pd.l2g(il), l0 = sd.ublock_offset(1, ig);
+        double q = 0.0;
+        if (non_orth) {
+            const int nb = sd.n_blocks(ig);
+            const int l1 = sd.ublock_offset(nb, ig) + sd.ublock_dim(nb, ig);
+            for (int l = l0; l < l1; ++l) q += dm(l, il) * ham.s_ab(l, il);
+        } else {
+            const int no = sd.row_block_dim(ig);
+            for (int a = 0; a < no; ++a) q += dm(l0 + a * (no + 1), il);
+        }
+        out(ig) += factor * q;
+    }
+}
+
 } // namespace lyrt

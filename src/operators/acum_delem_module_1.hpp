@@ -26,4 +26,10 @@ void stress_dm_r(const hamiltonian_type& ham, const farray<double, 2>& dm,
                  const farray<double, 1>* dm_diag, const farray<double, 3>& dh,
                  const farray<double, 3>* dh_aa, double* sig3);
 
+// out(i) += factor times the Mulliken projection on ion i of a block density matrix
+// dm (the layout of ham's blocks): the trace of its blocks with the overlap blocks,
+// or the diagonal of the ion's own block in an orthogonal model.
+void local_proj_dm_r(const hamiltonian_type& ham, const farray<double, 2>& dm, double factor,
+                     farray<double, 1>& out);
+
 } // namespace lyrt
