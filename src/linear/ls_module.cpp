@@ -3,6 +3,8 @@
 #include "base/error_module.hpp"
 #include "base/timing_module.hpp"
 #include "model/tb_hs_module.hpp"
+#include "numerics/cheb_module.hpp"
+#include "numerics/lapack_module.hpp"
 #include "operators/acum_delem_module_1.hpp"
 #include "operators/acum_delem_module_2.hpp"
 #include "parallel/mpi_module.hpp"
@@ -185,6 +187,187 @@ int newton_schulz(ls_state_type& ls) {
     return step;
 }
 
+// Occupation of a level e at chemical potential mu and width sigma.
+double occupation(double e, double mu, double sigma) {
+    const double x = (e - mu) / sigma;
+    if (x > 50.0) return 0.0;
+    if (x < -50.0) return 1.0;
+    return 1.0 / (1.0 + std::exp(x));
+}
+
+// An interval holding the spectrum of the symmetric a, from k Lanczos steps: the
+// extreme Ritz values widened by their residuals and by 1% of the width, inside
+// the Gershgorin interval [g_lo, g_hi].
+void lanczos_bounds(const bsm_type& a, const bsm_layout_type& lay, double g_lo, double g_hi,
+                    double& lo, double& hi) {
+    const int n = n_rows(lay), k = std::min(n, 40);
+    std::vector<double> v(static_cast<std::size_t>(n)), v_old(v.size(), 0.0), av, alpha, beta;
+    double norm = 0.0;
+    for (int i = 0; i < n; ++i) {
+        v[static_cast<std::size_t>(i)] = std::sin(1.7 * i + 0.3) + 0.1;
+        norm += v[static_cast<std::size_t>(i)] * v[static_cast<std::size_t>(i)];
+    }
+    for (double& x : v) x /= std::sqrt(norm);
+    double b = 0.0;
+    for (int j = 0; j < k; ++j) {
+        bsm_matvec(a, lay, v, av);
+        double al = 0.0;
+        for (int i = 0; i < n; ++i)
+            al += av[static_cast<std::size_t>(i)] * v[static_cast<std::size_t>(i)];
+        double nb = 0.0;
+        for (int i = 0; i < n; ++i) {
+            double& r = av[static_cast<std::size_t>(i)];
+            r -= al * v[static_cast<std::size_t>(i)] + b * v_old[static_cast<std::size_t>(i)];
+            nb += r * r;
+        }
+        alpha.push_back(al);
+        b = std::sqrt(nb);
+        beta.push_back(b);
+        if (b < 1e-12) break; // an invariant subspace: its Ritz values are eigenvalues
+        v_old = v;
+        for (int i = 0; i < n; ++i)
+            v[static_cast<std::size_t>(i)] = av[static_cast<std::size_t>(i)] / b;
+    }
+    const int m = static_cast<int>(alpha.size());
+    std::vector<double> d = alpha, e(beta.begin(), beta.end() - 1),
+                        z(static_cast<std::size_t>(m * m)),
+                        work(static_cast<std::size_t>(std::max(1, 2 * m - 2)));
+    int info = 0;
+    dstev_("V", &m, d.data(), e.data(), z.data(), &m, work.data(), &info);
+    if (info != 0) {
+        lo = g_lo;
+        hi = g_hi;
+        return;
+    }
+    // The residual of Ritz pair i is beta_m times the last component of its vector.
+    const double r_lo = std::fabs(beta.back() * z[static_cast<std::size_t>(m - 1)]);
+    const double r_hi = std::fabs(beta.back() * z[static_cast<std::size_t>((m - 1) + m * (m - 1))]);
+    const double margin = 0.01 * (d.back() - d.front());
+    lo = std::max(g_lo, d.front() - r_lo - margin);
+    hi = std::min(g_hi, d.back() + r_hi + margin);
+}
+
+// P~ = f(H~), the Fermi function of width ls.sigma, by a Chebyshev series on the
+// Gershgorin interval of H~ mapped onto [-1, 1] (X). The q powers T_0..T_{q-1} of
+// X are kept and Y = T_q(X) steps through T_aq = T_a(Y); the traces Tr(T_aq T_j)
+// give those of all (A + 1) q terms and with them the electron count at any
+// chemical potential, the band energy and the entropy (quadratures at the
+// Chebyshev nodes); P~ then follows from the series at the chemical potential
+// that holds n_el electrons, summed over a by Clenshaw's recurrence in Y. About
+// q + 2 A = 2 sqrt(2 M) products for M terms.
+// Returns false, having formed nothing, when the traces show levels outside
+// [lo, hi] (|Tr T_m| beyond the order: T_m grows without bound off [-1, 1]).
+bool fermi_expansion(ls_state_type& ls, double lo, double hi) {
+    const double eps = ls.eps_filter, sigma = ls.sigma;
+    const double centre = 0.5 * (hi + lo), half = 0.5 * (hi - lo) * 1.01 + 1e-6;
+    const int m = cheb_fermi_terms(sigma / half, ls.cheb_tol);
+    const int q = std::max(2, static_cast<int>(std::ceil(std::sqrt(2.0 * m))));
+    const int a_max = std::max(1, (m + q - 1) / q - 1);
+    const int terms = (a_max + 1) * q;
+    ls.cheb_terms = terms;
+    bsm_type x, y, g0, g1, g2;
+    bsm_copy(x, ls.h, "X");
+    bsm_scale(x, 1.0 / half);
+    bsm_add_on_diag(x, ls.lay, -centre / half);
+    std::vector<bsm_type> t(static_cast<std::size_t>(q));
+    bsm_copy(t[0], ls.lay.id, "T0");
+    bsm_copy(t[1], x, "T1");
+    // T_{j} = 2 X T_{j-1} - T_{j-2}; Y = T_q the same way.
+    for (int j = 2; j <= q; ++j) {
+        bsm_type& out = j < q ? t[static_cast<std::size_t>(j)] : y;
+        bsm_copy(out, t[static_cast<std::size_t>(j - 2)], "T");
+        product(ls, 'N', 'N', 2.0, x, t[static_cast<std::size_t>(j - 1)], -1.0, out, eps);
+    }
+    bsm_release(x);
+    std::vector<double> tr(static_cast<std::size_t>(terms), 0.0);
+    for (int j = 0; j < q; ++j)
+        tr[static_cast<std::size_t>(j)] = bsm_trace(t[static_cast<std::size_t>(j)]);
+    // T_aq for a = 1..A: T_{(a+1)q} = 2 Y T_aq - T_{(a-1)q}.
+    bsm_copy(g0, ls.lay.id, "G");
+    bsm_copy(g1, y, "G");
+    for (int a = 1; a <= a_max; ++a) {
+        for (int j = 0; j < q; ++j)
+            tr[static_cast<std::size_t>(a * q + j)] = bsm_dot(g1, t[static_cast<std::size_t>(j)]);
+        if (a == a_max) break;
+        bsm_copy(g2, g0, "G");
+        product(ls, 'N', 'N', 2.0, y, g1, -1.0, g2, eps);
+        std::swap(g0, g1);
+        std::swap(g1, g2);
+    }
+    std::vector<double> tau, w;
+    cheb_traces(tr, q, tau);
+    double tau_max = 0.0;
+    for (const double tm : tau) tau_max = std::max(tau_max, std::fabs(tm));
+    if (!(tau_max < n_rows(ls.lay) + 10.0)) {
+        for (bsm_type* a : {&y, &g0, &g1, &g2}) bsm_release(*a);
+        for (bsm_type& a : t) bsm_release(a);
+        return false;
+    }
+    const int nodes = 2 * terms;
+    cheb_node_weights(tau, nodes, w);
+    std::vector<double> e(static_cast<std::size_t>(nodes));
+    for (int i = 0; i < nodes; ++i)
+        e[static_cast<std::size_t>(i)] = centre + half * cheb_node(i, nodes);
+    const auto count = [&](double mu) {
+        double n = 0.0;
+        for (int i = 0; i < nodes; ++i)
+            n += occupation(e[static_cast<std::size_t>(i)], mu, sigma) *
+                 w[static_cast<std::size_t>(i)];
+        return 2.0 * n;
+    };
+    // Bisection on the count, which rises with mu.
+    double mu_lo = lo - 50.0 * sigma, mu_hi = hi + 50.0 * sigma;
+    for (int it = 0; it < 200 && mu_hi - mu_lo > 1e-13 * (1.0 + std::fabs(mu_lo)); ++it) {
+        const double mid = 0.5 * (mu_lo + mu_hi);
+        (count(mid) < ls.n_el ? mu_lo : mu_hi) = mid;
+    }
+    ls.mu = 0.5 * (mu_lo + mu_hi);
+    double e_band = 0.0, ts = 0.0;
+    for (int i = 0; i < nodes; ++i) {
+        const double f = occupation(e[static_cast<std::size_t>(i)], ls.mu, sigma);
+        const double wi = w[static_cast<std::size_t>(i)];
+        e_band += e[static_cast<std::size_t>(i)] * f * wi;
+        if (f > 0.0 && f < 1.0) ts -= (f * std::log(f) + (1.0 - f) * std::log(1.0 - f)) * wi;
+    }
+    ls.e_band = 2.0 * e_band;
+    ls.e_ts = 2.0 * sigma * ts;
+    // The series at mu, split over the powers of Y: P~ = sum_a T_a(Y) B_a with B_a =
+    // sum_j d(a, j) T_j; Clenshaw: b_a = B_a + 2 Y b_{a+1} - b_{a+2}, P~ = B_0 + Y b_1 - b_2.
+    std::vector<double> c, d;
+    const double mu_x = (ls.mu - centre) / half, sigma_x = sigma / half;
+    cheb_coefficients([&](double xi) { return occupation(xi, mu_x, sigma_x); }, nodes, terms, c);
+    cheb_split(c, q, d);
+    const auto b_of = [&](int a, bsm_type& out) {
+        bsm_copy(out, t[0], "B");
+        bsm_scale(out, d[static_cast<std::size_t>(a * q)]);
+        for (int j = 1; j < q; ++j)
+            bsm_add(out, t[static_cast<std::size_t>(j)], 1.0,
+                    d[static_cast<std::size_t>(a * q + j)]);
+    };
+    bsm_release(g0);
+    bsm_release(g1);
+    bsm_release(g2);
+    // b_{a+1} and b_{a+2}, zero to begin with (finalised matrices).
+    bsm_copy(g1, ls.lay.id, "b1");
+    bsm_scale(g1, 0.0);
+    bsm_copy(g2, g1, "b2");
+    for (int a = a_max; a >= 1; --a) {
+        b_of(a, g0);
+        bsm_add(g0, g2, 1.0, -1.0);
+        product(ls, 'N', 'N', 2.0, y, g1, 1.0, g0, eps);
+        std::swap(g2, g1);
+        std::swap(g1, g0);
+        bsm_release(g0);
+    }
+    bsm_release(ls.p);
+    b_of(0, ls.p);
+    bsm_add(ls.p, g2, 1.0, -1.0);
+    product(ls, 'N', 'N', 1.0, y, g1, 1.0, ls.p, eps);
+    for (bsm_type* a : {&y, &g0, &g1, &g2}) bsm_release(*a);
+    for (bsm_type& a : t) bsm_release(a);
+    return true;
+}
+
 } // namespace
 
 void ls_init(ls_state_type& ls, const hamiltonian_type& ham, const box_type& box, double n_el) {
@@ -266,6 +449,20 @@ void ls_calc(ls_state_type& ls, const hamiltonian_type& ham, const scc_type* scc
         ls.ns_steps = 0;
     }
     bsm_release(h);
+    ls.e_ts = 0.0;
+    if (ls.sigma > 0.0) {
+        // Lanczos bounds, or the Gershgorin interval when levels lie beyond them.
+        double g_lo = 0.0, g_hi = 0.0, lo = 0.0, hi = 0.0;
+        bsm_gershgorin_interval(ls.h, ls.lay, g_lo, g_hi);
+        lanczos_bounds(ls.h, ls.lay, g_lo, g_hi, lo, hi);
+        if (!fermi_expansion(ls, lo, hi)) fermi_expansion(ls, g_lo, g_hi);
+        ls.sp2_steps = 0;
+        ls.idempotency = 0.0;
+        ls.n_found = 2.0 * bsm_trace(ls.p);
+        ls.fill = bsm_occupation(ls.p);
+        bsm_release(t);
+        return;
+    }
     // SP2 from the spectrum mapped into [0, 1] upside down (Gershgorin bounds): X
     // <- X^2 lowers the trace, X <- 2 X - X^2 raises it; the one that lands nearer
     // the occupied count is taken, until X is idempotent.
@@ -318,7 +515,12 @@ void ls_density_blocks(ls_state_type& ls, const hamiltonian_type& ham, bool ener
     const sparse_1d_matrix_desc_type& sd = ham.desc;
     const pdist_type& pd = *sd.row_pdist;
     bsm_type m, t, out;
-    if (energy_weighted) {
+    if (energy_weighted && ls.sigma > 0.0) {
+        // W~ = f(H~) H~, symmetrised (the two products differ by the filter only).
+        bsm_create(m, ls.lay, "W~");
+        product(ls, 'N', 'N', 0.5, ls.p, ls.h, 0.0, m, eps);
+        product(ls, 'N', 'N', 0.5, ls.h, ls.p, 1.0, m, eps);
+    } else if (energy_weighted) {
         // W~ = P~ H~ P~.
         bsm_create(t, ls.lay, "T");
         product(ls, 'N', 'N', 1.0, ls.p, ls.h, 0.0, t, eps);
@@ -430,7 +632,7 @@ double ls_ground_state(ls_state_type& ls, const hamiltonian_type& ham, ions_type
     const char* proc = "ls_ground_state";
     if (!scc.used) {
         ls_calc(ls, ham);
-        return ls.e_band;
+        return ls.e_band - ls.e_ts;
     }
     calc_gamma(scc);
     cal_charge_aux(scc, ions.qion, scc.qaux);
@@ -448,7 +650,7 @@ double ls_ground_state(ls_state_type& ls, const hamiltonian_type& ham, ions_type
         local_proj_dm_r(ham, ls.dm, 1.0, scc.qi_1);
         dq_max = scc_mix_charges(ions, scc, elec_algo, mixer);
         e_old = e_new;
-        e_new = get_scc_detot(scc, 0.0, ions.qion) + ls.e_band;
+        e_new = get_scc_detot(scc, 0.0, ions.qion) + ls.e_band - ls.e_ts;
         converged = iter > 0 && std::fabs(e_new - e_old) < elec_algo.energy_tol &&
                     dq_max < elec_algo.charge_tol;
         if (iter >= elec_algo.min_iter && converged) break;

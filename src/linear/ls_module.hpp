@@ -5,7 +5,9 @@
 // Newton-Schulz iterations, the orthogonalised Hamiltonian Z H Z purified (second-order spectral
 // projection, SP2) to the occupied subspace of n_el / 2 states, then P = Z P~ Z and the
 // energy-weighted W = Z P~ H~ P~ Z, whose blocks on the neighbour pattern give forces by the
-// contractions of the dense path. Products drop blocks below eps_filter.
+// contractions of the dense path. With smearing, P~ is the Fermi function of H~ by a Chebyshev
+// series (the chemical potential from the traces of its terms), W~ = P~ H~, and the energy the
+// free energy E - T S, whose derivatives the forces are. Products drop blocks below eps_filter.
 #pragma once
 
 #include "base/algo_module.hpp"
@@ -29,9 +31,10 @@ struct ls_state_type {
     double eps_filter = 1e-6; // Frobenius norm below which a product's block is dropped
     double ns_tol = 1e-9;     // Newton-Schulz stops when |I - Z S Z| (Frobenius, per row) is below
     double sp2_tol = 1e-9;    // purification stops when Tr(X - X^2) per row is below
-    int max_iter = 200;
-    int block_orbitals =
-        48; // orbitals a group of ions aims at       // steps of either iteration at most
+    int max_iter = 200;       // steps of either iteration at most
+    int block_orbitals = 48;  // orbitals a group of ions aims at
+    double sigma = 0.0;       // Fermi smearing width, eV: 0 purifies, > 0 expands f(H~)
+    double cheb_tol = 1e-10;  // largest error of the Fermi function's series on the spectrum
     bsm_layout_type lay;
     std::vector<int> group;                // group (block, 0-based) of each ion
     std::vector<int> offset;               // first row of each ion in its group's block
@@ -41,6 +44,9 @@ struct ls_state_type {
     bool have_z = false; // z holds S^-1/2 of the last call (the start of the next)
     // What the last call found.
     double e_band = 0.0;      // 2 Tr[P H], eV
+    double e_ts = 0.0;        // T S of the smeared occupations, eV (the energy is e_band - e_ts)
+    double mu = 0.0;          // chemical potential of the smeared occupations, eV
+    int cheb_terms = 0;       // terms of the Fermi function's series
     double n_found = 0.0;     // 2 Tr[P S]
     double idempotency = 0.0; // |Tr(P~ - P~^2)|
     double fill = 0.0;        // share of P~'s blocks present
@@ -66,7 +72,7 @@ void ls_calc(ls_state_type& ls, const hamiltonian_type& ham, const scc_type* scc
 // The ground state with the charge loop when scc is in use (as the dense path:
 // Mulliken populations of P, the chosen mixer, the tolerances and pass limits of
 // elec_algo); returns the electronic energy (band energy with the double-counting
-// term of the charges), eV.
+// term of the charges, less T S with smearing), eV.
 double ls_ground_state(ls_state_type& ls, const hamiltonian_type& ham, ions_type& ions,
                        scc_type& scc, const elec_algo_type& elec_algo);
 // The block density matrix 2 P (energy_weighted: -2 W) in ham's layout, on every

@@ -61,4 +61,6 @@ void dpotrf_(const char* uplo, const int* n, double* a, const int* lda, int* inf
 void dsygst_(const int* itype, const char* uplo, const int* n, double* a, const int* lda,
              const double* b, const int* ldb, int* info);
 void dsterf_(const int* n, double* d, double* e, int* info);
+void dstev_(const char* jobz, const int* n, double* d, double* e, double* z, const int* ldz,
+            double* work, int* info);
 }

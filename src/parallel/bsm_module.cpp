@@ -2,6 +2,10 @@
 
 #include "base/error_module.hpp"
 #include "parallel/mpi_module.hpp"
+#include "parallel/threads_module.hpp"
+
+#include <algorithm>
+#include <cmath>
 
 #if defined(LYRT_DBCSR)
 #include <dbcsr.h>
@@ -137,8 +141,13 @@ void bsm_for_each(const bsm_type& a,
 long long bsm_multiply(char ta, char tb, double alpha, const bsm_type& a, const bsm_type& b,
                        double beta, bsm_type& c, double eps) {
     long long flop = 0;
+    // DBCSR calls dgemm from its own OpenMP threads: a threaded BLAS beneath them
+    // would start threads of its own on the same cores.
+    const int blas = blas_thread_count();
+    set_blas_thread_count(1);
     c_dbcsr_multiply_d(ta, tb, alpha, a.m, b.m, beta, c.m, nullptr, nullptr, nullptr, nullptr,
                        nullptr, nullptr, nullptr, eps > 0.0 ? &eps : nullptr, &flop);
+    set_blas_thread_count(blas);
     return flop;
 }
 
@@ -176,8 +185,51 @@ double bsm_gershgorin(const bsm_type& a) {
     return c_dbcsr_gershgorin_norm(a.m);
 }
 
+void bsm_gershgorin_interval(const bsm_type& a, const bsm_layout_type& lay, double& lo,
+                             double& hi) {
+    // Each row's diagonal element and the sum of |a_ij| beside it, over the processes.
+    std::vector<long> first(lay.block_dim.size() + 1, 0);
+    for (std::size_t i = 0; i < lay.block_dim.size(); ++i)
+        first[i + 1] = first[i] + lay.block_dim[i];
+    const long n = first.back();
+    std::vector<double> row(static_cast<std::size_t>(2 * n), 0.0); // diagonal, radius
+    bsm_for_each(a, [&](int bi, int bj, const double* blk, int nr, int nc) {
+        for (int c = 0; c < nc; ++c)
+            for (int r = 0; r < nr; ++r) {
+                const long i = first[static_cast<std::size_t>(bi)] + r;
+                const double x = blk[r + static_cast<long>(nr) * c];
+                if (bi == bj && r == c)
+                    row[static_cast<std::size_t>(i)] += x;
+                else
+                    row[static_cast<std::size_t>(n + i)] += std::fabs(x);
+            }
+    });
+    gsum_real_ptr(row.data(), 2 * n);
+    lo = 1e300;
+    hi = -1e300;
+    for (long i = 0; i < n; ++i) {
+        lo = std::min(lo, row[static_cast<std::size_t>(i)] - row[static_cast<std::size_t>(n + i)]);
+        hi = std::max(hi, row[static_cast<std::size_t>(i)] + row[static_cast<std::size_t>(n + i)]);
+    }
+}
+
 double bsm_frobenius(const bsm_type& a) {
     return c_dbcsr_frobenius_norm(a.m, nullptr);
+}
+
+void bsm_matvec(const bsm_type& a, const bsm_layout_type& lay, const std::vector<double>& x,
+                std::vector<double>& y) {
+    std::vector<long> first(lay.block_dim.size() + 1, 0);
+    for (std::size_t i = 0; i < lay.block_dim.size(); ++i)
+        first[i + 1] = first[i] + lay.block_dim[i];
+    y.assign(x.size(), 0.0);
+    bsm_for_each(a, [&](int bi, int bj, const double* blk, int nr, int nc) {
+        double* yi = y.data() + first[static_cast<std::size_t>(bi)];
+        const double* xj = x.data() + first[static_cast<std::size_t>(bj)];
+        for (int c = 0; c < nc; ++c)
+            for (int r = 0; r < nr; ++r) yi[r] += blk[r + static_cast<long>(nr) * c] * xj[c];
+    });
+    gsum_real_ptr(y.data(), static_cast<long>(y.size()));
 }
 
 double bsm_occupation(const bsm_type& a) {
@@ -232,7 +284,14 @@ double bsm_dot(const bsm_type&, const bsm_type&) {
 double bsm_gershgorin(const bsm_type&) {
     unavailable();
 }
+void bsm_gershgorin_interval(const bsm_type&, const bsm_layout_type&, double&, double&) {
+    unavailable();
+}
 double bsm_frobenius(const bsm_type&) {
+    unavailable();
+}
+void bsm_matvec(const bsm_type&, const bsm_layout_type&, const std::vector<double>&,
+                std::vector<double>&) {
     unavailable();
 }
 double bsm_occupation(const bsm_type&) {

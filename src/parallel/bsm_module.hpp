@@ -52,7 +52,12 @@ void bsm_filter(bsm_type& a, double eps);
 double bsm_trace(const bsm_type& a);
 double bsm_dot(const bsm_type& a, const bsm_type& b); // sum of a_ij b_ij
 double bsm_gershgorin(const bsm_type& a);             // largest row sum of |a_ij|
+// [lo, hi] holding every eigenvalue of the symmetric a: the Gershgorin discs of its rows.
+void bsm_gershgorin_interval(const bsm_type& a, const bsm_layout_type& lay, double& lo, double& hi);
 double bsm_frobenius(const bsm_type& a);
+// y = a x for vectors of all rows, the same on every process.
+void bsm_matvec(const bsm_type& a, const bsm_layout_type& lay, const std::vector<double>& x,
+                std::vector<double>& y);
 double bsm_occupation(const bsm_type& a); // share of the blocks present
 
 } // namespace lyrt

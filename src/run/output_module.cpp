@@ -303,12 +303,23 @@ void print_ene(const ions_state_type& st, const i_algo_type& i_algo, const elec_
     }
     if (electrons && elec->ls != nullptr &&
         (elec_algo.gs == elec_algo_ls || elec_algo.md == elec_algo_ls)) {
-        // What tells how well the purification converged and how sparse P is.
-        write_free(unit, {" Idempotency error    = ", elec->ls->idempotency});
-        write_free(unit, {" Electron count error = ", elec->ls->n_found - elec->ls->n_el});
-        write_free(unit, {" Fill of P            = ", elec->ls->fill});
-        write_free(unit, {" Newton-Schulz steps  = ", elec->ls->ns_steps});
-        write_free(unit, {" Purification steps   = ", elec->ls->sp2_steps});
+        // What tells how well the purification converged and how sparse P is; with
+        // smearing the potential energy is the free energy E - T S.
+        const ls_state_type& ls = *elec->ls;
+        if (ls.sigma > 0.0) {
+            line(" Electronic -TS       = ", -ls.e_ts);
+            line(" Energy without -TS   = ", st.e_pot + ls.e_ts);
+            line(" Chemical potential   = ", ls.mu);
+        } else {
+            write_free(unit, {" Idempotency error    = ", ls.idempotency});
+        }
+        write_free(unit, {" Electron count error = ", ls.n_found - ls.n_el});
+        write_free(unit, {" Fill of P            = ", ls.fill});
+        write_free(unit, {" Newton-Schulz steps  = ", ls.ns_steps});
+        if (ls.sigma > 0.0)
+            write_free(unit, {" Chebyshev terms      = ", ls.cheb_terms});
+        else
+            write_free(unit, {" Purification steps   = ", ls.sp2_steps});
     }
     if (electrons && elec->eig != nullptr && uses_diag(elec_algo)) {
         line(" Fermi         Energy = ", elec->eig->e_fermi);

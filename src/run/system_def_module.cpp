@@ -134,10 +134,12 @@ void init_system_elec() {
     if (kpt_general(sys.kpt))
         for (const int code : {sys.elec_algo.gs, sys.elec_algo.md})
             if (code != elec_algo_diag && code != elec_algo_diag_b)
-                fatal_error("KPTS asks for k-points, which only the diagonalisation (elec_gs_algo "
-                            "and elec_md_algo 2 or 3) samples: the kernel polynomial and orbital "
-                            "solvers work at the gamma point; remove KPTS or choose 2 or 3",
-                            code, proc, mod);
+                fatal_error(
+                    "KPTS asks for k-points, which only the diagonalisation (elec_gs_algo "
+                    "and elec_md_algo 2 or 3) samples: the kernel polynomial, linear-scaling "
+                    "and orbital solvers work at the gamma point; remove KPTS or choose 2 "
+                    "or 3",
+                    code, proc, mod);
     // Each process solves whole points: beyond one process per point the rest wait.
     if (kpt_general(sys.kpt) && n_proc > sys.kpt.n_k) {
         const std::string text =
@@ -163,19 +165,14 @@ void init_system_elec() {
         sys.elec_state->kpm = &sys.kpm_state;
     }
     if (uses(elec_algo_ls)) {
-        // The purification finds the occupied subspace of an insulator: smearing,
-        // k-points and local energies with charges are not part of it yet.
-        const char* what = sys.kpt.sigma > 0.0    ? "smearing (sigma > 0)"
-                           : kpt_general(sys.kpt) ? "k-points (KPTS)"
-                           : sys.i_algo.calc_elocal && sys.elec_algo.scc_used
-                               ? "local energies with charges (calc_elocal with scc_used)"
-                               : nullptr;
-        if (what != nullptr)
-            fatal_error(std::string("the linear-scaling solver (elec_gs_algo or elec_md_algo 5) "
-                                    "does not take ") +
-                            what + " yet: choose the diagonalisation (2) for this run",
+        // Local energies with charges are not part of the block-sparse solver yet.
+        if (sys.i_algo.calc_elocal && sys.elec_algo.scc_used)
+            fatal_error("the linear-scaling solver (elec_gs_algo or elec_md_algo 5) does not take "
+                        "local energies with charges (calc_elocal with scc_used) yet: choose the "
+                        "diagonalisation (2) for this run",
                         elec_algo_ls, proc, mod);
         sys.ls_state.eps_filter = sys.elec_algo.ls_eps_filter;
+        sys.ls_state.sigma = sys.kpt.sigma;
         ls_init(sys.ls_state, sys.ham, sys.box, sys.n_electrons);
         sys.elec_state->ls = &sys.ls_state;
     }

@@ -250,6 +250,61 @@ TEST_F(Distributed, LinearScalingMatchesTheDenseState) {
     }
 }
 
+// With smearing (Cu 32, sigma 0.2 eV) the series of the Fermi function gives the
+// dense free energy E - T S, its chemical potential, and forces that are minus the
+// derivative of that free energy (central differences of the dense one) and, at
+// the default filter, of the solver's own.
+TEST_F(Distributed, LinearScalingSmearedGivesTheFreeEnergy) {
+    const std::string pos = rattled(false, 2, 3.61, 0.03);
+    const double sigma = 0.2;
+    const std::vector<std::pair<int, int>> comps = {{2, 1}, {5, 3}};
+    mpi_use_self(true);
+    model_system d;
+    build_system(d, dir, pos, tbparam("Cu"));
+    electronic_records dense;
+    electronic_records_init(dense, d, sigma);
+    const auto dense_free = [&] {
+        gs_calc(d.box, dense.st, dense.elec, dense.ea, d.ham, false);
+        return dense.eig.e_band - dense.eig.e_ts;
+    };
+    const double e_dense = dense_free(), mu_dense = dense.eig.e_fermi, n_el = dense.eig.n_el;
+    std::vector<double> f_dense;
+    for (const auto& [i, x] : comps)
+        f_dense.push_back(minus_central_difference(d, i, x, 1e-3, dense_free));
+    electronic_records_free(dense);
+    mpi_use_self(false);
+    model_system s;
+    build_system(s, dir, pos, tbparam("Cu"));
+    ions_type& ions = s.box.ions;
+    ls_state_type ls;
+    ls.eps_filter = 1e-9;
+    ls.sigma = sigma;
+    ls_init(ls, s.ham, s.box, n_el);
+    calc_hs_real(s.ham, ions, s.box);
+    ls_calc(ls, s.ham);
+    ls_forces(ls, s.ham, ions, s.box, 1.0);
+    const double de = std::fabs(ls.e_band - ls.e_ts - e_dense) / ions.total_n_ions;
+    double df = 0.0;
+    for (std::size_t k = 0; k < comps.size(); ++k)
+        df = std::max(df, std::fabs(ions.f(comps[k].second, comps[k].first) - f_dense[k]));
+    EXPECT_TRUE(all_true(de < 1e-7 && df < 1e-5 && std::fabs(ls.mu - mu_dense) < 1e-6))
+        << "free energy " << de << " eV/atom, forces " << df << " eV/A, mu " << ls.mu << " against "
+        << mu_dense << ", " << ls.cheb_terms << " terms";
+    EXPECT_NEAR(ls.n_found, n_el, 1e-6);
+    EXPECT_GT(ls.e_ts, 1e-3);
+    EXPECT_GT(std::fabs(f_dense[0]) + std::fabs(f_dense[1]), 1e-2);
+    ls.eps_filter = 1e-6;
+    ls_calc(ls, s.ham);
+    ls_forces(ls, s.ham, ions, s.box, 1.0);
+    const double f = ions.f(1, 2), fd = minus_central_difference(s, 2, 1, 1e-3, [&] {
+                                       calc_hs_real(s.ham, ions, s.box);
+                                       ls_calc(ls, s.ham);
+                                       return ls.e_band - ls.e_ts;
+                                   });
+    EXPECT_TRUE(all_true(std::fabs(f - fd) < 1e-4)) << "force " << f << " against " << fd;
+    ls_free(ls);
+}
+
 // The moments and the forces of the kernel polynomial method, the unit-vector
 // columns dealt to the processes, as on one process (Si 64, orthogonal model).
 TEST_F(Distributed, PolynomialColumnsOverProcesses) {

@@ -1,7 +1,9 @@
 // Polynomial tools: least-squares fits of polynomials whose coefficients are
-// known, and zeros and stationary points known in closed form.
+// known, zeros and stationary points known in closed form, and Chebyshev series
+// against the functions they stand for.
 #include "base/error_module.hpp"
 #include "base/farray.hpp"
+#include "numerics/cheb_module.hpp"
 #include "numerics/fitpoly.hpp"
 #include "numerics/pzeros.hpp"
 #include "test_support.hpp"
@@ -82,6 +84,71 @@ TEST(Polynomials, ZerosOfKnownFactors) {
             EXPECT_LE(best, radius[at] + 1e-15) << z;
         }
     }
+}
+
+// T_k(x) by the trigonometric form, independent of the recurrences of the unit.
+double cheb_t(int k, double x) {
+    return std::cos(k * std::acos(std::max(-1.0, std::min(1.0, x))));
+}
+
+double cheb_sum(const std::vector<double>& c, double x) {
+    double s = 0.0;
+    for (std::size_t k = 0; k < c.size(); ++k) s += c[k] * cheb_t(static_cast<int>(k), x);
+    return s;
+}
+
+// The Fermi function of a narrow width from the estimated number of terms, anywhere
+// on the interval; the split into products with T_q gives the same series; the
+// traces of the split's products give those of every term; and the node weights
+// give the trace of a function of a "matrix" (a list of levels).
+TEST(Polynomials, ChebyshevSeriesOfTheFermiFunction) {
+    const double w = 0.01, tol = 1e-10;
+    const int m = cheb_fermi_terms(w, tol);
+    EXPECT_GT(m, 500);
+    EXPECT_LT(m, 1000);
+    for (const double mu : {0.0, 0.63, -0.97}) {
+        const auto fermi = [&](double x) { return 1.0 / (1.0 + std::exp((x - mu) / w)); };
+        std::vector<double> c;
+        cheb_coefficients(fermi, 2 * m, m, c);
+        double err = 0.0;
+        for (int i = 0; i <= 400; ++i) {
+            const double x = -1.0 + i / 200.0;
+            err = std::max(err, std::fabs(cheb_sum(c, x) - fermi(x)));
+        }
+        EXPECT_LT(err, 1e-9) << "mu " << mu;
+    }
+    const int q = 7, terms = 5 * q;
+    std::vector<double> c(terms), d, levels;
+    for (int k = 0; k < terms; ++k)
+        c[static_cast<std::size_t>(k)] = std::sin(1.3 * k + 0.4) / (1 + k);
+    cheb_split(c, q, d);
+    for (const double x : {-0.93, -0.2, 0.31, 0.999}) {
+        double s = 0.0;
+        for (int a = 0; a < terms / q; ++a) {
+            double b = 0.0;
+            for (int j = 0; j < q; ++j) b += d[static_cast<std::size_t>(a * q + j)] * cheb_t(j, x);
+            s += cheb_t(a, cheb_t(q, x)) * b;
+        }
+        EXPECT_NEAR(s, cheb_sum(c, x), 1e-12) << x;
+    }
+    for (int i = 0; i < 9; ++i) levels.push_back(std::sin(2.1 * i + 0.3));
+    std::vector<double> t(terms, 0.0), tau;
+    for (int m2 = 0; m2 < terms; ++m2)
+        for (const double e : levels)
+            t[static_cast<std::size_t>(m2)] += cheb_t(m2 / q * q, e) * cheb_t(m2 % q, e);
+    cheb_traces(t, q, tau);
+    for (int m2 = 0; m2 < terms; ++m2) {
+        double direct = 0.0;
+        for (const double e : levels) direct += cheb_t(m2, e);
+        EXPECT_NEAR(tau[static_cast<std::size_t>(m2)], direct, 1e-11) << m2;
+    }
+    std::vector<double> wt;
+    cheb_node_weights(tau, 2 * terms, wt);
+    double quad = 0.0, exact = 0.0;
+    for (int i = 0; i < 2 * terms; ++i)
+        quad += std::exp(cheb_node(i, 2 * terms)) * wt[static_cast<std::size_t>(i)];
+    for (const double e : levels) exact += std::exp(e);
+    EXPECT_NEAR(quad, exact, 1e-12);
 }
 
 class PolynomialStops : public lyrt_test::program_test {};

@@ -54,8 +54,7 @@ TEST_F(DistributedRuns, KPointRunsAgreeOverProcessCounts) {
 
 // The linear-scaling solver in whole runs: rattled Si 64 at the default filter
 // against the dense run (energy per atom, forces, pressure), on 1 and 2 processes, with
-// local energies and with self-consistent charges; a run with smearing is refused with
-// its message.
+// local energies, with self-consistent charges and with smearing.
 TEST_F(DistributedRuns, LinearScalingRunsMatchTheDenseRun) {
     const std::string pos = poslyrt(cube(10.862), shaken(diamond(5.431, 2), 0.03), 1);
     const run_result dense =
@@ -94,10 +93,39 @@ TEST_F(DistributedRuns, LinearScalingRunsMatchTheDenseRun) {
     ASSERT_EQ(ls_q.force.size(), 64u);
     for (std::size_t i = 0; i < 64; ++i)
         EXPECT_NEAR(ls_q.force[i][0], dense_q.force[i][0], 1e-4) << "ion " << i;
-    const run_result smeared = run_case(
-        dir / "smeared", pos, "n_steps = 0\nelec_gs_algo = 5\nsigma = 0.1\n", tbparam("Si"));
-    EXPECT_EQ(smeared.status, 1);
-    EXPECT_NE(smeared.report.find("does not take smearing (sigma > 0) yet"), std::string::npos);
+    // Smeared copper: the potential energy is the free energy E - T S, as that of
+    // the dense run with charges (here with U = 0, the charges without effect),
+    // with its forces and pressure; without -T S it is the energy of the dense run
+    // without charges. k-points are refused with their message.
+    const std::string cu = poslyrt(cube(7.22), shaken(fcc(3.61, 2), 0.02), 1);
+    const std::string smear = "n_steps = 0\nsigma = 0.2\ncalc_stress = T\n";
+    const run_result dense_cu = run_case(dir / "dense_cu", cu, smear, tbparam("Cu"));
+    const run_result dense_free =
+        run_case(dir / "dense_free", cu, smear + "scc_used = T\n", with_hubbard("Cu", {0.0}));
+    const run_result ls_cu =
+        run_case(dir / "ls_cu", cu, smear + "elec_gs_algo = 5\n", tbparam("Cu"), 2);
+    ASSERT_EQ(ls_cu.status, 0);
+    EXPECT_NEAR(ls_cu.e_pot, dense_free.e_pot, 32 * 1e-6);
+    EXPECT_NEAR(last_value(ls_cu.report, "Energy without -TS   ="), dense_cu.e_pot, 32 * 1e-6);
+    EXPECT_LT(last_value(ls_cu.report, "Electronic -TS       ="), -0.1);
+    ASSERT_EQ(ls_cu.force.size(), 32u);
+    ASSERT_EQ(dense_free.force.size(), 32u);
+    double df = 0.0, f_max = 0.0;
+    for (std::size_t i = 0; i < 32; ++i)
+        for (std::size_t x = 0; x < 3; ++x) {
+            df = std::max(df, std::fabs(ls_cu.force[i][x] - dense_free.force[i][x]));
+            f_max = std::max(f_max, std::fabs(dense_free.force[i][x]));
+        }
+    EXPECT_LT(df, 1e-4);
+    EXPECT_GT(f_max, 0.05);
+    EXPECT_NEAR(last_value(ls_cu.report, "Pressure:"), last_value(dense_free.report, "Pressure:"),
+                1e-6);
+    std::filesystem::create_directories(dir / "kpts");
+    write_text(dir / "kpts" / "KPTS", "grid = 2 2 2\n");
+    const run_result kpts = run_case(dir / "kpts", cu, smear + "elec_gs_algo = 5\n", tbparam("Cu"));
+    EXPECT_EQ(kpts.status, 1);
+    EXPECT_NE(kpts.report.find("linear-scaling and orbital solvers work at the gamma point"),
+              std::string::npos);
 }
 
 TEST_F(DistributedRuns, StaticPointAndDynamicsAgreeOverProcessCounts) {
