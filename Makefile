@@ -72,13 +72,16 @@ mutate: deps
 	python3 tools/mutate.py $(if $(MUTATIONS),--only $(MUTATIONS))
 
 # Time of one static run of diamond Si cells of 64, 216 and 512 atoms, split by phase;
-# then one dynamics step of Si 512 against a bare dsygvd of the same order.
+# then one dynamics step of Si 512 against a bare dsygvd of the same order; the
+# kernel polynomial moments, k-point points, and single points through the socket
+# against the file-based calculator.
 bench: build-release
 	cmake --build build/release -j $(JOBS) --target lyrt_bench lyrt_bench_md lyrt_bench_kpm lyrt_bench_kpt
 	build/release/lyrt_bench $(BENCH_SIZES)
 	build/release/lyrt_bench_md
 	build/release/lyrt_bench_kpm
 	build/release/lyrt_bench_kpt
+	/usr/bin/python3 bench/bench_socket.py build/release/lyrt
 
 # The distributed build on 1 and 2 processes: Si 1000 static point (dense path) and
 # Si 512 kernel polynomial point, whole runs under mpirun, and the speed-up.

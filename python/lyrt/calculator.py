@@ -20,17 +20,32 @@ points in cell units, or a band path (atoms.cell.bandpath(...) or {"path": "LGX"
 
 The Fermi level of a path run is that of the path's own points; take the grid's
 (get_fermi_level of a grid run) as the reference of the plot.
+
+`socket_calculator` keeps one lyrt process for all points instead: ASE's
+SocketIOCalculator starts lyrt in driver mode (the i-PI protocol over a UNIX socket
+by default), which reads its files once and answers every new geometry (positions
+and cell) from its last state:
+
+    with socket_calculator("Si.tbparam", directory="run") as calc:
+        atoms.calc = calc
+        BFGS(atoms).run(fmax=0.01)
 """
+import itertools
 import os
 import shutil
 import subprocess
+
+import ase.io
+import numpy as np
 
 from ase.calculators.calculator import (Calculator, CalculationFailed, FileIOCalculator,
                                         all_changes)
 
 from . import io
 
-__all__ = ["Lyrt"]
+__all__ = ["Lyrt", "socket_calculator"]
+
+_socket_names = itertools.count()
 
 
 class Lyrt(FileIOCalculator):
@@ -64,6 +79,16 @@ class Lyrt(FileIOCalculator):
             keywords["calc_forces"] = True
             if properties is not None and "stress" in properties:
                 keywords["calc_stress"] = True
+        # The trajectory frame carries energy, forces and stress to all digits (the
+        # report prints forces to 1e-8 and the stress to five figures).
+        saves = keywords.get("save_to_file", ["POS", "ENE"])
+        saves = [saves] if isinstance(saves, str) else list(saves)
+        if "XYZ" not in [x.upper() for x in saves]:
+            saves.append("XYZ")
+        keywords["save_to_file"] = saves
+        xyz = os.path.join(self.directory, "trajectory.xyz")
+        if os.path.exists(xyz):
+            os.remove(xyz)
         io.write_inlyrt(os.path.join(self.directory, "INLYRT"), **keywords)
 
     def calculate(self, atoms=None, properties=("energy",), system_changes=all_changes):
@@ -89,6 +114,14 @@ class Lyrt(FileIOCalculator):
 
     def read_results(self):
         res = io.read_results(self.directory)
+        xyz = os.path.join(self.directory, "trajectory.xyz")
+        if os.path.exists(xyz) and self.kpts_kind != "path":
+            frame = ase.io.read(xyz, index=-1, format="extxyz")
+            res["energy"] = res["free_energy"] = frame.info["energy"]
+            res["forces"] = frame.arrays["forces"].copy()
+            if "stress" in frame.info:
+                s = np.asarray(frame.info["stress"]).reshape(3, 3)
+                res["stress"] = np.array([s[0, 0], s[1, 1], s[2, 2], s[1, 2], s[0, 2], s[0, 1]])
         self.last_results = res
         self.results = {"energy": res["energy"], "free_energy": res["free_energy"]}
         for name in ("forces", "stress"):
@@ -120,3 +153,35 @@ class Lyrt(FileIOCalculator):
 
     def get_occupation_numbers(self, kpt=0, spin=0):
         raise NotImplementedError("the report lists levels, not occupations")
+
+
+def socket_calculator(tbparam, directory=".", command="lyrt", unixsocket=None, port=None,
+                      timeout=None, log=None, kpts=None, driver_timeout=3600.0, **keywords):
+    """ASE's SocketIOCalculator with lyrt as its client (driver = ipi).
+
+    The first calculation writes POSLYRT, INLYRT and TBPARAM into `directory` (as
+    Lyrt does, with the driver keywords added) and starts `command` there; later
+    ones send only positions and cell. Without `port` the socket is a UNIX socket
+    (/tmp/ipi_<unixsocket>, a name of this process by default). `timeout` is ASE's
+    wait for a point (None: no limit); `driver_timeout` lyrt's wait for a message
+    of the server. Use it in a with-block, or call close(), which ends lyrt.
+    """
+    from ase.calculators.socketio import SocketIOCalculator
+
+    if unixsocket is None and port is None:
+        unixsocket = "lyrt_%d_%d" % (os.getpid(), next(_socket_names))
+    files = Lyrt(tbparam, command=command, directory=directory, kpts=kpts, **keywords)
+
+    def launch(atoms, properties=None, port=None, unixsocket=None):
+        files.parameters.update(driver="ipi", driver_timeout=driver_timeout)
+        if unixsocket is not None:
+            files.parameters.update(driver_address=unixsocket, driver_port=0)
+        else:
+            files.parameters.update(driver_address="localhost", driver_port=port)
+        files.write_input(atoms)
+        with open(os.path.join(directory, "stdout.txt"), "w") as out:
+            return subprocess.Popen(command, shell=True, cwd=directory, stdout=out,
+                                    stderr=subprocess.STDOUT)
+
+    return SocketIOCalculator(launch_client=launch, port=port, unixsocket=unixsocket,
+                              timeout=timeout, log=log)

@@ -3,6 +3,8 @@
 // ion store up reads them. The initialisers are the keywords' defaults.
 #pragma once
 
+#include <string>
+
 #include "base/farray.hpp"
 
 namespace lyrt {
@@ -115,6 +117,13 @@ struct i_algo_type {
     double half_dt = 0.5;       // dt / 2
     double max_force = 1e-4;    // relaxation force tolerance, eV/Angstrom
     double max_wall_time = 0.0; // wall seconds the run may take (ends at a step); 0: no limit
+    // The run as a client of an i-PI server (driver = ipi): its address (a host, or
+    // the name of a UNIX socket /tmp/ipi_<name> when driver_port is 0), its port and
+    // the seconds a message may take.
+    bool driver_ipi = false;
+    std::string driver_address = "localhost";
+    int driver_port = 31415;
+    double driver_timeout = 3600.0;
     double delta_e = 1e-10;     // relaxation energy tolerance, eV
     double temperature = 300.0; // K
     double target_e_kin = 0.0;  // eV

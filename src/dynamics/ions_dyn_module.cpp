@@ -6,6 +6,7 @@
 #include "base/timing_module.hpp"
 #include "diag/forces_module.hpp"
 #include "diag/gs_module.hpp"
+#include "dynamics/ipi_driver_module.hpp"
 #include "neighbours/pbc_module.hpp"
 #include "numerics/fast_module.hpp"
 #include "numerics/fitpoly.hpp"
@@ -180,6 +181,16 @@ void ions_static(box_type& box, ions_state_type& ions_state, i_algo_type& i_algo
 void ions_main_loop(box_type& box, ions_state_type& ions_state, i_algo_type& i_algo,
                     elec_state_type* elec, elec_algo_type& elec_algo, hamiltonian_type& ham) {
     const trace_guard trace("ions_main_loop", mod);
+    if (i_algo.driver_ipi) {
+        // The points come from the server, whatever the run type says.
+        ions_state.final_call = 0;
+        ions_state.skip_save = 0;
+        ions_state.interrupted = stop_none;
+        ions_ipi_loop(box, ions_state, i_algo, elec, elec_algo, ham);
+        ions_state.final_call = -1;
+        print_system_status(box, ions_state, i_algo, elec, elec_algo, *ham.tb_model, report_unit);
+        return;
+    }
     if (i_algo.n_steps <= 0) {
         ions_static(box, ions_state, i_algo, elec, elec_algo, ham);
         return;

@@ -266,6 +266,20 @@ void read_input(std::string_view file_name, elec_algo_type& elec_algo, i_algo_ty
     read_real(f, "ions_delta_e", i_algo.delta_e, di.delta_e);
     read_real(f, "ions_max_force", i_algo.max_force, di.max_force);
     read_real(f, "max_wall_time", i_algo.max_wall_time, di.max_wall_time);
+    std::string driver;
+    read_string(f, "driver", driver, 16, "none");
+    for (char& c : driver) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    if (driver != "none" && driver != "ipi")
+        fatal_error("unknown driver '" + driver + "': use none or ipi", -1, "read_input", mod);
+    i_algo.driver_ipi = driver == "ipi";
+    read_string(f, "driver_address", i_algo.driver_address, 80, di.driver_address);
+    read_int(f, "driver_port", i_algo.driver_port, di.driver_port);
+    read_real(f, "driver_timeout", i_algo.driver_timeout, di.driver_timeout);
+    check_range("driver_port", i_algo.driver_port,
+                i_algo.driver_port >= 0 && i_algo.driver_port <= 65535,
+                "a port is 1 to 65535, or 0 for a UNIX socket");
+    check_range("driver_timeout", i_algo.driver_timeout, i_algo.driver_timeout > 0.0,
+                "the seconds a message may take must be above 0");
     read_int(f, "output_level", elec_algo.output_level, de.output_level);
     read_real(f, "eta", elec_algo.eta, de.eta);
     read_int(f, "eta_mod_freq", elec_algo.eta_mod_freq, de.eta_mod_freq);
@@ -300,6 +314,12 @@ void read_input(std::string_view file_name, elec_algo_type& elec_algo, i_algo_ty
     if (i_algo.n_steps > 0) {
         elec_algo.eigen_vect = true;
         i_algo.calc_forces = true;
+    }
+    // A driver server asks for energy, forces and virial at every point.
+    if (i_algo.driver_ipi) {
+        elec_algo.eigen_vect = true;
+        i_algo.calc_forces = true;
+        i_algo.calc_stress = true;
     }
     // Charges and local energies are projections of the eigenvectors.
     if (elec_algo.scc_used && !elec_algo.eigen_vect)

@@ -351,6 +351,12 @@ void print_system_status(box_type& box, ions_state_type& st, const i_algo_type& 
         print_configuration(box, st, i_algo, elec, elec_algo, tb_model, unit);
         if (diag) eig_print_eigen_energies(*elec->eig, unit);
         if (diag && elec->eig->kpt->mode == kpt_mode_path) eig_write_bands(*elec->eig, "BANDS");
+        // The trajectory, when asked for, holds the one frame: energy, forces and
+        // stress to all their digits.
+        if (i_algo.save_to_file & save_xyz) {
+            start_file(xyz_unit, data_file_names.xyz, nullptr);
+            ions_save_xyz(box, st, i_algo.calc_stress, xyz_unit, data_file_names.xyz);
+        }
         save_restart(st, i_algo, elec, elec_algo, diag, unit);
         return;
     }
