@@ -35,6 +35,7 @@ constexpr int eom_velocity_verlet = 2;
 constexpr int thermostat_none = 0;
 constexpr int thermostat_nose = 1;
 constexpr int thermostat_langevin = 2;
+constexpr int thermostat_csvr = 3; // canonical sampling through velocity rescaling
 
 // The codes each code keyword has, first to last: read_input refuses any other with
 // a message that names them, so the dispatchers' remaining branches are guards that
@@ -46,7 +47,7 @@ struct code_range {
 constexpr code_range elec_algo_codes{elec_algo_sd, elec_algo_ls};
 constexpr code_range ions_algo_codes{ions_algo_md, ions_algo_test_stress};
 constexpr code_range eom_codes{eom_verlet, eom_velocity_verlet};
-constexpr code_range thermostat_codes{thermostat_none, thermostat_langevin};
+constexpr code_range thermostat_codes{thermostat_none, thermostat_csvr};
 constexpr code_range init_vel_codes{0, 4};   // veloc_start
 constexpr code_range elec_start_codes{0, 1}; // elec_start: 1 loads the orbitals of WFS
 constexpr bool code_known(code_range r, int code) {
@@ -133,6 +134,10 @@ struct i_algo_type {
     double q_nose_ions = 0.0; // Nose-Hoover mass, eV fs^2
     // Nose-Hoover thermostat: its coordinate at t, t - dt, t - 2 dt and its rate (1/fs).
     double xi = 0.0, xi_m1 = 0.0, xi_m2 = 0.0, dxi = 0.0;
+    // Velocity-rescaling thermostat: its relaxation time (fs) and the kinetic energy
+    // it has taken out of the ions so far (eV), which the effective energy adds back.
+    double tau_t = 0.0;
+    double e_thermostat = 0.0;
     // Langevin tables, per species (set up with the ions).
     farray<double, 1> lgv_sigma;   // random-force strength (Verlet)
     farray<double, 1> lgv_sigma_r; // position noise (velocity Verlet)

@@ -140,7 +140,21 @@ void run_steps(ions_run_type run, const char* proc, int mover, md_work_type* wor
         energy_and_forces(run);
         const bool first = ions_state.step == ions_state.first_step;
         if (first) elec_algo.algo = elec_algo.md;
-        if (mover == move_velocity_verlet && !first) calc_velocities_vv(ions, i_algo);
+        if (mover == move_velocity_verlet && !first) {
+            calc_velocities_vv(ions, i_algo);
+            if (i_algo.thermostat == thermostat_csvr) {
+                double k_now = 0.0;
+                for (int i = 1; i <= ions.total_n_ions; ++i)
+                    for (int k = 1; k <= 3; ++k)
+                        if (!ions.frozen(k, i))
+                            k_now += 0.5 * ions.mass(ions.type(i)) * ions.v_of_t(k, i, 1) *
+                                     ions.v_of_t(k, i, 1);
+                const double alpha = csvr_factor(k_now, ions, i_algo);
+                for (int i = 1; i <= ions.total_n_ions; ++i)
+                    for (int k = 1; k <= 3; ++k)
+                        if (!ions.frozen(k, i)) ions.v_of_t(k, i, 1) *= alpha;
+            }
+        }
         report_step(run, step_start);
         if (ions_state.step >= last_step) break;
         if (end_early(ions_state, i_algo, loop_start, ions_state.step - ions_state.first_step + 1))
@@ -337,6 +351,18 @@ void move_eom_sv(bool first_step, ions_type& ions, box_type& box, ions_state_typ
         pbc_min_vec(&dr(1, i), box, &ions.r_of_t(1, i, 1), &ions.r_of_t(1, i, 2));
     ions_roll(ions);
     cell_roll(box.cell);
+    if (i_algo.thermostat == thermostat_csvr) {
+        // The half-step velocities -dr / dt rescaled: their kinetic energy, the factor
+        // on the last displacement.
+        double k_half = 0.0;
+        for (int i = 1; i <= n; ++i)
+            for (int k = 1; k <= 3; ++k)
+                if (!ions.frozen(k, i))
+                    k_half += 0.5 * ions.mass(ions.type(i)) * dr(k, i) * dr(k, i) / dt2;
+        const double alpha = csvr_factor(k_half, ions, i_algo);
+        for (int i = 1; i <= n; ++i)
+            for (int k = 1; k <= 3; ++k) dr(k, i) *= alpha;
+    }
     noise.fill(0.0);
     if (i_algo.thermostat == thermostat_langevin)
         for (int i = 1; i <= n; ++i)
@@ -361,6 +387,30 @@ void move_eom_sv(bool first_step, ions_type& ions, box_type& box, ions_state_typ
             ions.v_of_t(k, i, 1) = (3.0 * r_next - 4.0 * r_now + r_before) * i_algo.inv_2dt;
         }
     }
+}
+
+double csvr_kinetic(double k, double k_target, int nf, double c, double r1, double sum_r2) {
+    return k + (1.0 - c) * (k_target * (r1 * r1 + sum_r2) / nf - k) +
+           2.0 * r1 * std::sqrt(c * (1.0 - c) * k_target * k / nf);
+}
+
+double csvr_factor(double k, const ions_type& ions, i_algo_type& i_algo) {
+    const int nf = ions.dof;
+    if (nf <= 0 || !(k > 0.0)) return 1.0;
+    const double k_target = i_algo.temperature * nf / two_k_b_inverse;
+    const double c = std::exp(-i_algo.dt / i_algo.tau_t);
+    const double r1 = random_norm();
+    double sum_r2 = 0.0;
+    for (int i = 1; i < nf; ++i) {
+        const double r = random_norm();
+        sum_r2 += r * r;
+    }
+    const double k_new = std::max(0.0, csvr_kinetic(k, k_target, nf, c, r1, sum_r2));
+    double alpha = std::sqrt(k_new / k);
+    // The root's sign: a rescaling that passes through zero reverses the velocities.
+    if (r1 + std::sqrt(c * nf * k / ((1.0 - c) * k_target)) < 0.0) alpha = -alpha;
+    i_algo.e_thermostat -= k_new - k;
+    return alpha;
 }
 
 void ions_move_nose_eom(ions_state_type& ions_state, i_algo_type& i_algo) {

@@ -34,6 +34,15 @@ void move_eom_sv(bool first_step, ions_type& ions, box_type& box, ions_state_typ
                  i_algo_type& i_algo, farray<double, 2>& dr, farray<double, 2>& noise);
 // The Nose-Hoover thermostat: friction takes the rate at t, then xi and its rate advance.
 void ions_move_nose_eom(ions_state_type& ions_state, i_algo_type& i_algo);
+// Canonical sampling through velocity rescaling (Bussi, Donadio and Parrinello, J. Chem.
+// Phys. 126, 014101 (2007)): the kinetic energy k of nf degrees of freedom after one
+// step of the thermostat towards k_target, with c = exp(-dt / tau_t), r1 a normal
+// draw and sum_r2 the sum of nf - 1 squared normal draws.
+double csvr_kinetic(double k, double k_target, int nf, double c, double r1, double sum_r2);
+// The factor on the velocities (or the last displacement) of the free coordinates
+// whose kinetic energy is k, from fresh draws; adds the energy taken out to
+// i_algo.e_thermostat.
+double csvr_factor(double k, const ions_type& ions, i_algo_type& i_algo);
 
 // Hyper dynamics: the local energy of the boosted ions, and the factor on their
 // band forces (stores the boost potential and the clock factor in ions_state).

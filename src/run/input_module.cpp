@@ -380,6 +380,11 @@ void read_input(std::string_view file_name, elec_algo_type& elec_algo, i_algo_ty
         fatal_error("you are using langevin dynamics but the ionic friction coeffcient is "
                     "undefined.set ionic_friction.",
                     -1, "read_input", mod);
+    read_real(f, "tau_t", i_algo.tau_t, di.tau_t);
+    if (i_algo.thermostat == thermostat_csvr && !(i_algo.tau_t > 0.0))
+        fatal_error("thermostat = 3 (canonical velocity rescaling) needs tau_t, its relaxation "
+                    "time in fs, above 0",
+                    -1, "read_input", mod);
     read_real(f, "q_nose_ions", i_algo.q_nose_ions, di.q_nose_ions);
     check_range("q_nose_ions", i_algo.q_nose_ions, i_algo.q_nose_ions >= 0.0,
                 "a thermostat mass must be 0 or more");

@@ -259,6 +259,12 @@ void print_system_def(int unit) {
                 write_free(unit,
                            {"mass of the ionic Nose-Hoover thermostat : ", sys.i_algo.q_nose_ions});
             }
+            if (sys.i_algo.thermostat == thermostat_csvr) {
+                unit_write(unit, "A canonical velocity-rescaling thermostat will be used");
+                write_free(unit, {"  relaxation time : ", sys.i_algo.tau_t, "fs"});
+                unit_write(unit,
+                           "  Etot is the effective energy: the thermostat's work added back");
+            }
             if (sys.i_algo.thermostat == thermostat_langevin) {
                 unit_write(unit, "Langevin dynamics will be used");
                 write_free(unit, {"  friction coefficient : ", sys.i_algo.friction, "1/fs"});

@@ -559,6 +559,11 @@ void ions_read_restart(i_algo_type& i_algo, ions_state_type& ions_state, std::st
         i_algo.xi_m1 = xi[1];
         i_algo.xi_m2 = xi[2];
         i_algo.dxi = xi[3];
+        double e_th[1] = {0.0};
+        get_keyword(false, name, unit, "thermostat_energy", '=', '!', ';', 'F',
+                    {.real_values = e_th}, n, 1, status);
+        check_input_error(status, "thermostat_energy", name);
+        i_algo.e_thermostat = status == kw_ok ? e_th[0] : 0.0;
         double e[3] = {0, 0, 0};
         get_keyword(false, name, unit, "energies", '=', '!', ';', 'F', {.real_values = e}, n, 3,
                     status);
@@ -607,6 +612,8 @@ void ions_save_state(const ions_state_type& ions_state, const i_algo_type& i_alg
     if (i_algo.thermostat == thermostat_nose)
         write_fmt(unit, "(a,4E25.16)",
                   {"nose =", i_algo.xi, i_algo.xi_m1, i_algo.xi_m2, i_algo.dxi});
+    if (i_algo.thermostat == thermostat_csvr)
+        write_fmt(unit, "(a,E25.16)", {"thermostat_energy =", i_algo.e_thermostat});
     int levels = 0;
     if (i_algo.eom_algo == eom_verlet) levels = 3;
     if (i_algo.eom_algo == eom_velocity_verlet) levels = 2;
@@ -846,6 +853,8 @@ void ions_calc_energies(ions_state_type& ions_state, const i_algo_type& i_algo) 
     if (i_algo.thermostat == thermostat_nose)
         ions_state.e_tot += 2.0 * i_algo.target_e_kin * i_algo.xi +
                             0.5 * i_algo.q_nose_ions * i_algo.dxi * i_algo.dxi;
+    // The velocity-rescaling thermostat's work added back: the effective energy.
+    if (i_algo.thermostat == thermostat_csvr) ions_state.e_tot += i_algo.e_thermostat;
     if (i_algo.calc_stress) {
         const cell_type& c = ions_state.box->cell;
         ions_state.pressure = (c.sig(1, 1) + c.sig(2, 2) + c.sig(3, 3)) / 3.0;

@@ -1,9 +1,11 @@
 // Boosted dynamics: the boost potential and its force factor against their
-// closed forms, and the factor acting on the band forces of boosted ions only.
+// closed forms, and the factor acting on the band forces of boosted ions only; the
+// thermostats' own steps against the laws they follow.
 #include "diag/forces_module.hpp"
 #include "diag/gs_module.hpp"
 #include "dynamics/ions_dyn_module.hpp"
 #include "model_support.hpp"
+#include "numerics/random_module.hpp"
 #include "system/constants_module.hpp"
 #include "test_support.hpp"
 
@@ -32,6 +34,35 @@ TEST(NoseHoover, FrictionGrowsAtTwiceTheKineticExcessOverTheMass) {
     st.e_kin = 1.3;
     for (int n = 0; n < 20; ++n) ions_move_nose_eom(st, ia); // dt = 1 fs
     EXPECT_NEAR(ia.dxi, 2.0 * 0.3 * 20.0 / 40.0, 0.03 * 0.3);
+}
+
+// The velocity-rescaling step alone, applied again and again, samples the canonical
+// distribution of the kinetic energy of nf degrees of freedom: mean nf kT / 2 and
+// variance nf (kT)^2 / 2; from far above the target it relaxes as exp(-t / tau).
+TEST(VelocityRescaling, KineticEnergySamplesTheCanonicalDistribution) {
+    init_random(3, 9);
+    const int nf = 24;
+    const double k_target = 1.2, c = std::exp(-0.2);
+    auto step = [&](double k) {
+        const double r1 = random_norm();
+        double s = 0.0;
+        for (int i = 1; i < nf; ++i) s += std::pow(random_norm(), 2);
+        return csvr_kinetic(k, k_target, nf, c, r1, s);
+    };
+    double k = 50.0, sum = 0.0, sum2 = 0.0;
+    for (int n = 0; n < 5; ++n) k = step(k);
+    // Five steps of relaxation take the excess down by about c^5.
+    EXPECT_NEAR((k - k_target) / (50.0 - k_target), std::pow(c, 5), 0.1);
+    const int samples = 40000;
+    for (int n = 0; n < 100; ++n) k = step(k);
+    for (int n = 0; n < samples; ++n) {
+        k = step(k);
+        sum += k;
+        sum2 += k * k;
+    }
+    const double mean = sum / samples, var = sum2 / samples - mean * mean;
+    EXPECT_NEAR(mean, k_target, 0.02 * k_target);
+    EXPECT_NEAR(var, 2.0 * k_target * k_target / nf, 0.05 * 2.0 * k_target * k_target / nf);
 }
 
 TEST(HyperDynamics, FactorIsTheDerivativeOfTheBoostedEnergy) {

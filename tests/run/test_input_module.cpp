@@ -129,6 +129,19 @@ TEST_F(ReadInput, ThermostatRules) {
     open_units();
     read("thermostat = 2 ; gamma = 0.01\n");
     EXPECT_EQ(i_algo.friction, 0.01);
+    io_reset();
+    open_units();
+    try {
+        read("thermostat = 3\n");
+        FAIL() << "velocity rescaling without its time must stop";
+    } catch (const fatal_stop& stop) {
+        EXPECT_EQ(stop.message, "thermostat = 3 (canonical velocity rescaling) needs tau_t, its "
+                                "relaxation time in fs, above 0");
+    }
+    io_reset();
+    open_units();
+    read("thermostat = 3\ntau_t = 40\n");
+    EXPECT_EQ(i_algo.tau_t, 40.0);
 }
 
 TEST_F(ReadInput, SaveToFileSelectsAndRenames) {
@@ -158,7 +171,7 @@ TEST_F(ReadInput, UnknownCodesAndValuesOutOfRangeStop) {
         {"elec_md_algo = 8", code + "0 to 5"},
         {"ions_algo = 7", code + "0 to 5"},
         {"ions_eom_algo = 5", code + "1 to 2"},
-        {"thermostat = 9", code + "0 to 2"},
+        {"thermostat = 9", code + "0 to 3"},
         {"veloc_start = 5", code + "0 to 4"},
         {"elec_start = 2", code + "0 to 1"},
         {"temperature = -5", range + "a temperature must be 0 K or more"},
@@ -170,7 +183,9 @@ TEST_F(ReadInput, UnknownCodesAndValuesOutOfRangeStop) {
         {"emass = -1", range + "an orbital mass must be 0 or more"},
         {"dt = 0 ; n_steps = 3",
          range + "a run with steps needs a step above 0 (fs, or Angstrom for the self-tests)"},
-        {"status_output_freq = 0", range + "steps between reports must be 1 or more"}};
+        {"status_output_freq = 0", range + "steps between reports must be 1 or more"},
+        {"driver_port = 70000", range + "a port is 1 to 65535, or 0 for a UNIX socket"},
+        {"driver_timeout = 0", range + "the seconds a message may take must be above 0"}};
     for (const auto& [input, message] : refused) {
         const std::string statement = input, shown = statement.substr(0, statement.find(" ;"));
         try {
