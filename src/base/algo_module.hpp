@@ -36,6 +36,10 @@ constexpr int thermostat_none = 0;
 constexpr int thermostat_nose = 1;
 constexpr int thermostat_langevin = 2;
 constexpr int thermostat_csvr = 3; // canonical sampling through velocity rescaling
+// What of the cell a relaxation moves (i_algo%relax_cell).
+constexpr int relax_cell_none = 0;
+constexpr int relax_cell_full = 1;
+constexpr int relax_cell_volume = 2;
 
 // The codes each code keyword has, first to last: read_input refuses any other with
 // a message that names them, so the dispatchers' remaining branches are guards that
@@ -138,6 +142,12 @@ struct i_algo_type {
     // it has taken out of the ions so far (eV), which the effective energy adds back.
     double tau_t = 0.0;
     double e_thermostat = 0.0;
+    // Variable-cell relaxation: the cell relaxes with the ions (relax_cell_full: any
+    // symmetric strain; relax_cell_volume: a uniform one) towards the target pressure
+    // (GPa), until the stress deviates from it by less than cell_max_stress (GPa).
+    int relax_cell = 0;
+    double pressure = 0.0;
+    double cell_max_stress = 0.01;
     // Langevin tables, per species (set up with the ions).
     farray<double, 1> lgv_sigma;   // random-force strength (Verlet)
     farray<double, 1> lgv_sigma_r; // position noise (velocity Verlet)

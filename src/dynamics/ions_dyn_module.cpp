@@ -673,10 +673,27 @@ constexpr double lambda_tol = 9.999999960041972e-13; // single-precision 1e-12
 constexpr int max_trials = 5;
 
 // The state of a relaxation that its steps and line searches share.
+// With the cell relaxing, columns n + 1 .. n + 3 of h, g, g_old hold the cell's
+// coordinates: the strain of the line's start cell a0 times the length L (the cube
+// root of the first volume), so that a step moves cell and ions alike; their
+// forces are V (sigma - p I) / L, the strain derivative of the enthalpy E + p V.
 struct cg_type {
     ions_run_type run;
     farray<double, 2> h, frz, g, g_old, r0;
+    farray<double, 2> a0;  // cell at the start of the line (cell relaxation)
+    int n_cell = 0;        // 3 when the cell relaxes, else 0
+    double length = 1.0;   // L, Angstrom
+    double p_target = 0.0; // eV/Angstrom^3
 };
+
+// A new cell a for the box: its image cells and sub-boxes follow.
+void set_cell(box_type& box, const farray<double, 2>& a) {
+    cell_init_cell(box.cell, a);
+    box_init(box, box.r_cut, box.lo_rad);
+    box_calc_ic_list(box);
+    box_reset(box);
+    box_init_sb_list(box);
+}
 
 double largest_abs(const farray<double, 2>& a) {
     double m = 0.0;
@@ -700,6 +717,8 @@ double calc_ene(cg_type& cg, char mode) {
     gs_calc(box, ions_state, electrons_or_none(elec), elec_algo, ham, i_algo.calc_elocal);
     elec_algo.eigen_vect = saved;
     ions_calc_energies(ions_state, i_algo);
+    // With the cell relaxing, the enthalpy at the target pressure.
+    if (cg.n_cell > 0) return ions_state.e_pot + cg.p_target * cell_vol(box.cell);
     return ions_state.e_pot;
 }
 
@@ -713,11 +732,31 @@ void check_lambda(double& lambda, double h_max) {
     }
 }
 
-// Positions r0 + lambda h.
+// Positions r0 + lambda h; with the cell relaxing, the cell (I + e) a0 and the
+// positions strained with it, e = lambda h_cell / L.
 void move_along(cg_type& cg, double lambda) {
-    farray<double, 2>& r = cg.run.box.ions.r;
-    for (int i = 1; i <= cg.run.box.ions.total_n_ions; ++i)
+    box_type& box = cg.run.box;
+    farray<double, 2>& r = box.ions.r;
+    const int n = box.ions.total_n_ions;
+    for (int i = 1; i <= n; ++i)
         for (int k = 1; k <= 3; ++k) r(k, i) = cg.r0(k, i) + lambda * cg.h(k, i);
+    if (cg.n_cell == 0) return;
+    double e[3][3];
+    for (int a = 0; a < 3; ++a)
+        for (int b = 0; b < 3; ++b) e[a][b] = lambda * cg.h(a + 1, n + 1 + b) / cg.length;
+    farray<double, 2> a;
+    a.allocate({1, 1}, {3, 3});
+    for (int j = 1; j <= 3; ++j)
+        for (int i = 1; i <= 3; ++i) {
+            a(i, j) = cg.a0(i, j);
+            for (int k = 1; k <= 3; ++k) a(i, j) += e[i - 1][k - 1] * cg.a0(k, j);
+        }
+    for (int i = 1; i <= n; ++i) {
+        const double x[3] = {r(1, i), r(2, i), r(3, i)};
+        for (int k = 1; k <= 3; ++k)
+            r(k, i) = x[k - 1] + e[k - 1][0] * x[0] + e[k - 1][1] * x[1] + e[k - 1][2] * x[2];
+    }
+    set_cell(box, a);
 }
 
 void say(const fitem_list& items) {
@@ -753,7 +792,7 @@ namespace {
 // The conjugation factor is 1 - <g|g_old> / |g|^2: the present norm in the
 // denominator, where the textbook Polak-Ribiere form has the last one.
 double cg_direction(cg_type& cg, double g2, bool steepest) {
-    const int n = cg.run.box.ions.total_n_ions;
+    const int n = cg.run.box.ions.total_n_ions + cg.n_cell;
     double gamma = 0.0;
     if (!steepest) gamma = (g2 - trace_ab_mat(cg.g, cg.g_old)) / g2;
     for (int i = 1; i <= n; ++i)
@@ -860,9 +899,37 @@ double cg_forces(cg_type& cg) {
     forces_calc(run.ham, run.box.ions, run.box, run.i_algo, electrons_or_none(run.elec),
                 run.elec_algo);
     const ions_type& ions = run.box.ions;
-    for (int i = 1; i <= ions.total_n_ions; ++i)
+    const int n = ions.total_n_ions;
+    for (int i = 1; i <= n; ++i)
         for (int k = 1; k <= 3; ++k) cg.g(k, i) = ions.f(k, i) * cg.frz(k, i);
+    if (cg.n_cell > 0) {
+        // V (sigma - p I) / L, symmetric; a uniform strain keeps its trace alone.
+        const cell_type& c = run.box.cell;
+        const double f = cell_vol(c) / cg.length;
+        const double mean = (c.sig(1, 1) + c.sig(2, 2) + c.sig(3, 3)) / 3.0;
+        for (int a = 1; a <= 3; ++a)
+            for (int b = 1; b <= 3; ++b) {
+                double s = 0.5 * (c.sig(a, b) + c.sig(b, a)) - (a == b ? cg.p_target : 0.0);
+                if (run.i_algo.relax_cell == relax_cell_volume)
+                    s = a == b ? mean - cg.p_target : 0.0;
+                cg.g(a, n + b) = f * s;
+            }
+    }
     return trace_ab_mat(cg.g, cg.g);
+}
+
+// The largest deviation of the stress from the target pressure, GPa (the part a
+// uniform strain relaxes: the mean, with relax_cell = volume).
+double stress_deviation(const cg_type& cg) {
+    const cell_type& c = cg.run.box.cell;
+    double d = 0.0;
+    if (cg.run.i_algo.relax_cell == relax_cell_volume)
+        d = std::fabs((c.sig(1, 1) + c.sig(2, 2) + c.sig(3, 3)) / 3.0 - cg.p_target);
+    else
+        for (int a = 1; a <= 3; ++a)
+            for (int b = 1; b <= 3; ++b)
+                d = std::max(d, std::fabs(c.sig(a, b) - (a == b ? cg.p_target : 0.0)));
+    return d * ev_per_a3_to_gpa;
 }
 
 // Whether the relaxation ends after this step: the step count, the energy change
@@ -878,8 +945,14 @@ bool cg_done(const cg_type& cg, double delta_e_pot, int last_step) {
         say({"Energy tolerance reached"});
         done = true;
     }
-    if (i_algo.max_force > largest_abs(cg.g)) {
-        say({"Force tolerance reached"});
+    // The ions' forces; with the cell relaxing, its stress as well.
+    double f_max = 0.0;
+    const int n = cg.run.box.ions.total_n_ions;
+    for (int i = 1; i <= n; ++i)
+        for (int k = 1; k <= 3; ++k) f_max = std::max(f_max, std::fabs(cg.g(k, i)));
+    if (i_algo.max_force > f_max &&
+        (cg.n_cell == 0 || stress_deviation(cg) < i_algo.cell_max_stress)) {
+        say({cg.n_cell == 0 ? "Force tolerance reached" : "Force and stress tolerances reached"});
         done = true;
     }
     return done;
@@ -896,11 +969,18 @@ void ions_cg_loop(box_type& box, ions_state_type& ions_state, i_algo_type& i_alg
     // A relaxation with nothing free has no direction to go (and would divide by 0).
     if (ions.dof == 0)
         fatal_error("every coordinate is frozen: there is nothing to relax", 0, proc, mod);
-    cg_type cg{{box, ions_state, i_algo, elec, elec_algo, ham}, {}, {}, {}, {}, {}};
-    ca_real_2d(cg.h, 1, 3, 1, n, "h", proc, mod);
+    cg_type cg{{box, ions_state, i_algo, elec, elec_algo, ham}, {}, {}, {}, {}, {}, {}};
+    if (i_algo.relax_cell != relax_cell_none) {
+        cg.n_cell = 3;
+        cg.length = std::cbrt(cell_vol(box.cell));
+        cg.p_target = i_algo.pressure / ev_per_a3_to_gpa;
+        cg.a0 = box.cell.a.copy();
+    }
+    const int nc = n + cg.n_cell;
+    ca_real_2d(cg.h, 1, 3, 1, nc, "h", proc, mod);
     ca_real_2d(cg.frz, 1, 3, 1, n, "frz", proc, mod);
-    ca_real_2d(cg.g, 1, 3, 1, n, "g", proc, mod);
-    ca_real_2d(cg.g_old, 1, 3, 1, n, "g_old", proc, mod);
+    ca_real_2d(cg.g, 1, 3, 1, nc, "g", proc, mod);
+    ca_real_2d(cg.g_old, 1, 3, 1, nc, "g_old", proc, mod);
     ca_real_2d(cg.r0, 1, 3, 1, n, "r0", proc, mod);
     for (int i = 1; i <= n; ++i)
         for (int k = 1; k <= 3; ++k) cg.frz(k, i) = ions.frozen(k, i) ? 0.0 : 1.0;
@@ -922,10 +1002,10 @@ void ions_cg_loop(box_type& box, ions_state_type& ions_state, i_algo_type& i_alg
         const double de_dl = cg_direction(cg, g2, steepest);
         const double e_pot_0 = e_pot;
         for (int i = 1; i <= n; ++i)
-            for (int k = 1; k <= 3; ++k) {
-                cg.r0(k, i) = ions.r(k, i);
-                cg.g_old(k, i) = cg.g(k, i);
-            }
+            for (int k = 1; k <= 3; ++k) cg.r0(k, i) = ions.r(k, i);
+        for (int i = 1; i <= nc; ++i)
+            for (int k = 1; k <= 3; ++k) cg.g_old(k, i) = cg.g(k, i);
+        if (cg.n_cell > 0) cg.a0 = box.cell.a.copy();
         e_pot = cg_line_search(cg, e_pot_0, de_dl);
         g2 = cg_forces(cg);
         const double overlap = g2 > 0.0 ? trace_ab_mat(cg.g, cg.h) / std::sqrt(g2) : 0.0;
@@ -954,7 +1034,8 @@ double line_min(box_type& box, ions_state_type& ions_state, i_algo_type& i_algo,
                 elec_state_type* elec, elec_algo_type& elec_algo, hamiltonian_type& ham,
                 const farray<double, 2>& r0, const farray<double, 2>& h, double lambda_trial,
                 double tol) {
-    cg_type cg{{box, ions_state, i_algo, elec, elec_algo, ham}, h.copy(), {}, {}, {}, r0.copy()};
+    cg_type cg{
+        {box, ions_state, i_algo, elec, elec_algo, ham}, h.copy(), {}, {}, {}, r0.copy(), {}};
     double ax = 0.0, bx = lambda_trial, cx = 0.0, fa = 0.0, fb = 0.0, fc = 0.0;
     cg_mnbrak(cg, ax, bx, cx, fa, fb, fc);
     double x_min = bx;

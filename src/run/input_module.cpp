@@ -380,6 +380,26 @@ void read_input(std::string_view file_name, elec_algo_type& elec_algo, i_algo_ty
         fatal_error("you are using langevin dynamics but the ionic friction coeffcient is "
                     "undefined.set ionic_friction.",
                     -1, "read_input", mod);
+    std::string relax_cell;
+    read_string(f, "relax_cell", relax_cell, 16, "F");
+    for (char& c : relax_cell) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    if (relax_cell == "t" || relax_cell == ".true." || relax_cell == "true")
+        i_algo.relax_cell = relax_cell_full;
+    else if (relax_cell == "volume")
+        i_algo.relax_cell = relax_cell_volume;
+    else if (relax_cell == "f" || relax_cell == ".false." || relax_cell == "false")
+        i_algo.relax_cell = relax_cell_none;
+    else
+        fatal_error("unknown relax_cell '" + relax_cell + "': use T, F or volume", -1, "read_input",
+                    mod);
+    read_real(f, "pressure", i_algo.pressure, di.pressure);
+    read_real(f, "cell_max_stress", i_algo.cell_max_stress, di.cell_max_stress);
+    check_range("cell_max_stress", i_algo.cell_max_stress, i_algo.cell_max_stress > 0.0,
+                "a stress tolerance must be above 0 GPa");
+    // The cell's forces are the stress's deviation from the target pressure.
+    if (i_algo.relax_cell != relax_cell_none && i_algo.algo == ions_algo_cg_relax &&
+        i_algo.n_steps > 0)
+        i_algo.calc_stress = true;
     read_real(f, "tau_t", i_algo.tau_t, di.tau_t);
     if (i_algo.thermostat == thermostat_csvr && !(i_algo.tau_t > 0.0))
         fatal_error("thermostat = 3 (canonical velocity rescaling) needs tau_t, its relaxation "
@@ -442,6 +462,11 @@ void read_input(std::string_view file_name, elec_algo_type& elec_algo, i_algo_ty
         if (i_algo.algo == ions_algo_test_stress && i_algo.n_steps > 0)
             fatal_error("the stress test needs an electronic stress, which the kernel polynomial "
                         "solver does not have",
+                        -1, "read_input", mod);
+        if (i_algo.relax_cell != relax_cell_none && i_algo.n_steps > 0)
+            fatal_error("relax_cell moves the cell by the stress, and the kernel polynomial "
+                        "solver has no electronic stress: choose the diagonalisation (2) or the "
+                        "linear-scaling solver (5)",
                         -1, "read_input", mod);
         if (i_algo.calc_stress)
             warning_error("the kernel polynomial solver has no electronic stress: the stress "

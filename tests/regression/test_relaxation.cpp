@@ -1,9 +1,11 @@
 // Relaxation by conjugate gradients: vacancies and a rattled crystal relax to the
-// force tolerance, the energy never rises, frozen coordinates stay.
+// force tolerance, the energy never rises, frozen coordinates stay; the cell relaxes
+// with the ions to the energy minimum and to a target pressure.
 #include "run_support.hpp"
 #include "test_support.hpp"
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <gtest/gtest.h>
 #include <sstream>
@@ -87,6 +89,110 @@ TEST_F(Relaxation, RattledSiliconReturnsToTheCrystal) {
             if (const auto at = l.find("gamma="); at != std::string::npos)
                 largest = std::max(largest, std::fabs(std::stod(l.substr(at + 6))));
         EXPECT_EQ(largest == 0.0, freq == "1") << freq;
+    }
+}
+
+// The cell vectors of the first three lines of a POSCONT (a_1 .. a_3 =).
+std::array<std::array<double, 3>, 3> cell_of(const std::filesystem::path& poscont) {
+    std::array<std::array<double, 3>, 3> a{};
+    const auto lines = read_lines(poscont);
+    for (std::size_t k = 0; k < 3 && k < lines.size(); ++k) {
+        std::istringstream in(lines[k].substr(lines[k].find('=') + 1));
+        in >> a[k][0] >> a[k][1] >> a[k][2];
+    }
+    return a;
+}
+
+double dot3(const std::array<double, 3>& x, const std::array<double, 3>& y) {
+    return x[0] * y[0] + x[1] * y[1] + x[2] * y[2];
+}
+
+// Least-squares quadratic c0 + c1 x + c2 x^2 through points (x, y), by the normal
+// equations solved by Cramer's rule.
+std::array<double, 3> quadratic_fit(const std::vector<double>& x, const std::vector<double>& y) {
+    double m[3][4] = {};
+    for (std::size_t k = 0; k < x.size(); ++k) {
+        const double p[3] = {1.0, x[k], x[k] * x[k]};
+        for (int i = 0; i < 3; ++i) {
+            for (int j = 0; j < 3; ++j) m[i][j] += p[i] * p[j];
+            m[i][3] += p[i] * y[k];
+        }
+    }
+    auto det = [&](int col) {
+        double a[3][3];
+        for (int i = 0; i < 3; ++i)
+            for (int j = 0; j < 3; ++j) a[i][j] = m[i][j == col ? 3 : j];
+        return a[0][0] * (a[1][1] * a[2][2] - a[1][2] * a[2][1]) -
+               a[0][1] * (a[1][0] * a[2][2] - a[1][2] * a[2][0]) +
+               a[0][2] * (a[1][0] * a[2][1] - a[1][1] * a[2][0]);
+    };
+    const double d = det(-1);
+    return {det(0) / d, det(1) / d, det(2) / d};
+}
+
+// The cell relaxes with the ions: Si 8 from a strained, sheared and rattled cell
+// ends cubic (up to a rotation) at the lattice constant of the minimum of E(a) of
+// the same model and sampling, every stress component below 0.01 GPa; at a target
+// of 10 GPa, at the volume where the cubic crystal's pressure is 10 GPa.
+TEST_F(Relaxation, CellRelaxesToTheEnergyMinimumAndToAPressure) {
+    auto cubic = [&](double a) {
+        const run_result r =
+            run_case(dir / ("a" + std::to_string(a)), poslyrt(cube(a), diamond(a, 1), 1),
+                     "n_steps = 0\ncalc_stress = T\n", tbparam("Si"));
+        EXPECT_EQ(r.status, 0);
+        return std::pair{r.e_pot, last_value(r.report, "Pressure:") * 160.21766208};
+    };
+    std::vector<double> a_e, e, a_p, p;
+    for (int k = -2; k <= 2; ++k) {
+        a_e.push_back(5.578 + 0.01 * k);
+        e.push_back(cubic(a_e.back()).first);
+        a_p.push_back(5.445 + 0.01 * k);
+        p.push_back(cubic(a_p.back()).second);
+    }
+    // Fits in the offsets from the middle of each range (well conditioned).
+    for (double& x : a_e) x -= 5.578;
+    for (double& x : a_p) x -= 5.445;
+    const auto ce = quadratic_fit(a_e, e), cp = quadratic_fit(a_p, p);
+    const double a_min = 5.578 - ce[1] / (2.0 * ce[2]);
+    // P(a) = 10 on the fitted curve: the root inside the sampled range.
+    const double disc = std::sqrt(cp[1] * cp[1] - 4.0 * cp[2] * (cp[0] - 10.0));
+    const double r1 = (-cp[1] - disc) / (2.0 * cp[2]), r2 = (-cp[1] + disc) / (2.0 * cp[2]);
+    const double a_p10 = 5.445 + (std::fabs(r1) < std::fabs(r2) ? r1 : r2);
+    ASSERT_GT(a_p10, 5.425);
+    ASSERT_LT(a_p10, 5.465);
+    // A triclinic start: strained, sheared, rattled.
+    const double s = 5.43;
+    const cell3 start = {
+        {{1.02 * s, 0.015 * s, 0.0}, {0.0, 0.99 * s, 0.01 * s}, {0.01 * s, 0.0, 1.01 * s}}};
+    std::vector<atom> atoms = diamond(s, 1);
+    for (atom& x : atoms) {
+        const double f[3] = {x.x / s, x.y / s, x.z / s};
+        x.x = f[0] * start[0][0] + f[1] * start[1][0] + f[2] * start[2][0];
+        x.y = f[0] * start[0][1] + f[1] * start[1][1] + f[2] * start[2][1];
+        x.z = f[0] * start[0][2] + f[1] * start[1][2] + f[2] * start[2][2];
+    }
+    const std::string pos = poslyrt(start, shaken(atoms, 0.03), 1);
+    for (const double target : {0.0, 10.0}) {
+        const std::string name = target == 0.0 ? "relax0" : "relax10";
+        const run_result r =
+            run_case(dir / name, pos,
+                     "ions_algo = 1\nn_steps = 200\nions_max_force = 1e-4\nions_delta_e = 0\n"
+                     "relax_cell = T\npressure = " +
+                         std::to_string(target) + "\n",
+                     tbparam("Si"));
+        ASSERT_EQ(r.status, 0) << read_text(dir / name / "ERRLYRT");
+        EXPECT_NE(read_text(dir / name / "stdout.txt").find("Force and stress tolerances reached"),
+                  std::string::npos)
+            << name;
+        const auto a = cell_of(dir / name / "POSCONT");
+        const double want = target == 0.0 ? a_min : a_p10;
+        for (int i = 0; i < 3; ++i) {
+            EXPECT_NEAR(std::sqrt(dot3(a[i], a[i])), want, target == 0.0 ? 1e-3 : 0.005 * want / 3)
+                << name << " a_" << i + 1;
+            for (int j = i + 1; j < 3; ++j)
+                EXPECT_LT(std::fabs(dot3(a[i], a[j])) / dot3(a[i], a[i]), 1e-4) << name;
+        }
+        EXPECT_NEAR(last_value(r.report, "Pressure:") * 160.21766208, target, 0.01) << name;
     }
 }
 

@@ -197,6 +197,21 @@ TEST_F(ReadInput, UnknownCodesAndValuesOutOfRangeStop) {
         io_reset();
         open_units();
     }
+    try {
+        read("relax_cell = maybe\n");
+        ADD_FAILURE() << "relax_cell = maybe must stop";
+    } catch (const fatal_stop& stop) {
+        EXPECT_EQ(stop.message, "unknown relax_cell 'maybe': use T, F or volume");
+    }
+    io_reset();
+    open_units();
+    // A relaxation of the cell computes the stress, whose deviation drives the cell.
+    read("ions_algo = 1\nn_steps = 5\nrelax_cell = volume\npressure = 2.5\n");
+    EXPECT_EQ(i_algo.relax_cell, relax_cell_volume);
+    EXPECT_TRUE(i_algo.calc_stress);
+    EXPECT_EQ(i_algo.pressure, 2.5);
+    io_reset();
+    open_units();
     EXPECT_THROW(read("kpm_block_size = 0\n"), fatal_stop);
     io_reset();
     open_units();
