@@ -6,6 +6,7 @@
 #include "linear/ls_module.hpp"
 #include "parallel/mpi_module.hpp"
 #include "run/system_def_module.hpp"
+#include "system/constants_module.hpp"
 
 #include <cmath>
 #include <cstdlib>
@@ -108,7 +109,14 @@ void save_step_to_files(box_type& box, ions_state_type& st, const i_algo_type& i
                    st.e_tot - st.e_tot_ref});
     } else {
         write_fmt(stdout_unit, "(I5,2E16.8)", {st.step, st.e_pot - st.e_pot_ref, max_force(ions)});
-        write_fmt(ene_unit, "(I9,2E20.12)", {st.step, st.e_pot - st.e_pot_ref, max_force(ions)});
+        if (i_algo.algo == ions_algo_cg_relax && i_algo.relax_cell != relax_cell_none)
+            // The cell moves: its volume and the pressure beside the energy and forces.
+            write_fmt(ene_unit, "(I9,4E20.12)",
+                      {st.step, st.e_pot - st.e_pot_ref, max_force(ions), cell_vol(box.cell),
+                       st.pressure * ev_per_a3_to_gpa});
+        else
+            write_fmt(ene_unit, "(I9,2E20.12)",
+                      {st.step, st.e_pot - st.e_pot_ref, max_force(ions)});
         if (i_algo.algo == ions_algo_cg_relax) st.e_pot_ref = st.e_pot;
     }
     unit_close(ene_unit);
@@ -372,7 +380,12 @@ void print_system_status(box_type& box, ions_state_type& st, const i_algo_type& 
             "#Step   Time (fs)   Temp (K)    Ekin ions (eV)      Epot ions (eV)     Etot ions (eV)",
             "#Step  dEpot ions (eV)    Max force (eV)", "#Step  Epot ions (eV)     Max force (eV)"};
         const int h = i_algo.algo == ions_algo_md ? 0 : (i_algo.algo == ions_algo_cg_relax ? 1 : 2);
-        if (mask & save_ene) start_file(ene_unit, data_file_names.ene, heads[h]);
+        const char* cell_head =
+            "#Step  dEpot ions (eV)    Max force (eV)    Volume (A^3)    Pressure (GPa)";
+        const bool cell_moves =
+            i_algo.algo == ions_algo_cg_relax && i_algo.relax_cell != relax_cell_none;
+        if (mask & save_ene)
+            start_file(ene_unit, data_file_names.ene, cell_moves ? cell_head : heads[h]);
         if (mask & save_pos) start_file(pos_unit, data_file_names.pos, nullptr);
         if (mask & save_vel) start_file(vel_unit, data_file_names.vel, nullptr);
         if (mask & save_for) start_file(for_unit, data_file_names.force, nullptr);

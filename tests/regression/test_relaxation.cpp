@@ -193,6 +193,15 @@ TEST_F(Relaxation, CellRelaxesToTheEnergyMinimumAndToAPressure) {
                 EXPECT_LT(std::fabs(dot3(a[i], a[j])) / dot3(a[i], a[i]), 1e-4) << name;
         }
         EXPECT_NEAR(last_value(r.report, "Pressure:") * 160.21766208, target, 0.01) << name;
+        // ENE gains the volume and the pressure of each step.
+        const auto ene = read_lines(dir / name / "ENE");
+        ASSERT_GT(ene.size(), 3u) << name;
+        EXPECT_NE(ene.front().find("Volume (A^3)    Pressure (GPa)"), std::string::npos);
+        std::istringstream last(ene.back());
+        double step = 0, de = 0, f = 0, vol = 0, pressure = 0;
+        last >> step >> de >> f >> vol >> pressure;
+        EXPECT_NEAR(vol, want * want * want, 0.01 * want * want * want) << name;
+        EXPECT_NEAR(pressure, target, 0.5) << name;
     }
 }
 
