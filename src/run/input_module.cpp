@@ -400,6 +400,10 @@ void read_input(std::string_view file_name, elec_algo_type& elec_algo, i_algo_ty
     if (i_algo.relax_cell != relax_cell_none && i_algo.algo == ions_algo_cg_relax &&
         i_algo.n_steps > 0)
         i_algo.calc_stress = true;
+    else if (i_algo.relax_cell != relax_cell_none)
+        warning_error("relax_cell moves the cell in a relaxation (ions_algo = 1 with n_steps > "
+                      "0) only: the cell of this run stays as it is",
+                      "read_input", mod);
     read_real(f, "tau_t", i_algo.tau_t, di.tau_t);
     if (i_algo.thermostat == thermostat_csvr && !(i_algo.tau_t > 0.0))
         fatal_error("thermostat = 3 (canonical velocity rescaling) needs tau_t, its relaxation "
