@@ -668,11 +668,17 @@ void ls_local(ls_state_type& ls, const hamiltonian_type& ham, const scc_type& sc
               farray<double, 1>& e_local) {
     ensure_blocks(ls, ham, false);
     ensure_blocks(ls, ham, true);
+    // The band energy of ion i: the projection of 2W = -(-2W).
+    local_proj_dm_r(ham, ls.dm_w, -1.0, e_local);
+    if (scc.used) {
+        // The charges are those of the charge loop; each ion's share of its
+        // double-counting term joins its band energy, as on the dense path.
+        get_scc_deloc(scc, 0.0, ions.qion, e_local);
+        return;
+    }
     ions.qion.fill(0.0);
     local_proj_dm_r(ham, ls.dm, 1.0, ions.qion);
     for (int i = 1; i <= ions.total_n_ions; ++i) ions.qion(i) -= scc.qi0(i);
-    // The band energy of ion i: the projection of 2W = -(-2W).
-    local_proj_dm_r(ham, ls.dm_w, -1.0, e_local);
 }
 
 } // namespace lyrt

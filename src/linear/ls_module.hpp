@@ -84,9 +84,9 @@ void ls_density_blocks(ls_state_type& ls, const hamiltonian_type& ham, bool ener
 void ls_forces(ls_state_type& ls, hamiltonian_type& ham, ions_type& ions, const box_type& box,
                double fboost, const scc_type* scc = nullptr);
 
-// Net Mulliken charges (into ions.qion) and band energies per ion (added into
-// e_local) of the last ground state without charges: the projections of 2P and
-// 2W with S.
+// Band energies per ion (added into e_local) of the last ground state: the
+// projections of 2W with S; without charges also the net Mulliken charges (into
+// ions.qion) from 2P, with charges the double-counting term of each ion added.
 void ls_local(ls_state_type& ls, const hamiltonian_type& ham, const scc_type& scc, ions_type& ions,
               farray<double, 1>& e_local);
 // The electronic stress (into box.cell.sig, eV/Angstrom^3) from the last ls_calc:

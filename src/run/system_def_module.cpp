@@ -165,12 +165,6 @@ void init_system_elec() {
         sys.elec_state->kpm = &sys.kpm_state;
     }
     if (uses(elec_algo_ls)) {
-        // Local energies with charges are not part of the block-sparse solver yet.
-        if (sys.i_algo.calc_elocal && sys.elec_algo.scc_used)
-            fatal_error("the linear-scaling solver (elec_gs_algo or elec_md_algo 5) does not take "
-                        "local energies with charges (calc_elocal with scc_used) yet: choose the "
-                        "diagonalisation (2) for this run",
-                        elec_algo_ls, proc, mod);
         sys.ls_state.eps_filter = sys.elec_algo.ls_eps_filter;
         sys.ls_state.sigma = sys.kpt.sigma;
         ls_init(sys.ls_state, sys.ham, sys.box, sys.n_electrons);

@@ -84,7 +84,8 @@ TEST_F(DistributedRuns, LinearScalingRunsMatchTheDenseRun) {
         EXPECT_NEAR(last_value(ls_loc.report, what), last_value(dense_loc.report, what), 1e-6)
             << what;
     // Self-consistent charges (U = 6 eV on Si): the charge loop over the purification.
-    const std::string q = "n_steps = 0\nscc_used = T\nscc_mixer = broyden\ncharge_mixing = 0.3\n";
+    const std::string q = "n_steps = 0\nscc_used = T\nscc_mixer = broyden\ncharge_mixing = 0.3\n"
+                          "calc_elocal = T\n";
     const run_result dense_q = run_case(dir / "dense_q", pos, q, with_hubbard("Si", {6.0}));
     const run_result ls_q =
         run_case(dir / "ls_q", pos, q + "elec_gs_algo = 5\n", with_hubbard("Si", {6.0}), 1);
@@ -93,6 +94,9 @@ TEST_F(DistributedRuns, LinearScalingRunsMatchTheDenseRun) {
     ASSERT_EQ(ls_q.force.size(), 64u);
     for (std::size_t i = 0; i < 64; ++i)
         EXPECT_NEAR(ls_q.force[i][0], dense_q.force[i][0], 1e-4) << "ion " << i;
+    // Local energies with charges: band shares and double counting as the dense run's.
+    for (const char* what : {"Sum of local energy  :", "Maximum local energy :"})
+        EXPECT_NEAR(last_value(ls_q.report, what), last_value(dense_q.report, what), 1e-6) << what;
     // Smeared copper: the potential energy is the free energy E - T S, as that of
     // the dense run with charges (here with U = 0, the charges without effect),
     // with its forces and pressure; without -T S it is the energy of the dense run
