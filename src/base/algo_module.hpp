@@ -148,6 +148,7 @@ struct i_algo_type {
     int relax_cell = 0;
     double pressure = 0.0;
     double cell_max_stress = 0.01;
+    bool cell_free[6] = {true, true, true, true, true, true}; // strains xx yy zz yz xz xy
     // Langevin tables, per species (set up with the ions).
     farray<double, 1> lgv_sigma;   // random-force strength (Verlet)
     farray<double, 1> lgv_sigma_r; // position noise (velocity Verlet)

@@ -686,6 +686,13 @@ struct cg_type {
     double p_target = 0.0; // eV/Angstrom^3
 };
 
+// The Voigt index (0-based: xx yy zz yz xz xy) of strain component (a, b), 1-based.
+int voigt(int a, int b) {
+    if (a == b) return a - 1;
+    const int s = a + b; // 5: yz, 4: xz, 3: xy
+    return s == 5 ? 3 : (s == 4 ? 4 : 5);
+}
+
 // A new cell a for the box: its image cells and sub-boxes follow.
 void set_cell(box_type& box, const farray<double, 2>& a) {
     cell_init_cell(box.cell, a);
@@ -912,6 +919,8 @@ double cg_forces(cg_type& cg) {
                 double s = 0.5 * (c.sig(a, b) + c.sig(b, a)) - (a == b ? cg.p_target : 0.0);
                 if (run.i_algo.relax_cell == relax_cell_volume)
                     s = a == b ? mean - cg.p_target : 0.0;
+                else if (!run.i_algo.cell_free[voigt(a, b)])
+                    s = 0.0;
                 cg.g(a, n + b) = f * s;
             }
     }
@@ -928,7 +937,8 @@ double stress_deviation(const cg_type& cg) {
     else
         for (int a = 1; a <= 3; ++a)
             for (int b = 1; b <= 3; ++b)
-                d = std::max(d, std::fabs(c.sig(a, b) - (a == b ? cg.p_target : 0.0)));
+                if (cg.run.i_algo.cell_free[voigt(a, b)])
+                    d = std::max(d, std::fabs(c.sig(a, b) - (a == b ? cg.p_target : 0.0)));
     return d * ev_per_a3_to_gpa;
 }
 

@@ -394,6 +394,20 @@ void read_input(std::string_view file_name, elec_algo_type& elec_algo, i_algo_ty
                     mod);
     read_real(f, "pressure", i_algo.pressure, di.pressure);
     read_real(f, "cell_max_stress", i_algo.cell_max_stress, di.cell_max_stress);
+    // Which strains the relaxation may change, in Voigt order (xx yy zz yz xz xy).
+    f.known.emplace_back("cell_free");
+    if (i_am_master) {
+        bool v[6] = {true, true, true, true, true, true};
+        int n = 0, status = 0;
+        get_keyword(false, f.name, f.unit, "cell_free", '=', '!', ';', 'L',
+                    {.log_values = std::span<bool>(v, 6)}, n, 6, status);
+        check_input_error(status, "cell_free", f);
+        if (status == kw_ok && n != 6)
+            fatal_error("cell_free takes six logicals, the strains xx yy zz yz xz xy", n,
+                        "read_input", mod);
+        for (int k = 0; k < 6; ++k) i_algo.cell_free[k] = status == kw_ok ? v[k] : true;
+    }
+    for (bool& x : i_algo.cell_free) bcast_logical(x);
     check_range("cell_max_stress", i_algo.cell_max_stress, i_algo.cell_max_stress > 0.0,
                 "a stress tolerance must be above 0 GPa");
     // The cell's forces are the stress's deviation from the target pressure.

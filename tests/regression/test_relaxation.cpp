@@ -203,6 +203,21 @@ TEST_F(Relaxation, CellRelaxesToTheEnergyMinimumAndToAPressure) {
         EXPECT_NEAR(vol, want * want * want, 0.01 * want * want * want) << name;
         EXPECT_NEAR(pressure, target, 0.5) << name;
     }
+    // With the shears frozen only the three diagonal strains relax, and their
+    // stresses reach the tolerance.
+    const run_result r = run_case(dir / "diagonal", pos,
+                                  "ions_algo = 1\nn_steps = 200\nions_max_force = 1e-4\n"
+                                  "ions_delta_e = 0\nrelax_cell = T\ncell_free = T T T F F F\n",
+                                  tbparam("Si"));
+    ASSERT_EQ(r.status, 0);
+    const auto a = cell_of(dir / "diagonal" / "POSCONT");
+    // A diagonal strain scales each Cartesian component of every vector alike.
+    EXPECT_NEAR(a[0][0] / start[0][0], a[2][0] / start[2][0], 1e-9);
+    EXPECT_NEAR(a[0][1] / start[0][1], a[1][1] / start[1][1], 1e-9);
+    EXPECT_NEAR(a[1][2] / start[1][2], a[2][2] / start[2][2], 1e-9);
+    EXPECT_GT(std::fabs(a[0][0] - start[0][0]), 0.02); // and the diagonal did relax
+    EXPECT_NE(read_text(dir / "diagonal" / "stdout.txt").find("Force and stress tolerances"),
+              std::string::npos);
 }
 
 // Frozen coordinates stay where they are; with all of them frozen there is
