@@ -40,6 +40,11 @@ constexpr int thermostat_csvr = 3; // canonical sampling through velocity rescal
 constexpr int relax_cell_none = 0;
 constexpr int relax_cell_full = 1;
 constexpr int relax_cell_volume = 2;
+// Barostats of i_algo%barostat (dynamics at constant pressure by stochastic cell
+// rescaling): the volume alone, or every strain of the cell.
+constexpr int barostat_none = 0;
+constexpr int barostat_isotropic = 1;
+constexpr int barostat_anisotropic = 2;
 
 // The codes each code keyword has, first to last: read_input refuses any other with
 // a message that names them, so the dispatchers' remaining branches are guards that
@@ -52,6 +57,7 @@ constexpr code_range elec_algo_codes{elec_algo_sd, elec_algo_ls};
 constexpr code_range ions_algo_codes{ions_algo_md, ions_algo_test_stress};
 constexpr code_range eom_codes{eom_verlet, eom_velocity_verlet};
 constexpr code_range thermostat_codes{thermostat_none, thermostat_csvr};
+constexpr code_range barostat_codes{barostat_none, barostat_anisotropic};
 constexpr code_range init_vel_codes{0, 4};   // veloc_start
 constexpr code_range elec_start_codes{0, 1}; // elec_start: 1 loads the orbitals of WFS
 constexpr bool code_known(code_range r, int code) {
@@ -149,6 +155,15 @@ struct i_algo_type {
     double pressure = 0.0;
     double cell_max_stress = 0.01;
     bool cell_free[6] = {true, true, true, true, true, true}; // strains xx yy zz yz xz xy
+    // Constant-pressure dynamics: the barostat, its relaxation time (fs), the
+    // compressibility that sets its coupling (1/GPa), the ionic steps between two of
+    // its steps, and the energy it has taken out of the system so far (eV), which the
+    // effective energy adds back. The target is the pressure above.
+    int barostat = 0;
+    double tau_p = 0.0;
+    double compressibility = 0.01;
+    int barostat_steps = 10;
+    double e_barostat = 0.0;
     // Langevin tables, per species (set up with the ions).
     farray<double, 1> lgv_sigma;   // random-force strength (Verlet)
     farray<double, 1> lgv_sigma_r; // position noise (velocity Verlet)

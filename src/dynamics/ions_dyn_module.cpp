@@ -48,6 +48,22 @@ void refresh_lists(box_type& box) {
     if (debug > 1) pbc_print(box, report_unit);
 }
 
+// The Voigt index (0-based: xx yy zz yz xz xy) of strain component (a, b), 1-based.
+int voigt(int a, int b) {
+    if (a == b) return a - 1;
+    const int s = a + b; // 5: yz, 4: xz, 3: xy
+    return s == 5 ? 3 : (s == 4 ? 4 : 5);
+}
+
+// A new cell a for the box: its image cells and sub-boxes follow.
+void set_cell(box_type& box, const farray<double, 2>& a) {
+    cell_init_cell(box.cell, a);
+    box_init(box, box.r_cut, box.lo_rad);
+    box_calc_ic_list(box);
+    box_reset(box);
+    box_init_sb_list(box);
+}
+
 // The ground state, the boost of hyper dynamics, and the forces of the present positions.
 void energy_and_forces(ions_run_type& run) {
     auto& [box, ions_state, i_algo, elec, elec_algo, ham] = run;
@@ -62,6 +78,73 @@ void energy_and_forces(ions_run_type& run) {
             calc_fboost_factor(ions_state, i_algo.e_boost, i_algo.a_boost, i_algo.temperature);
     }
     forces_calc(ham, box.ions, box, i_algo, e, elec_algo, ions_state.fboost);
+}
+
+double kinetic_tensor(const ions_type& ions, double kin[3][3]) {
+    for (int a = 0; a < 3; ++a)
+        for (int b = 0; b < 3; ++b) kin[a][b] = 0.0;
+    for (int i = 1; i <= ions.total_n_ions; ++i) {
+        const double m = ions.mass(ions.type(i));
+        for (int a = 0; a < 3; ++a)
+            for (int b = 0; b < 3; ++b)
+                kin[a][b] += m * ions.v_of_t(a + 1, i, 1) * ions.v_of_t(b + 1, i, 1);
+    }
+    return 0.5 * (kin[0][0] + kin[1][1] + kin[2][2]);
+}
+
+// One step of the barostat at the end of an ionic step (velocities complete): the
+// cell, the positions and the velocities are strained, r -> mu r, v -> mu^-1 v with
+// mu = exp(de), and the ground state and forces are those of the strained system.
+// Its energy is computed, not estimated, so that the effective energy charges the
+// barostat with exactly the change of E_kin + E_pot + p V it made.
+void barostat_step(ions_run_type& run) {
+    auto& [box, ions_state, i_algo, elec, elec_algo, ham] = run;
+    ions_type& ions = box.ions;
+    const int n = ions.total_n_ions;
+    const double p_target = i_algo.pressure / ev_per_a3_to_gpa;
+    const double v0 = cell_vol(box.cell);
+    double kin[3][3];
+    const double h0 = ions_state.e_pot + kinetic_tensor(ions, kin) + p_target * v0;
+    double p_int[3][3];
+    for (int a = 0; a < 3; ++a)
+        for (int b = 0; b < 3; ++b)
+            p_int[a][b] =
+                0.5 * (box.cell.sig(a + 1, b + 1) + box.cell.sig(b + 1, a + 1)) + kin[a][b] / v0;
+    double de[3][3];
+    scr_strain(de, p_int, v0, k_b * i_algo.temperature, i_algo.barostat_steps * i_algo.dt, i_algo);
+    // mu = exp(de) to third order (de is of order 1e-3), and its inverse.
+    double mu[9], mu_inv[9]; // column-major
+    for (int a = 0; a < 3; ++a)
+        for (int b = 0; b < 3; ++b) {
+            double d2 = 0.0, d3 = 0.0;
+            for (int c = 0; c < 3; ++c) d2 += de[a][c] * de[c][b];
+            for (int c = 0; c < 3; ++c)
+                for (int e = 0; e < 3; ++e) d3 += de[a][c] * de[c][e] * de[e][b];
+            mu[a + 3 * b] = (a == b ? 1.0 : 0.0) + de[a][b] + d2 / 2.0 + d3 / 6.0;
+        }
+    cell_calc_reciprocal(mu, mu_inv);
+    auto apply = [](const double* m, double* x) {
+        const double y[3] = {x[0], x[1], x[2]};
+        for (int a = 0; a < 3; ++a) x[a] = m[a] * y[0] + m[a + 3] * y[1] + m[a + 6] * y[2];
+    };
+    for (int i = 1; i <= n; ++i) {
+        apply(mu, &ions.r_of_t(1, i, 1));
+        apply(mu_inv, &ions.v_of_t(1, i, 1));
+        for (int k = 1; k <= 3; ++k)
+            if (ions.frozen(k, i)) ions.v_of_t(k, i, 1) = 0.0;
+    }
+    farray<double, 2> a;
+    a.allocate({1, 1}, {3, 3});
+    for (int j = 1; j <= 3; ++j) {
+        double col[3] = {box.cell.a(1, j), box.cell.a(2, j), box.cell.a(3, j)};
+        apply(mu, col);
+        for (int i = 1; i <= 3; ++i) a(i, j) = col[i - 1];
+    }
+    set_cell(box, a);
+    refresh_lists(box);
+    energy_and_forces(run);
+    const double h1 = ions_state.e_pot + kinetic_tensor(ions, kin) + p_target * cell_vol(box.cell);
+    i_algo.e_barostat -= h1 - h0;
 }
 
 // The step's report; the report routine reads the step's seconds for its progress line.
@@ -154,6 +237,10 @@ void run_steps(ions_run_type run, const char* proc, int mover, md_work_type* wor
                     for (int k = 1; k <= 3; ++k)
                         if (!ions.frozen(k, i)) ions.v_of_t(k, i, 1) *= alpha;
             }
+            // The barostat every barostat_steps steps of the run's count, so that a
+            // continued run keeps the rhythm of the uninterrupted one.
+            if (i_algo.barostat != barostat_none && ions_state.step % i_algo.barostat_steps == 0)
+                barostat_step(run);
         }
         report_step(run, step_start);
         if (ions_state.step >= last_step) break;
@@ -387,6 +474,37 @@ void move_eom_sv(bool first_step, ions_type& ions, box_type& box, ions_state_typ
             ions.v_of_t(k, i, 1) = (3.0 * r_next - 4.0 * r_now + r_before) * i_algo.inv_2dt;
         }
     }
+}
+
+void scr_strain(double de[3][3], const double p_int[3][3], double volume, double kt, double t_step,
+                const i_algo_type& i_algo) {
+    const double beta = i_algo.compressibility * ev_per_a3_to_gpa; // Angstrom^3 / eV
+    const double p_target = i_algo.pressure / ev_per_a3_to_gpa;
+    const double rate = beta / i_algo.tau_p * t_step;
+    for (int a = 0; a < 3; ++a)
+        for (int b = 0; b < 3; ++b) de[a][b] = 0.0;
+    if (i_algo.barostat == barostat_isotropic) {
+        const double p = (p_int[0][0] + p_int[1][1] + p_int[2][2]) / 3.0;
+        const double d_ln_v =
+            rate * (p - p_target) + std::sqrt(2.0 * kt * rate / volume) * random_norm();
+        for (int a = 0; a < 3; ++a) de[a][a] = d_ln_v / 3.0;
+        return;
+    }
+    // Each strain a Langevin coordinate of mobility beta / (3 V tau_p): the diagonal
+    // ones driven by V (P_aa - p), the shears (whose strain appears twice in the work)
+    // with half that mobility by V P_ab; their traces add up to the isotropic step.
+    const double noise = std::sqrt(2.0 * kt * rate / (3.0 * volume));
+    for (int a = 0; a < 3; ++a)
+        for (int b = a; b < 3; ++b) {
+            const double r = random_norm();
+            double d = 0.0;
+            if (a == b)
+                d = rate / 3.0 * (p_int[a][a] - p_target) + noise * r;
+            else
+                d = rate / 3.0 * p_int[a][b] + noise * r / std::sqrt(2.0);
+            if (!i_algo.cell_free[voigt(a + 1, b + 1)]) d = 0.0;
+            de[a][b] = de[b][a] = d;
+        }
 }
 
 double csvr_kinetic(double k, double k_target, int nf, double c, double r1, double sum_r2) {
@@ -685,22 +803,6 @@ struct cg_type {
     double length = 1.0;   // L, Angstrom
     double p_target = 0.0; // eV/Angstrom^3
 };
-
-// The Voigt index (0-based: xx yy zz yz xz xy) of strain component (a, b), 1-based.
-int voigt(int a, int b) {
-    if (a == b) return a - 1;
-    const int s = a + b; // 5: yz, 4: xz, 3: xy
-    return s == 5 ? 3 : (s == 4 ? 4 : 5);
-}
-
-// A new cell a for the box: its image cells and sub-boxes follow.
-void set_cell(box_type& box, const farray<double, 2>& a) {
-    cell_init_cell(box.cell, a);
-    box_init(box, box.r_cut, box.lo_rad);
-    box_calc_ic_list(box);
-    box_reset(box);
-    box_init_sb_list(box);
-}
 
 double largest_abs(const farray<double, 2>& a) {
     double m = 0.0;

@@ -44,6 +44,17 @@ double csvr_kinetic(double k, double k_target, int nf, double c, double r1, doub
 // i_algo.e_thermostat.
 double csvr_factor(double k, const ions_type& ions, i_algo_type& i_algo);
 
+// Stochastic cell rescaling (Bernetti and Bussi, J. Chem. Phys. 153, 114107 (2020)):
+// the strain de (symmetric, row-major) of one barostat step of t_step fs, from the
+// pressure tensor p_int (eV/Angstrom^3, the ions' kinetic part included), the volume
+// (Angstrom^3) and k_B T (eV), with the target pressure, tau_p, compressibility and
+// free strains of i_algo; draws one (isotropic) or six normal deviates from the
+// run's stream. The isotropic barostat strains uniformly by a third of the log-volume
+// step d ln V = beta / tau_p (P - p) dt + sqrt(2 k_B T beta dt / (V tau_p)) R, which in
+// Ito's sense leaves the distribution exp(-(F(V) + p V) / k_B T) dV invariant.
+void scr_strain(double de[3][3], const double p_int[3][3], double volume, double kt, double t_step,
+                const i_algo_type& i_algo);
+
 // Hyper dynamics: the local energy of the boosted ions, and the factor on their
 // band forces (stores the boost potential and the clock factor in ions_state).
 double sum_local_energy(const ions_type& ions);

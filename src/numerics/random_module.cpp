@@ -112,6 +112,34 @@ void random_pair(double& x, double& y, double sigma_x, double sigma_y, double c_
     y = sigma_y * (g1 * c_xy + g2 * std::sqrt(1.0 - c_xy * c_xy));
 }
 
+void random_get_state(std::span<double> state) {
+    if (!g.random_initialised) init_random(1802, 9373);
+    for (std::size_t i = 1; i <= 97; ++i) state[i - 1] = g.u[i];
+    state[97] = g.c;
+    state[98] = g.cd;
+    state[99] = g.cm;
+    state[100] = g.i97;
+    state[101] = g.j97;
+    state[102] = spare;
+    state[103] = random_norm_first ? 1.0 : 0.0;
+}
+
+void random_set_state(std::span<const double> state) {
+    for (std::size_t i = 1; i <= 97; ++i) g.u[i] = state[i - 1];
+    g.c = state[97];
+    g.cd = state[98];
+    g.cm = state[99];
+    g.i97 = static_cast<int>(state[100]);
+    g.j97 = static_cast<int>(state[101]);
+    // Indices out of the table would read past it: such a state is not one of ours.
+    if (g.i97 < 1 || g.i97 > 97 || g.j97 < 1 || g.j97 > 97)
+        fatal_error("random_state: the generator's indices must lie in 1..97", g.i97,
+                    "random_set_state", "random_module");
+    spare = state[102];
+    random_norm_first = state[103] != 0.0;
+    g.random_initialised = true;
+}
+
 void random_reset() {
     g = ranmar_state{};
     spare = 0.0;

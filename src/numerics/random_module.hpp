@@ -19,5 +19,10 @@ void random_mat(farray<double, 2>& m);
 double random_norm(); // Gaussian, mean 0, variance 1 (polar method)
 void random_pair(double& x, double& y, double sigma_x, double sigma_y, double c_xy);
 void random_reset(); // back to the state before any init_random
+// The whole state of the stream as numbers (a restart file carries them, so that a
+// continued run draws what the uninterrupted one would have drawn), and back.
+constexpr int random_state_size = 104;
+void random_get_state(std::span<double> state);
+void random_set_state(std::span<const double> state);
 
 } // namespace lyrt

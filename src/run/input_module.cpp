@@ -418,6 +418,32 @@ void read_input(std::string_view file_name, elec_algo_type& elec_algo, i_algo_ty
         warning_error("relax_cell moves the cell in a relaxation (ions_algo = 1 with n_steps > "
                       "0) only: the cell of this run stays as it is",
                       "read_input", mod);
+    // Dynamics at constant pressure: the cell follows the stress by stochastic rescaling.
+    read_int(f, "barostat", i_algo.barostat, di.barostat);
+    check_code("barostat", i_algo.barostat, barostat_codes);
+    read_real(f, "tau_p", i_algo.tau_p, di.tau_p);
+    read_real(f, "compressibility", i_algo.compressibility, di.compressibility);
+    read_int(f, "barostat_steps", i_algo.barostat_steps, di.barostat_steps);
+    const bool npt_run = i_algo.algo == ions_algo_md && i_algo.n_steps > 0;
+    if (i_algo.barostat != barostat_none && npt_run) {
+        if (!(i_algo.tau_p > 0.0))
+            fatal_error("a barostat needs tau_p, its relaxation time in fs, above 0", -1,
+                        "read_input", mod);
+        check_range("compressibility", i_algo.compressibility, i_algo.compressibility > 0.0,
+                    "a compressibility must be above 0 (1/GPa)");
+        check_range("barostat_steps", i_algo.barostat_steps, i_algo.barostat_steps >= 1,
+                    "the barostat acts every barostat_steps ionic steps, 1 or more");
+        if (i_algo.eom_algo != eom_velocity_verlet)
+            fatal_error("a barostat moves the cell with the velocities of velocity Verlet: set "
+                        "ions_eom_algo = 2",
+                        -1, "read_input", mod);
+        i_algo.calc_stress = true;
+    } else if (i_algo.barostat != barostat_none) {
+        warning_error("a barostat moves the cell in dynamics (ions_algo = 0 with n_steps > 0) "
+                      "only: the cell of this run stays as it is",
+                      "read_input", mod);
+        i_algo.barostat = barostat_none;
+    }
     read_real(f, "tau_t", i_algo.tau_t, di.tau_t);
     if (i_algo.thermostat == thermostat_csvr && !(i_algo.tau_t > 0.0))
         fatal_error("thermostat = 3 (canonical velocity rescaling) needs tau_t, its relaxation "
@@ -480,6 +506,11 @@ void read_input(std::string_view file_name, elec_algo_type& elec_algo, i_algo_ty
         if (i_algo.algo == ions_algo_test_stress && i_algo.n_steps > 0)
             fatal_error("the stress test needs an electronic stress, which the kernel polynomial "
                         "solver does not have",
+                        -1, "read_input", mod);
+        if (i_algo.barostat != barostat_none)
+            fatal_error("a barostat moves the cell by the stress, and the kernel polynomial "
+                        "solver has no electronic stress: choose the diagonalisation (2) or the "
+                        "linear-scaling solver (5)",
                         -1, "read_input", mod);
         if (i_algo.relax_cell != relax_cell_none && i_algo.n_steps > 0)
             fatal_error("relax_cell moves the cell by the stress, and the kernel polynomial "

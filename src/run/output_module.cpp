@@ -104,9 +104,18 @@ void save_step_to_files(box_type& box, ions_state_type& st, const i_algo_type& i
         write_fmt(
             stdout_unit, "(I5,4E16.8)",
             {st.step, st.temperature, st.e_kin, st.e_pot - st.e_pot_ref, st.e_tot - st.e_tot_ref});
-        write_fmt(ene_unit, "(I9,E13.6,F10.2,3E20.12)",
-                  {st.step, st.time, st.temperature, st.e_kin, st.e_pot - st.e_pot_ref,
-                   st.e_tot - st.e_tot_ref});
+        if (i_algo.barostat != barostat_none) {
+            // The cell moves: its volume and the pressure with the ions' kinetic part.
+            const double v = cell_vol(box.cell);
+            write_fmt(ene_unit, "(I9,E13.6,F10.2,5E20.12)",
+                      {st.step, st.time, st.temperature, st.e_kin, st.e_pot - st.e_pot_ref,
+                       st.e_tot - st.e_tot_ref, v,
+                       (st.pressure + 2.0 * st.e_kin / (3.0 * v)) * ev_per_a3_to_gpa});
+        } else {
+            write_fmt(ene_unit, "(I9,E13.6,F10.2,3E20.12)",
+                      {st.step, st.time, st.temperature, st.e_kin, st.e_pot - st.e_pot_ref,
+                       st.e_tot - st.e_tot_ref});
+        }
     } else {
         write_fmt(stdout_unit, "(I5,2E16.8)", {st.step, st.e_pot - st.e_pot_ref, max_force(ions)});
         if (i_algo.algo == ions_algo_cg_relax && i_algo.relax_cell != relax_cell_none)
@@ -384,8 +393,12 @@ void print_system_status(box_type& box, ions_state_type& st, const i_algo_type& 
             "#Step  dEpot ions (eV)    Max force (eV)    Volume (A^3)    Pressure (GPa)";
         const bool cell_moves =
             i_algo.algo == ions_algo_cg_relax && i_algo.relax_cell != relax_cell_none;
-        if (mask & save_ene)
-            start_file(ene_unit, data_file_names.ene, cell_moves ? cell_head : heads[h]);
+        const char* npt_head =
+            "#Step   Time (fs)   Temp (K)    Ekin ions (eV)      Epot ions (eV)  "
+            "   Etot ions (eV)    Volume (A^3)    Pressure (GPa)";
+        const char* head = cell_moves ? cell_head : heads[h];
+        if (i_algo.algo == ions_algo_md && i_algo.barostat != barostat_none) head = npt_head;
+        if (mask & save_ene) start_file(ene_unit, data_file_names.ene, head);
         if (mask & save_pos) start_file(pos_unit, data_file_names.pos, nullptr);
         if (mask & save_vel) start_file(vel_unit, data_file_names.vel, nullptr);
         if (mask & save_for) start_file(for_unit, data_file_names.force, nullptr);

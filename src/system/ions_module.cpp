@@ -11,6 +11,7 @@
 #include "system/constants_module.hpp"
 #include "system/setlat.hpp"
 
+#include <array>
 #include <cmath>
 #include <cstdio>
 #include <limits>
@@ -492,6 +493,8 @@ void ions_read_restart(i_algo_type& i_algo, ions_state_type& ions_state, std::st
     if (i_algo.n_steps <= 0) return;
     ions_type& ions = *ions_state.ions;
     cell_type& cell = ions_state.box->cell;
+    std::array<double, random_state_size> random_state{};
+    bool have_random_state = false;
     if (i_am_master && i_algo.algo == ions_algo_md) {
         const std::string name(file);
         const int unit = next_free_unit();
@@ -564,6 +567,28 @@ void ions_read_restart(i_algo_type& i_algo, ions_state_type& ions_state, std::st
                     {.real_values = e_th}, n, 1, status);
         check_input_error(status, "thermostat_energy", name);
         i_algo.e_thermostat = status == kw_ok ? e_th[0] : 0.0;
+        get_keyword(false, name, unit, "barostat_energy", '=', '!', ';', 'F', {.real_values = e_th},
+                    n, 1, status);
+        check_input_error(status, "barostat_energy", name);
+        i_algo.e_barostat = status == kw_ok ? e_th[0] : 0.0;
+        int found = 0;
+        for (std::size_t i = 0; i < random_state.size(); i += 18) {
+            const std::size_t m = std::min<std::size_t>(18, random_state.size() - i);
+            const std::string key = "random_state_" + std::to_string(i / 18 + 1);
+            get_keyword(false, name, unit, key, '=', '!', ';', 'F',
+                        {.real_values = std::span<double>(random_state).subspan(i, m)}, n,
+                        static_cast<int>(m), status);
+            check_input_error(status, key, name);
+            if (status == kw_ok && n != static_cast<int>(m))
+                fatal_error(key + " has " + std::to_string(n) + " numbers, not " +
+                                std::to_string(m),
+                            n, proc, mod);
+            if (status == kw_ok) ++found;
+        }
+        // The whole stream or none of it (a fresh stream from the seeds).
+        if (found != 0 && found != (random_state_size + 17) / 18)
+            fatal_error("the random_state lines are incomplete", found, proc, mod);
+        have_random_state = found != 0;
         double e[3] = {0, 0, 0};
         get_keyword(false, name, unit, "energies", '=', '!', ';', 'F', {.real_values = e}, n, 3,
                     status);
@@ -581,6 +606,16 @@ void ions_read_restart(i_algo_type& i_algo, ions_state_type& ions_state, std::st
     if (n_proc > 1) {
         ions_bcast_ions(ions);
         ions_bcast_state(ions_state);
+    }
+    // Every process goes on with the same clock, thermostat, barostat and stream.
+    for (double* x : {&ions_state.time, &i_algo.xi, &i_algo.xi_m1, &i_algo.xi_m2, &i_algo.dxi,
+                      &i_algo.e_thermostat, &i_algo.e_barostat, &ions_state.e_kin_ref,
+                      &ions_state.e_pot_ref, &ions_state.e_tot_ref})
+        bcast_real(*x);
+    bcast_logical(have_random_state);
+    if (have_random_state) {
+        for (double& x : random_state) bcast_real(x);
+        random_set_state(random_state);
     }
 }
 
@@ -614,6 +649,22 @@ void ions_save_state(const ions_state_type& ions_state, const i_algo_type& i_alg
                   {"nose =", i_algo.xi, i_algo.xi_m1, i_algo.xi_m2, i_algo.dxi});
     if (i_algo.thermostat == thermostat_csvr)
         write_fmt(unit, "(a,E25.16)", {"thermostat_energy =", i_algo.e_thermostat});
+    if (i_algo.barostat != barostat_none)
+        write_fmt(unit, "(a,E25.16)", {"barostat_energy =", i_algo.e_barostat});
+    // The random stream where the run has left it, so that a continued stochastic run
+    // draws what the uninterrupted one would have.
+    if (i_algo.algo == ions_algo_md) {
+        std::array<double, random_state_size> state{};
+        random_get_state(state);
+        // In lines of 18 numbers (a record of the keyword reader holds 500 characters).
+        for (std::size_t i = 0; i < state.size(); i += 18) {
+            const std::string key = "random_state_" + std::to_string(i / 18 + 1) + " =";
+            fitem_list line{key};
+            for (std::size_t j = i; j < std::min(i + 18, state.size()); ++j)
+                line.emplace_back(state[j]);
+            write_fmt(unit, "(a,18E25.16)", line);
+        }
+    }
     int levels = 0;
     if (i_algo.eom_algo == eom_verlet) levels = 3;
     if (i_algo.eom_algo == eom_velocity_verlet) levels = 2;
@@ -855,6 +906,10 @@ void ions_calc_energies(ions_state_type& ions_state, const i_algo_type& i_algo) 
                             0.5 * i_algo.q_nose_ions * i_algo.dxi * i_algo.dxi;
     // The velocity-rescaling thermostat's work added back: the effective energy.
     if (i_algo.thermostat == thermostat_csvr) ions_state.e_tot += i_algo.e_thermostat;
+    // At constant pressure the enthalpy, with the barostat's work added back.
+    if (i_algo.barostat != barostat_none)
+        ions_state.e_tot +=
+            i_algo.pressure / ev_per_a3_to_gpa * cell_vol(ions_state.box->cell) + i_algo.e_barostat;
     if (i_algo.calc_stress) {
         const cell_type& c = ions_state.box->cell;
         ions_state.pressure = (c.sig(1, 1) + c.sig(2, 2) + c.sig(3, 3)) / 3.0;

@@ -68,7 +68,7 @@ TEST_P(Examples, RunToTheirEnds) {
 INSTANTIATE_TEST_SUITE_P(Shipped, Examples,
                          ::testing::Values("si8", "si64", "cu4", "cu32", "si64_kpm", "si64_md",
                                            "cu32_nose", "si63_vacancy", "si8_selftest", "si64_csvr",
-                                           "si8_cell_relax"));
+                                           "si8_cell_relax", "si64_npt"));
 
 // The annotated positions file of the README runs as it stands: an ideal L1_2
 // crystal, where every ion sits at a centre of symmetry and feels no force.

@@ -92,21 +92,6 @@ TEST_F(Relaxation, RattledSiliconReturnsToTheCrystal) {
     }
 }
 
-// The cell vectors of the first three lines of a POSCONT (a_1 .. a_3 =).
-std::array<std::array<double, 3>, 3> cell_of(const std::filesystem::path& poscont) {
-    std::array<std::array<double, 3>, 3> a{};
-    const auto lines = read_lines(poscont);
-    for (std::size_t k = 0; k < 3 && k < lines.size(); ++k) {
-        std::istringstream in(lines[k].substr(lines[k].find('=') + 1));
-        in >> a[k][0] >> a[k][1] >> a[k][2];
-    }
-    return a;
-}
-
-double dot3(const std::array<double, 3>& x, const std::array<double, 3>& y) {
-    return x[0] * y[0] + x[1] * y[1] + x[2] * y[2];
-}
-
 // Least-squares quadratic c0 + c1 x + c2 x^2 through points (x, y), by the normal
 // equations solved by Cramer's rule.
 std::array<double, 3> quadratic_fit(const std::vector<double>& x, const std::vector<double>& y) {

@@ -144,6 +144,42 @@ TEST_F(ReadInput, ThermostatRules) {
     EXPECT_EQ(i_algo.tau_t, 40.0);
 }
 
+// A barostat needs its time, velocity Verlet and a run that moves; it switches
+// the stress on, and outside dynamics it warns and leaves the cell alone.
+TEST_F(ReadInput, BarostatRules) {
+    const std::string md = "ions_algo = 0\nn_steps = 5\nions_eom_algo = 2\n";
+    const std::pair<std::string, std::string> refused[] = {
+        {md + "barostat = 1\n", "a barostat needs tau_p, its relaxation time in fs, above 0"},
+        {"ions_algo = 0\nn_steps = 5\nions_eom_algo = 1\nbarostat = 2\ntau_p = 50\n",
+         "a barostat moves the cell with the velocities of velocity Verlet: set ions_eom_algo = 2"},
+        {md + "barostat = 3\n", "barostat = 3 is not a code of the program: its codes are 0 to 2"},
+        {md + "barostat = 1\ntau_p = 50\nelec_gs_algo = 4\nelec_md_algo = 4\n",
+         "a barostat moves the cell by the stress, and the kernel polynomial solver has no "
+         "electronic stress: choose the diagonalisation (2) or the linear-scaling solver (5)"}};
+    for (const auto& [input, message] : refused) {
+        io_reset();
+        open_units();
+        try {
+            read(input);
+            FAIL() << input;
+        } catch (const fatal_stop& stop) {
+            EXPECT_EQ(stop.message, message);
+        }
+    }
+    io_reset();
+    open_units();
+    read(md + "barostat = 2\ntau_p = 50\n");
+    EXPECT_TRUE(i_algo.calc_stress);
+    EXPECT_EQ(i_algo.barostat, barostat_anisotropic);
+    io_reset();
+    open_units();
+    read("ions_algo = 1\nn_steps = 5\nbarostat = 1\ntau_p = 50\n");
+    EXPECT_EQ(i_algo.barostat, barostat_none);
+    EXPECT_FALSE(i_algo.calc_stress);
+    EXPECT_EQ(errors().back(), "        a barostat moves the cell in dynamics (ions_algo = 0 with "
+                               "n_steps > 0) only: the cell of this run stays as it is");
+}
+
 TEST_F(ReadInput, SaveToFileSelectsAndRenames) {
     read("save_to_file = force\n"
          "save_to_file = pos traj.xyz\n"

@@ -226,10 +226,33 @@ std::vector<ene_row> read_ene(const std::filesystem::path& dir) {
             const std::string f = line.substr(at, width);
             return f.find('*') != std::string::npos ? std::nan("") : std::stod(f);
         };
-        rows.push_back({static_cast<int>(field(0, 9)), field(9, 13), field(22, 10), field(32, 20),
-                        field(52, 20), field(72, 20)});
+        ene_row r{static_cast<int>(field(0, 9)),
+                  field(9, 13),
+                  field(22, 10),
+                  field(32, 20),
+                  field(52, 20),
+                  field(72, 20)};
+        if (line.size() >= 132) {
+            r.volume = field(92, 20);
+            r.pressure = field(112, 20);
+        }
+        rows.push_back(r);
     }
     return rows;
+}
+
+cell3 cell_of(const std::filesystem::path& poscont) {
+    cell3 a{};
+    const auto lines = read_lines(poscont);
+    for (std::size_t k = 0; k < 3 && k < lines.size(); ++k) {
+        std::istringstream in(lines[k].substr(lines[k].find('=') + 1));
+        in >> a[k][0] >> a[k][1] >> a[k][2];
+    }
+    return a;
+}
+
+double dot3(const std::array<double, 3>& x, const std::array<double, 3>& y) {
+    return x[0] * y[0] + x[1] * y[1] + x[2] * y[2];
 }
 
 line_fit fit_total_energy(const std::vector<ene_row>& rows, std::size_t from) {

@@ -55,10 +55,12 @@ std::string example(const std::string& name, const std::string& file);
 // line of each species, in their order.
 std::string with_hubbard(const std::string& name, const std::vector<double>& u);
 
-// One line of the energies file ENE of a dynamics run (a field of stars reads as NaN).
+// One line of the energies file ENE of a dynamics run (a field of stars reads as NaN);
+// at constant pressure with the volume (Angstrom^3) and the pressure (GPa), else 0.
 struct ene_row {
     int step = 0;
     double time = 0, temperature = 0, e_kin = 0, e_pot = 0, e_tot = 0;
+    double volume = 0, pressure = 0;
 };
 std::vector<ene_row> read_ene(const std::filesystem::path& dir);
 // Least-squares line through the total energies of rows [from, end): its slope
@@ -71,5 +73,8 @@ double mean_temperature(const std::vector<ene_row>& rows, double from_time);
 // The number after a label of a report: the last line that holds it (NaN if none).
 double last_value(const std::string& text, const std::string& label);
 int count_of(const std::string& text, const std::string& what);
+// The cell vectors (rows) of the first three lines of a POSCONT (a_1 .. a_3 =).
+cell3 cell_of(const std::filesystem::path& poscont);
+double dot3(const std::array<double, 3>& x, const std::array<double, 3>& y);
 
 } // namespace lyrt_test
