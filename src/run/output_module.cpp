@@ -419,7 +419,9 @@ void print_system_status(box_type& box, ions_state_type& st, const i_algo_type& 
         if (i_algo.status_output_freq > 0 && st.step % i_algo.status_output_freq == 0) {
             if (st.skip_save == 0 && i_am_master)
                 save_step_to_files(box, st, i_algo, elec, elec_algo, tb_model);
-            if (i_am_master) {
+            // A driver run lists its points briefly (its own line per point): the
+            // configuration goes to the data files alone.
+            if (i_am_master && !i_algo.driver_ipi) {
                 reopen_units();
                 write_free(unit, {"------------------------------|", st.step,
                                   "|------------------------------"});

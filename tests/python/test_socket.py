@@ -61,6 +61,9 @@ class Socket(FolderTest):
         report = text(self.path("sock", "OUTLYRT"))
         self.assertIn("Driven by the i-PI server at /tmp/ipi_lyrt_", report)
         self.assertIn("-- LYRT end --", report)
+        # One brief line a point, the configuration only at the end.
+        self.assertEqual(report.count("------------------------------|"), 0)
+        self.assertEqual(report.count("FINAL CONFIGURATION"), 1)
         ene = [l for l in text(self.path("sock", "ENE")).splitlines() if not l.startswith("#")]
         self.assertEqual(len(ene), len(steps))
 
