@@ -808,6 +808,14 @@ void ions_init(ions_state_type& ions_state, i_algo_type& i_algo) {
     }
     if ((i_algo.start == 1 && i_algo.init_vel == 3) || i_algo.init_vel == 4)
         ions_rescale_velocities(ions_state, i_algo);
+    // The start velocities are drawn on process 0 alone: every process goes on with
+    // its stream, so that the thermostat's and barostat's draws agree everywhere.
+    if (n_proc > 1) {
+        std::array<double, random_state_size> state{};
+        random_get_state(state);
+        for (double& x : state) bcast_real(x);
+        random_set_state(state);
+    }
     if ((i_algo.algo != ions_algo_md && i_algo.algo != ions_algo_fixed_vel) || i_algo.n_steps == 0)
         ions.v.fill(0.0);
     // A run that starts afresh has no past: every older slot of the histories holds
