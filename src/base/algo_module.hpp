@@ -86,9 +86,11 @@ struct elec_algo_type {
     double ls_eps_filter = 1e-6; // linear-scaling solver: blocks below this norm are dropped
     bool eigen_vect = true;      // eigenvectors wanted
     int save_wfs = 0;
-    int start = 0;     // 1: load orbitals from WFS
-    int ns_extra = 0;  // extra states
-    double eta = 50.0; // orbital functional parameter, eV
+    int start = 0;            // 1: load orbitals from WFS
+    int ns_extra = 0;         // extra states
+    double eta = 50.0;        // orbital functional parameter, eV
+    bool eta_given = false;   // the input set eta (else the first step places it in the gap)
+    double start_scale = 0.5; // length of the starting orbitals (1: the unit-length start)
     int eta_mod_freq = 10;
     int eta_mod_delay = 5;
     double eta_mod_frac = 0.5;

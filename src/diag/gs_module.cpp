@@ -5,6 +5,7 @@
 #include "base/error_module.hpp"
 #include "base/io_module.hpp"
 #include "base/timing_module.hpp"
+#include "diag/orbital_run_module.hpp"
 #include "diag/secular_module.hpp"
 #include "kpm/kpm_module.hpp"
 #include "model/tb_hs_module.hpp"
@@ -35,9 +36,11 @@ void gs_calc(box_type& box, ions_state_type& ions_state, elec_state_type& elec,
         switch (elec_algo.algo) {
         case elec_algo_sd:
         case elec_algo_cg:
-            // The orbital minimiser needs the sparse H built before it; until then
-            // these codes can't run through this door.
-            plain_stop("FIX CALL TO TB_HS_CALC FIRST");
+            // The orbital minimiser works on the sparse H, built first; the orbitals of
+            // the last call start this one.
+            calc_hs_real(ham, ions, box);
+            elec.e = orbital_ground_state(ham, *elec.cg, *elec.scc, elec_algo, ions, calc_elocal);
+            break;
         case elec_algo_diag:
             solve_secular_eqn(ham, ions, box, *elec.eig, *elec.scc, elec_algo, 'g', jobz,
                               calc_elocal, ions.e_local);

@@ -39,6 +39,7 @@ struct cg_state_type {
     farray<double, 2> aux_orb_1, aux_orb_2, aux_orb_3, aux_orb_4, aux_orb_5;
     // Storage behind the descriptors: ions (rows), occupied orbitals (columns).
     int n_occ = 0;
+    bool started = false; // a run's first minimisation has been done
     bool non_orthogonal = false;
     pdist_type row_pdist, col_pdist;
 };

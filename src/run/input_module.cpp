@@ -8,6 +8,7 @@
 #include "parallel/mpi_module.hpp"
 
 #include <cctype>
+#include <cmath>
 #include <optional>
 #include <sstream>
 #include <vector>
@@ -281,7 +282,14 @@ void read_input(std::string_view file_name, elec_algo_type& elec_algo, i_algo_ty
     check_range("driver_timeout", i_algo.driver_timeout, i_algo.driver_timeout > 0.0,
                 "the seconds a message may take must be above 0");
     read_int(f, "output_level", elec_algo.output_level, de.output_level);
-    read_real(f, "eta", elec_algo.eta, de.eta);
+    // eta: absent, the orbital solver places it in the gap of the first step.
+    double eta = std::nan("");
+    read_real(f, "eta", eta, std::nan(""));
+    elec_algo.eta_given = !std::isnan(eta);
+    if (elec_algo.eta_given) elec_algo.eta = eta;
+    read_real(f, "elec_start_scale", elec_algo.start_scale, de.start_scale);
+    check_range("elec_start_scale", elec_algo.start_scale, elec_algo.start_scale > 0.0,
+                "the starting orbitals need a length above 0");
     read_int(f, "eta_mod_freq", elec_algo.eta_mod_freq, de.eta_mod_freq);
     read_int(f, "eta_mod_delay", elec_algo.eta_mod_delay, de.eta_mod_delay);
     read_real(f, "eta_mod_frac", elec_algo.eta_mod_frac, de.eta_mod_frac);

@@ -171,8 +171,18 @@ void init_system_elec() {
         sys.elec_state->ls = &sys.ls_state;
     }
     if (uses(elec_algo_sd) || uses(elec_algo_cg)) {
-        cg_state_allocate(sys.cg_state, sys.ham, sys.n_states, sys.elec_algo.lo_rad,
-                          sys.elec_algo.nh, sys.elec_algo.start);
+        // One orbital per pair of electrons: the solver has no smearing.
+        if (sys.kpt.sigma > 0.0)
+            fatal_error("the orbital solver fills n_electrons / 2 orbitals and has no smearing: "
+                        "set sigma = 0 or use the diagonalisation (elec_gs_algo = 2)",
+                        -1, proc, mod);
+        cg_state_allocate(sys.cg_state, sys.ham, static_cast<int>(sys.n_electrons) / 2,
+                          sys.elec_algo.lo_rad, sys.elec_algo.nh, sys.elec_algo.start);
+        // Orbitals of unit length start on the barrier of the functional (along an
+        // empty level of energy e above eta, E = 2 e (2 b^2 - b^4) peaks at b = 1),
+        // from where the search can run away: they start shorter.
+        if (sys.elec_algo.start != 1)
+            for (double& v : sys.cg_state.psi) v *= sys.elec_algo.start_scale;
         sys.elec_state->cg = &sys.cg_state;
     }
     scc_model_init(sys.scc, *sys.ions, sys.elec_algo.scc_used,
