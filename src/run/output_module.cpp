@@ -129,7 +129,9 @@ void save_step_to_files(box_type& box, ions_state_type& st, const i_algo_type& i
         if (i_algo.algo == ions_algo_cg_relax) st.e_pot_ref = st.e_pot;
     }
     unit_close(ene_unit);
-    if (elec_algo.save_wfs > 0 && elec != nullptr && elec->eig != nullptr) {
+    // The states of the dense solver, or the orbitals of the orbital solver.
+    if (elec_algo.save_wfs > 0 && elec != nullptr &&
+        (elec_algo.algo < elec_algo_diag ? elec->cg != nullptr : elec->eig != nullptr)) {
         unit_write(report_unit, "saving wave-functions to WFS...");
         elec_save_state(*elec, elec_algo, wfs_unit, "WFS");
         unit_write(report_unit, "done!");
@@ -148,7 +150,8 @@ void print_configuration(box_type& box, const ions_state_type& st, const i_algo_
 void save_restart(const ions_state_type& st, const i_algo_type& i_algo, elec_state_type* elec,
                   const elec_algo_type& elec_algo, bool diag, int unit) {
     ions_save_state(st, i_algo, cont_unit, "POSCONT");
-    if (elec_algo.save_wfs > 0 && diag) {
+    const bool orbitals = elec != nullptr && elec->cg != nullptr && elec_algo.algo < elec_algo_diag;
+    if (elec_algo.save_wfs > 0 && (diag || orbitals)) {
         unit_write(unit, "saving wave-functions to WFS...");
         elec_save_state(*elec, elec_algo, wfs_unit, "WFS");
         unit_write(unit, "done!");
