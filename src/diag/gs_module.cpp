@@ -39,7 +39,8 @@ void gs_calc(box_type& box, ions_state_type& ions_state, elec_state_type& elec,
             // The orbital minimiser works on the sparse H, built first; the orbitals of
             // the last call start this one.
             calc_hs_real(ham, ions, box);
-            elec.e = orbital_ground_state(ham, *elec.cg, *elec.scc, elec_algo, ions, calc_elocal);
+            elec.e = orbital_ground_state(ham, *elec.cg, *elec.scc, elec_algo, ions, calc_elocal,
+                                          ions_state.e_fict);
             break;
         case elec_algo_diag:
             solve_secular_eqn(ham, ions, box, *elec.eig, *elec.scc, elec_algo, 'g', jobz,

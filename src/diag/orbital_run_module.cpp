@@ -6,6 +6,7 @@
 #include "model/tb_hs_module.hpp"
 #include "numerics/lapack_module.hpp"
 #include "orbital/min_module.hpp"
+#include "orbital/unconst_ftn_module.hpp"
 #include "parallel/mpi_module.hpp"
 
 #include <algorithm>
@@ -24,6 +25,47 @@ constexpr int dense_levels_max = 4000;
 // The bound of the first step: twice the sum of the occupied levels (the minimum of
 // the functional with eta in the gap); none (-inf) with charges or without levels.
 double first_bound = -HUGE_VAL;
+
+// Whether the orbitals move as Car-Parrinello variables (from the step after a
+// minimisation on).
+bool cp_moving = false;
+
+// One Verlet step of the orbitals with the gradient of the step before (the
+// orbitals start at rest from the last minimum), then the energy and gradient of
+// the moved orbitals at the present positions, which the forces use.
+double car_parrinello_step(const hamiltonian_type& ham, cg_state_type& cg, scc_type& scc,
+                           const elec_algo_type& elec_algo, ions_type& ions, bool calc_elocal,
+                           double& e_fict) {
+    // emass was taken to eV fs^2 by the first minimisation.
+    const double coeff = 4.0 * elec_algo.dt * elec_algo.dt / elec_algo.emass;
+    if (!cp_moving) {
+        std::copy(cg.psi.begin(), cg.psi.end(), cg.psi_old.begin());
+        cp_moving = true;
+    }
+    update_cp_state(cg, coeff);
+    setup_heff(ham, scc, elec_algo.eta);
+    const double e = calc_gradient(ham, cg, scc, elec_algo.eta, ions.qion);
+    // Kinetic energy emass / 4 |dP/dt|^2 (the Lagrangian whose Verlet step this is),
+    // from the displacement of this step.
+    double v2 = 0.0;
+    for (std::size_t k = 0; k < cg.psi.size(); ++k) {
+        const double d = cg.psi.data()[k] - cg.psi_old.data()[k];
+        v2 += d * d;
+    }
+    e_fict = 0.25 * elec_algo.emass * v2 / (elec_algo.dt * elec_algo.dt);
+    double longest = 0.0;
+    for (int i = 1; i <= cg.n_occ; ++i) longest = std::max(longest, cg.s_dm(i, i));
+    if (!std::isfinite(e) || longest > 1.5)
+        fatal_error("the Car-Parrinello orbitals ran away (energy " +
+                        format_items("(ES14.6)", {e}) + " eV, longest orbital norm^2 " +
+                        format_items("(ES10.2)", {longest}) + "): a larger emass or a shorter dt",
+                    -1, "car_parrinello_step", mod);
+    if (calc_elocal) calc_elocal_cg(ham, cg, scc, elec_algo.eta, ions.qion, ions.e_local);
+    if (i_am_master)
+        write_free(report_unit,
+                   {" Car-Parrinello orbitals: fictitious kinetic energy", e_fict, "eV"});
+    return e;
+}
 
 } // namespace
 
@@ -81,12 +123,13 @@ double orbital_place_eta(const std::vector<double>& levels, int n_occ, const ele
 }
 
 double orbital_ground_state(const hamiltonian_type& ham, cg_state_type& cg, scc_type& scc,
-                            elec_algo_type& elec_algo, ions_type& ions, bool calc_elocal) {
+                            elec_algo_type& elec_algo, ions_type& ions, bool calc_elocal,
+                            double& e_fict) {
     const char* proc = "orbital_ground_state";
-    if (elec_algo.algo == elec_algo_sd)
-        fatal_error("Car-Parrinello orbital dynamics (code 0) is not available in runs yet: use "
-                    "the conjugate-gradient orbitals (1) or the diagonalisation (2)",
-                    -1, proc, mod);
+    e_fict = 0.0;
+    if (elec_algo.algo == elec_algo_sd && cg.started)
+        return car_parrinello_step(ham, cg, scc, elec_algo, ions, calc_elocal, e_fict);
+    cp_moving = false;
     const bool first = !cg.started;
     if (first) {
         const int n = ham.desc.n_row;

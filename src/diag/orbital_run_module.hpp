@@ -22,7 +22,11 @@ double orbital_place_eta(const std::vector<double>& levels, int n_occ, const ele
 // The ground state of the present positions by conjugate gradients on the orbitals
 // (H already built): returns the band energy with the free-atom energies, as the
 // minimiser gives it; the net charges go to ions.qion with charges on.
+// With code 0 after the first (minimised) step, one Car-Parrinello step of the
+// orbitals instead: the energy of the moved orbitals, and their fictitious kinetic
+// energy in e_fict (0 otherwise).
 double orbital_ground_state(const hamiltonian_type& ham, cg_state_type& cg, scc_type& scc,
-                            elec_algo_type& elec_algo, ions_type& ions, bool calc_elocal);
+                            elec_algo_type& elec_algo, ions_type& ions, bool calc_elocal,
+                            double& e_fict);
 
 } // namespace lyrt

@@ -908,7 +908,8 @@ void ions_calc_energies(ions_state_type& ions_state, const i_algo_type& i_algo) 
     const ions_type& ions = *ions_state.ions;
     ions_state.e_kin = kinetic_energy(ions, 1);
     ions_state.temperature = ions.dof > 0 ? two_k_b_inverse * ions_state.e_kin / ions.dof : 0.0;
-    ions_state.e_tot = ions_state.e_kin + ions_state.e_pot;
+    // With Car-Parrinello orbitals their fictitious kinetic energy is part of it.
+    ions_state.e_tot = ions_state.e_kin + ions_state.e_pot + ions_state.e_fict;
     if (i_algo.thermostat == thermostat_nose)
         ions_state.e_tot += 2.0 * i_algo.target_e_kin * i_algo.xi +
                             0.5 * i_algo.q_nose_ions * i_algo.dxi * i_algo.dxi;

@@ -63,6 +63,7 @@ struct ions_state_type {
     double time = 0.0;         // elapsed, fs
     double e_atoms = 0.0;      // energy of the free atoms, eV
     double e_pair = 0.0;       // classical pair energy, eV
+    double e_fict = 0.0;       // fictitious kinetic energy of Car-Parrinello orbitals, eV
     double e_local_sum = 0.0;  // local energy of the boosted ions, eV
     double fboost = 1.0;       // factor on their band forces
     double time_factor = 1.0;  // advance of the clock per step, in units of dt
